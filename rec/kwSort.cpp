@@ -1,0 +1,56 @@
+// QuickSort over an array of pointers, and stricmp_rus, the case-insensitive
+// comparison of 8-bit Latin and Windows-1251 Cyrillic text.
+#include "rec/kwBase.h"
+
+namespace {
+
+// Latin a..z (0x61..0x7A) and Cyrillic а..я (0xE0..0xFF) fold to upper case.
+// ё (0xB8) is deliberately not folded to Ё (0xA8): existing sorted data and
+// keys were built with this table.
+constexpr unsigned FoldCase(unsigned char c) {
+    return (c >= 0x61 && c <= 0x7A) || c >= 0xE0 ? c - 0x20u : c;
+}
+
+}  // namespace
+
+extern "C" {
+
+// Hoare partition around the pointer in the middle, taken once per pass (not
+// re-read as items move).  The left part is sorted recursively, the right one
+// by the loop.  Not stable; the context goes to every comparison.
+KWZ_API void QuickSort(void* context, void** items, int32_t lo, int32_t hi, KWLCompareFn compare) {
+    if (!items || !compare || lo >= hi) return;
+    do {
+        int32_t i = lo;
+        int32_t j = hi;
+        void* const pivot = items[(lo + hi) / 2];
+        do {
+            while (compare(context, items[i], pivot) < 0) ++i;
+            while (compare(context, items[j], pivot) > 0) --j;
+            if (i <= j) {
+                void* t = items[i];
+                items[i] = items[j];
+                items[j] = t;
+                ++i;
+                --j;
+            }
+        } while (i <= j);
+        if (lo < j) QuickSort(context, items, lo, j, compare);
+        lo = i;
+    } while (lo < hi);
+}
+
+// A null text compares as the empty text.
+KWZ_API int32_t stricmp_rus(const char* a, const char* b) {
+    if (!a) a = "";
+    if (!b) b = "";
+    const auto* p = reinterpret_cast<const unsigned char*>(a);
+    const auto* q = reinterpret_cast<const unsigned char*>(b);
+    for (;; ++p, ++q) {
+        const unsigned x = FoldCase(*p), y = FoldCase(*q);
+        if (x != y) return x < y ? -1 : 1;
+        if (x == 0) return 0;
+    }
+}
+
+}  // extern "C"

@@ -1,0 +1,347 @@
+// Records: lifecycle, field flags, text access and its state transitions,
+// value cells.
+#include <stdexcept>
+
+#include "record_fixture.h"
+
+using namespace rectest;
+
+namespace {
+
+// The log lines of the current test (level, tag, text), newest last.
+std::vector<std::string> g_log;
+void LogSink(int32_t level, const char* tag, const char* text) {
+    g_log.push_back(std::to_string(level) + " " + tag + " " + text);
+}
+
+uint32_t SlotWord(const Rec& rec, const KWRField* f, int at) {
+    uint32_t v = 0;
+    std::memcpy(&v, rec.r.image + f->offset + at, 4);
+    return v;
+}
+
+}  // namespace
+
+TEST(record_life, NewRecordIsAllNull) {
+    Type login(kLoginDef, 9);
+    Rec rec(login);
+    const std::vector<uint8_t> want = {26, 0, 0, 0, 0, 3, 0x8B, 0, 0, 0, 0, 0, 0, 0, 0,
+                                       0x8B, 0, 0, 0, 0, 0, 0, 0, 0, 0x81, 0};
+    EXPECT_EQ(want, rec.Bytes());
+    EXPECT_EQ(9u, rec.r.typeId);
+    EXPECT_EQ(3, rec.r.fieldCount);
+    EXPECT_EQ(0, rec.r.state);
+    Type type(kAllDef);
+    Rec all(type);
+    EXPECT_EQ(0x89, all.Header(type.F("Name")));
+    EXPECT_EQ(20, all.r.image[type.F("Name")->offset]);  // "CH" capacity byte
+    uint8_t isNull = 0;
+    EXPECT_EQ(0u, KWRIsNull(type.F("F64"), &all.r, &isNull));
+    EXPECT_EQ(1, isNull);
+    int32_t v = 9;
+    EXPECT_EQ(KWR_NULL, KWRGetAsInt32(type.F("S32"), &all.r, &v));
+    EXPECT_EQ(0, v);
+}
+
+TEST(record_life, FreeOfCorruptRecordThrowsAndLogs) {
+    KWLogFn previous = LogMessageSet(LogSink, 1);
+    auto expectCorrupt = [&](KWRData* record) {
+        g_log.clear();
+        try {
+            KWRRecFree(record);
+            ADD_FAILURE() << "no exception";
+        } catch (const std::runtime_error& e) {
+            EXPECT_STREQ("KWRRecFree RE_DATACORRUPT", e.what());
+        }
+        EXPECT_EQ(std::vector<std::string>{"1 Kwz.kwRec.KWRRecFree REC DATA CORRUPT"}, g_log);
+    };
+    expectCorrupt(nullptr);
+    Type type(kAllDef);
+    Rec rec(type);
+    rec.r.guard = 1;
+    expectCorrupt(&rec.r);
+    EXPECT_NE(nullptr, rec.r.image);  // left alone
+    EXPECT_EQ(KWR_CORRUPT, KWRRecNew(&type.t, &rec.r));
+    rec.r.guard = 0;
+    LogMessageSet(previous, 0);
+}
+
+// The slot walk runs only for a changed record and stops at a bad header
+// (type 0 included) before freeing anything.
+TEST(record_life, FreeStopsAtBadHeader) {
+    Type type(kAllDef);
+    Rec rec(type);
+    const KWRField* s8 = type.F("S8");
+    ASSERT_EQ(0u, KWRSetAsText(type.F("Memo"), &rec.r, 3, "abc"));  // owned block, state 255
+    for (uint8_t bad : {0x00, 0x0C, 0x8F}) {
+        rec.r.image[s8->offset - 1] = bad;
+        EXPECT_EQ(KWR_CORRUPT, KWRRecFree(&rec.r)) << +bad;
+        EXPECT_NE(nullptr, rec.r.image);
+        EXPECT_EQ("abc", Text(type.F("Memo"), &rec.r));
+    }
+    rec.r.image[s8->offset - 1] = 0x83;
+    EXPECT_EQ(0u, KWRRecFree(&rec.r));  // now frees the block (leak check)
+    EXPECT_EQ(nullptr, rec.r.image);
+    // A packed record is not walked: a bad header does not stop its free.
+    ASSERT_EQ(0u, KWRRecNew(&type.t, &rec.r));
+    rec.r.image[s8->offset - 1] = 0x0C;
+    EXPECT_EQ(0u, KWRRecFree(&rec.r));
+    EXPECT_EQ(0u, rec.r.typeId);
+}
+
+TEST(record_life, AdoptImage) {
+    Type type(kAllDef);
+    Rec rec(type);
+    uint8_t shortImage[6] = {5, 0, 0, 0, 0, 0};
+    EXPECT_EQ(KWR_CORRUPT, KWRRecSet(&rec.r, shortImage));
+    EXPECT_EQ(KWR_CORRUPT, KWRRecSet(&rec.r, nullptr));
+    EXPECT_NE(nullptr, rec.r.image);  // refused: the record keeps its image
+    ASSERT_EQ(0u, KWRSetAsInt32(type.F("S32"), &rec.r, -17));
+    ASSERT_EQ(0u, KWRSetFlags(&rec.r, 0x5A));
+    Rec copy;
+    ASSERT_EQ(0u, Adopt(&copy.r, rec.Bytes()));
+    EXPECT_EQ(rec.Bytes(), copy.Bytes());
+    EXPECT_EQ(0x5A, copy.r.flags);
+    EXPECT_EQ(11, copy.r.fieldCount);
+    EXPECT_EQ(0u, copy.r.typeId);
+    EXPECT_EQ(0, copy.r.state);
+}
+
+TEST(record_life, AllocAndRelease) {
+    Type type(kLoginDef);
+    KWRVal cells[3] = {TextCell(iFldType_Blob, "abcde", 5), TextCell(iFldType_Memo, "xyz", 3),
+                       NumCell(iFldType_Bool, "\x01", 1)};
+    KWRData* rec = KWRRecAlloc(&type.t, cells);
+    ASSERT_NE(nullptr, rec);
+    EXPECT_EQ(36u, rec->length);
+    EXPECT_EQ(0, rec->state);
+    EXPECT_EQ("xyz", Text(type.F("_Password"), rec));
+    uint8_t edited = 1;
+    KWRIsEdit(type.F("_AddType"), rec, &edited);
+    EXPECT_EQ(0, edited);  // packed with the edited bits cleared
+    KWRRecRelease(rec);
+    KWRRecRelease(nullptr);
+
+    cells[2] = NumCell(iFldType_Int32, "\x01\0\0\0", 4);
+    cells[1] = NumCell(iFldType_Int32, "\x01\0\0\0", 4);  // a number for a text field
+    EXPECT_EQ(nullptr, KWRRecAlloc(&type.t, cells));  // and nothing leaks
+    KWRData* blank = KWRRecAlloc(&type.t, nullptr);
+    ASSERT_NE(nullptr, blank);
+    EXPECT_EQ(26u, blank->length);
+    KWRRecRelease(blank);
+}
+
+TEST(record_life, FlagBits) {
+    Type type(kAllDef);
+    Rec rec(type);
+    const KWRField* f = type.F("U8");
+    EXPECT_EQ(0u, KWRIsNull(f, &rec.r, nullptr));
+    EXPECT_EQ(0u, KWRSetUser(f, &rec.r, 1));
+    EXPECT_EQ(0, rec.r.state);  // the user mark leaves the state alone
+    EXPECT_EQ(0u, KWRSetEdit(f, &rec.r, 1));
+    EXPECT_EQ(1, rec.r.state);
+    uint8_t user = 0, edit = 0;
+    KWRIsUser(f, &rec.r, &user);
+    KWRIsEdit(f, &rec.r, &edit);
+    EXPECT_EQ(0xE2, rec.Header(f));
+    EXPECT_EQ(2, user + edit);
+    rec.r.state = 0;
+    EXPECT_EQ(0u, KWRSetEdit(f, &rec.r, 0));
+    EXPECT_EQ(0u, KWRSetUser(f, &rec.r, 0));
+    EXPECT_EQ(0x82, rec.Header(f));
+    EXPECT_EQ(0, rec.r.state);
+    ASSERT_EQ(0u, KWRSetAsByte(f, &rec.r, 9));
+    rec.r.state = 0;
+    EXPECT_EQ(0u, KWRSetNull(f, &rec.r));
+    EXPECT_EQ(0xA2, rec.Header(f));
+    EXPECT_EQ(0, rec.r.image[f->offset]);  // value bytes zeroed
+    EXPECT_EQ(1, rec.r.state);
+    KWRData empty;
+    KWRRecInit(&empty);
+    EXPECT_EQ(KWR_NOIMAGE, KWRSetFlags(&empty, 1));
+    EXPECT_EQ(KWR_NOIMAGE, KWRSetNull(f, &empty));
+}
+
+// "CH": cut to the capacity, no terminator when full, one when shorter.
+TEST(record_text, CharField) {
+    Type type(kAllDef);
+    Rec rec(type);
+    const KWRField* f = type.F("Name");
+    const std::string thirty(30, 'x');
+    ASSERT_EQ(0u, KWRSetAsText(f, &rec.r, 30, thirty.data()));
+    const uint8_t* v = rec.r.image + f->offset;
+    EXPECT_EQ(20, v[0]);
+    EXPECT_EQ(20, v[1]);
+    EXPECT_EQ(std::string(20, 'x'), std::string(reinterpret_cast<const char*>(v + 2), 20));
+    EXPECT_EQ(0, v[22]);  // the terminator byte of the slot, untouched
+    char buf[32];
+    std::memset(buf, '#', sizeof buf);
+    EXPECT_EQ(0u, KWRGetAsText(f, &rec.r, 0, 25, buf));
+    EXPECT_EQ(std::string(20, 'x'), std::string(buf));
+
+    ASSERT_EQ(0u, KWRSetAsText(f, &rec.r, 2, "ab"));
+    EXPECT_EQ(2, v[1]);
+    EXPECT_EQ(0, v[4]);
+    ASSERT_EQ(0u, KWRSetAsText(f, &rec.r, 3, nullptr));
+    EXPECT_EQ(std::string(3, '\0'), Text(f, &rec.r));
+    EXPECT_EQ(1, rec.r.state);
+}
+
+TEST(record_text, GetAsTextWindow) {
+    Type type(kAllDef);
+    Rec rec(type);
+    const KWRField* f = type.F("Memo");
+    ASSERT_EQ(0u, KWRSetAsText(f, &rec.r, 6, "abcdef"));
+    struct Case { int32_t start, size; const char* want; bool terminated; };
+    const Case cases[] = {{0, 10, "abcdef", true}, {2, 3, "cde", false}, {4, 5, "ef", true},
+                          {6, 4, "", true},        {100, 4, "", true}, {0, 6, "abcdef", false}};
+    for (const Case& c : cases) {
+        char buf[16];
+        std::memset(buf, '#', sizeof buf);
+        EXPECT_EQ(0u, KWRGetAsText(f, &rec.r, c.start, c.size, buf));
+        const size_t n = std::strlen(c.want);
+        EXPECT_EQ(c.want, std::string(buf, n)) << c.start << "," << c.size;
+        EXPECT_EQ(c.terminated ? '\0' : '#', buf[n]) << c.start << "," << c.size;
+    }
+    char buf[4] = "zz";
+    EXPECT_EQ(KWR_BADARG, KWRGetAsText(f, &rec.r, -1, 4, buf));
+    EXPECT_EQ(KWR_BADTYPE, KWRGetAsText(type.F("S32"), &rec.r, 0, 4, buf));
+    EXPECT_EQ('\0', buf[0]);
+    EXPECT_EQ(KWR_NULL, KWRGetAsText(type.F("Blob"), &rec.r, 0, 4, buf));
+    EXPECT_EQ(KWR_BADTYPE, KWRSetAsText(type.F("S32"), &rec.r, 1, "a"));
+    EXPECT_EQ(KWR_BADARG, KWRSetAsText(f, &rec.r, -1, "a"));
+}
+
+// "CM"/"CB" in the image: same length in place (state 1), shorter in place
+// with a 0 byte (255), longer to an owned block (255); owned blocks resize
+// and free; an empty text in the image reads as 6 through KWRGetAsText only.
+TEST(record_text, MemoTransitions) {
+    Type type(kAllDef);
+    Rec rec(type);
+    const KWRField* f = type.F("Memo");
+    ASSERT_EQ(0u, KWRSetAsText(f, &rec.r, 5, "hello"));
+    EXPECT_EQ(0x10, rec.Header(f) & 0x10);
+    EXPECT_EQ(255, rec.r.state);
+    ASSERT_EQ(0u, KWRRecPack(&type.t, &rec.r, 0, 0));
+    EXPECT_EQ(0, rec.Header(f) & 0x10);
+    const uint32_t offset = SlotWord(rec, f, 4);
+    EXPECT_EQ(type.t.dataLength, offset);
+
+    ASSERT_EQ(0u, KWRSetAsText(f, &rec.r, 5, "HELLO"));
+    EXPECT_EQ(1, rec.r.state);
+    EXPECT_EQ(offset, SlotWord(rec, f, 4));
+    EXPECT_EQ("HELLO", Text(f, &rec.r));
+    ASSERT_EQ(0u, KWRSetAsText(f, &rec.r, 2, "hi"));
+    EXPECT_EQ(255, rec.r.state);
+    EXPECT_EQ(2u, SlotWord(rec, f, 0));
+    EXPECT_EQ(0, rec.r.image[offset + 2]);
+    ASSERT_EQ(0u, KWRRecPack(&type.t, &rec.r, 0, 0));
+    ASSERT_EQ(0u, KWRSetAsText(f, &rec.r, 11, "hello world"));
+    EXPECT_EQ(0x10, rec.Header(f) & 0x10);
+    EXPECT_EQ("hello world", Text(f, &rec.r));
+
+    const char* inBlock = nullptr;
+    ASSERT_EQ(0u, KWRGetTextPtr(f, &rec.r, &inBlock));
+    ASSERT_EQ(0u, KWRSetAsText(f, &rec.r, 5, inBlock + 6));  // from its own block
+    EXPECT_EQ("world", Text(f, &rec.r));
+    ASSERT_EQ(0u, KWRSetAsText(f, &rec.r, 9, "0123\0" "5678"));
+    EXPECT_EQ(std::string("0123\0" "5678", 9), Text(f, &rec.r));
+
+    ASSERT_EQ(0u, KWRSetAsText(f, &rec.r, 0, "ignored"));
+    EXPECT_EQ(0, rec.Header(f) & 0x10);
+    EXPECT_EQ(0u, SlotWord(rec, f, 0));
+    EXPECT_EQ(0u, SlotWord(rec, f, 4));
+    char buf[4] = "zz";
+    EXPECT_EQ(KWR_NOTEXT, KWRGetAsText(f, &rec.r, 0, 4, buf));
+    uint32_t n = 9;
+    const char* p = "x";
+    EXPECT_EQ(0u, KWRGetTextRef(f, &rec.r, &n, &p));
+    EXPECT_EQ(0u, n);
+    EXPECT_EQ(nullptr, p);
+
+    // A length without an offset: 6 and a null pointer.
+    ASSERT_EQ(0u, KWRRecPack(&type.t, &rec.r, 0, 0));
+    const uint32_t three = 3;
+    std::memcpy(rec.r.image + f->offset, &three, 4);
+    EXPECT_EQ(KWR_NOTEXT, KWRGetTextRef(f, &rec.r, &n, &p));
+    EXPECT_EQ(nullptr, p);
+    std::memset(rec.r.image + f->offset, 0, 4);
+
+    // Dropping a text that was in the image leaves spare room.
+    ASSERT_EQ(0u, KWRSetAsText(f, &rec.r, 3, "abc"));
+    ASSERT_EQ(0u, KWRRecPack(&type.t, &rec.r, 0, 0));
+    ASSERT_EQ(0u, KWRSetAsText(f, &rec.r, 0, nullptr));
+    EXPECT_EQ(255, rec.r.state);
+}
+
+// A null field's value bytes are never trusted: a received image may hold a
+// stale offset there (here one into the fixed part), which must not be
+// written through.
+TEST(record_text, NullFieldStaleOffsetIgnored) {
+    Type type(kLoginDef);
+    Rec rec(type);
+    const KWRField* login = type.F("_Login");
+    const uint32_t stale[2] = {5, 6};
+    std::memcpy(rec.r.image + login->offset, stale, 8);
+    ASSERT_EQ(0u, KWRSetAsText(login, &rec.r, 1, "x"));
+    EXPECT_EQ(0x10, rec.Header(login) & 0x10);  // went to an owned block
+    EXPECT_EQ("x", Text(login, &rec.r));
+    ASSERT_EQ(0u, KWRRecPack(&type.t, &rec.r, 1, 1));
+    EXPECT_EQ(0u, KWRRecCheck(&type.t, &rec.r));
+}
+
+TEST(record_cells, GetValAndSetVal) {
+    Type type(kAllDef);
+    Rec rec(type);
+    KWRVal cell;
+    EXPECT_EQ(KWR_BADARG, KWRGetVal(type.F("S16"), &rec.r, nullptr));
+    EXPECT_EQ(0u, KWRGetVal(type.F("S16"), &rec.r, &cell));
+    EXPECT_EQ(iFldType_Int16, cell.type);
+    EXPECT_EQ(1, cell.isNull);
+    const KWRField* memo = type.F("Memo");
+    KWRVal num = NumCell(iFldType_Int32, "\x05\0\0\0", 4);
+    EXPECT_EQ(KWR_BADTYPE, KWRSetVal(memo, &rec.r, &num));
+    KWRVal text = TextCell(iFldType_Char, "memo!", 5);  // any text cell type will do
+    EXPECT_EQ(0u, KWRSetVal(memo, &rec.r, &text));
+    EXPECT_EQ(0u, KWRGetVal(memo, &rec.r, &cell));
+    uint32_t n = 0;
+    const char* p = nullptr;
+    std::memcpy(&n, cell.value, 4);
+    std::memcpy(&p, cell.value + 4, sizeof p);
+    EXPECT_EQ("memo!", std::string(p, n));
+    EXPECT_EQ(0u, KWRSetVal(memo, &rec.r, nullptr));  // null cell: KWRSetNull
+    EXPECT_EQ(0x80, rec.Header(memo) & 0x90);         // null, and the block freed
+}
+
+// A record copied cell by cell into another equals it; a null array nulls all.
+TEST(record_cells, RecordRoundTrip) {
+    Type type(kAllDef);
+    Rec a(type), b(type);
+    KWRSetAsBool(type.F("B"), &a.r, 1);
+    KWRSetAsInt64(type.F("S64"), &a.r, -5);
+    KWRSetAsDouble(type.F("F64"), &a.r, 0.125);
+    KWRSetAsText(type.F("Name"), &a.r, 4, "name");
+    KWRSetAsText(type.F("Blob"), &a.r, 3, "\x01\x02\x03");
+    KWRVal cells[11];
+    ASSERT_EQ(0u, KWRGetRec(&type.t, &a.r, cells));
+    cells[6] = NullCell(iFldType_Float);  // "F4" cannot travel as a cell
+    ASSERT_EQ(0u, KWRSetRec(&type.t, &b.r, cells));
+    ASSERT_EQ(0u, KWRRecPack(&type.t, &a.r, 0, 0));
+    ASSERT_EQ(0u, KWRRecPack(&type.t, &b.r, 0, 0));
+    EXPECT_EQ(a.Bytes(), b.Bytes());
+
+    const float f = 1.5f;
+    cells[6] = NumCell(iFldType_Float, &f, 4);
+    EXPECT_EQ(KWR_BADTYPE, KWRSetRec(&type.t, &b.r, cells));
+    ASSERT_EQ(0u, KWRSetRec(&type.t, &b.r, nullptr));
+    for (uint8_t i = 0; i < 11; ++i) {
+        uint8_t isNull = 0;
+        KWRIsNull(KWRFldByNum(&type.t, i), &b.r, &isNull);
+        EXPECT_EQ(1, isNull);
+    }
+    // A text reference without an offset stops KWRGetRec with 6.
+    const KWRField* blob = type.F("Blob");
+    std::memset(a.r.image + blob->offset + 4, 0, 4);
+    EXPECT_EQ(KWR_NOTEXT, KWRGetRec(&type.t, &a.r, cells));
+    EXPECT_EQ(KWR_BADARG, KWRGetRec(&type.t, &a.r, nullptr));
+}

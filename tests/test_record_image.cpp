@@ -1,0 +1,256 @@
+// The record wire image: the "_LOGIN" golden image, packing, KWRSetBuff,
+// KWRRecCheck and types generated from images.
+#include <fstream>
+#include <functional>
+#include <iterator>
+
+#include "record_fixture.h"
+
+using namespace rectest;
+
+namespace {
+
+std::vector<uint8_t> ReadGolden(const char* name) {
+    std::ifstream in(std::string(KWZ_TEST_DATA_DIR) + "/" + name, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+void Put32(KWRData* r, uint32_t at, uint32_t v) { std::memcpy(r->image + at, &v, 4); }
+
+// A record of kAllDef with every field set, packed; texts as given.
+void FillAll(const Type& type, Rec& rec, const std::string& memo, const std::string& blob) {
+    ASSERT_EQ(0u, KWRSetAsBool(type.F("B"), &rec.r, 1));
+    ASSERT_EQ(0u, KWRSetAsByte(type.F("U8"), &rec.r, 250));
+    ASSERT_EQ(0u, KWRSetAsInt8(type.F("S8"), &rec.r, -3));
+    ASSERT_EQ(0u, KWRSetAsInt16(type.F("S16"), &rec.r, 1234));
+    ASSERT_EQ(0u, KWRSetAsInt32(type.F("S32"), &rec.r, -99999));
+    ASSERT_EQ(0u, KWRSetAsInt64(type.F("S64"), &rec.r, int64_t{1} << 50));
+    ASSERT_EQ(0u, KWRSetAsFloat(type.F("F32"), &rec.r, 1.25f));
+    ASSERT_EQ(0u, KWRSetAsDouble(type.F("F64"), &rec.r, -0.5));
+    ASSERT_EQ(0u, KWRSetAsText(type.F("Name"), &rec.r, 3, "abc"));
+    ASSERT_EQ(0u, KWRSetAsText(type.F("Memo"), &rec.r, int32_t(memo.size()), memo.data()));
+    ASSERT_EQ(0u, KWRSetAsText(type.F("Blob"), &rec.r, int32_t(blob.size()), blob.data()));
+    ASSERT_EQ(0u, KWRRecPack(&type.t, &rec.r, 1, 1));
+}
+
+}  // namespace
+
+TEST(record_image, LoginGolden) {
+    Type type(kLoginDef);
+    Rec rec(type);
+    ASSERT_EQ(0u, KWRSetAsText(type.F("_Login"), &rec.r, 5, "abcde"));
+    ASSERT_EQ(0u, KWRSetAsText(type.F("_Password"), &rec.r, 3, "xyz"));
+    ASSERT_EQ(0u, KWRSetAsBool(type.F("_AddType"), &rec.r, 1));
+    ASSERT_EQ(0u, KWRRecPack(&type.t, &rec.r, 1, 1));
+    const auto golden = ReadGolden("login_record.bin");
+    ASSERT_EQ(36u, golden.size());
+    EXPECT_EQ(golden, rec.Bytes());
+    EXPECT_EQ(0u, KWRRecCheck(&type.t, &rec.r));
+
+    KWRVal cells[3] = {TextCell(iFldType_Blob, "abcde", 5), TextCell(iFldType_Blob, "xyz", 3),
+                       NumCell(iFldType_Bool, "\x01", 1)};
+    uint32_t size = 0;
+    EXPECT_EQ(0u, KWRSetBuff(&type.t, nullptr, cells, &size));
+    EXPECT_EQ(36u, size);
+    std::vector<uint8_t> buf(size, 0xEE);
+    size = 0;
+    ASSERT_EQ(0u, KWRSetBuff(&type.t, buf.data(), cells, &size));
+    EXPECT_EQ(36u, size);
+    auto want = golden;
+    want[24] |= 0x20;  // a scalar written through the conversion table is edited
+    EXPECT_EQ(want, buf);
+}
+
+// Packing a packed record copies nothing; pack(1, 0) of a state-0 record
+// keeps even the edited bits; clearing user marks needs no copy either.
+TEST(record_image, PackIsIdempotent) {
+    Type type(kAllDef);
+    Rec rec(type);
+    ASSERT_EQ(0u, KWRSetAsText(type.F("Memo"), &rec.r, 4, "memo"));
+    ASSERT_EQ(0u, KWRSetAsInt32(type.F("S32"), &rec.r, 1));
+    ASSERT_EQ(0u, KWRSetUser(type.F("S32"), &rec.r, 1));
+    ASSERT_EQ(0u, KWRRecPack(&type.t, &rec.r, 0, 0));
+    const uint8_t* image = rec.r.image;
+    const auto bytes = rec.Bytes();
+    EXPECT_EQ(0u, KWRRecPack(&type.t, &rec.r, 0, 0));
+    EXPECT_EQ(0u, KWRRecPack(&type.t, &rec.r, 1, 0));
+    EXPECT_EQ(image, rec.r.image);
+    EXPECT_EQ(bytes, rec.Bytes());
+    EXPECT_EQ(0u, KWRRecPack(&type.t, &rec.r, 0x100, 1));  // flags tested as bytes
+    EXPECT_EQ(image, rec.r.image);
+    EXPECT_EQ(0x25, rec.Header(type.F("S32")));  // user mark gone, edited kept
+
+    KWRData empty;
+    KWRRecInit(&empty);
+    EXPECT_EQ(KWR_NOIMAGE, KWRRecPack(&type.t, &empty, 0, 0));
+}
+
+// Texts go to the variable part in field order, whatever order they were
+// set in and wherever they lived; shortening a text shrinks the image.
+TEST(record_image, PackOrderAndShrink) {
+    Type type(kAllDef);
+    Rec rec(type);
+    const KWRField* memo = type.F("Memo");
+    const KWRField* blob = type.F("Blob");
+    const uint32_t d = type.t.dataLength;
+    ASSERT_EQ(0u, KWRSetAsText(blob, &rec.r, 2, "BB"));
+    ASSERT_EQ(0u, KWRSetAsText(memo, &rec.r, 4, "mmmm"));
+    ASSERT_EQ(0u, KWRRecPack(&type.t, &rec.r, 0, 0));
+    ASSERT_EQ(d + 8, rec.r.length);
+    EXPECT_EQ(0, std::memcmp(rec.r.image + d, "mmmm\0BB\0", 8));
+
+    ASSERT_EQ(0u, KWRSetAsText(blob, &rec.r, 6, "BBBBBB"));  // grows: owned block
+    ASSERT_EQ(0u, KWRRecPack(&type.t, &rec.r, 0, 0));
+    ASSERT_EQ(d + 12, rec.r.length);
+    EXPECT_EQ(0, std::memcmp(rec.r.image + d, "mmmm\0BBBBBB\0", 12));
+    EXPECT_EQ(0u, KWRRecCheck(&type.t, &rec.r));
+
+    const uint8_t* before = rec.r.image;
+    ASSERT_EQ(0u, KWRSetAsText(memo, &rec.r, 1, "m"));
+    ASSERT_EQ(0u, KWRRecPack(&type.t, &rec.r, 0, 0));
+    EXPECT_NE(before, rec.r.image);
+    ASSERT_EQ(d + 9, rec.r.length);
+    EXPECT_EQ(0, std::memcmp(rec.r.image + d, "m\0BBBBBB\0", 9));
+    EXPECT_EQ("BBBBBB", Text(blob, &rec.r));
+    EXPECT_EQ(0u, KWRRecCheck(&type.t, &rec.r));
+
+    ASSERT_EQ(0u, KWRSetNull(memo, &rec.r));
+    ASSERT_EQ(0u, KWRRecPack(&type.t, &rec.r, 0, 0));
+    EXPECT_EQ(d + 7, rec.r.length);
+}
+
+// KWRSetBuff builds what KWRRecPack makes of the same values, except that
+// text fields come out without the edited bit.
+TEST(record_image, SetBuffMatchesPack) {
+    Type type(kAllDef);
+    for (const auto& texts : std::vector<std::pair<std::string, std::string>>{
+             {"", ""}, {"a memo", ""}, {"", std::string("\0\1\2", 3)}, {"m", "bb"}}) {
+        Rec src(type);
+        FillAll(type, src, texts.first, texts.second);
+        KWRVal cells[11];
+        ASSERT_EQ(0u, KWRGetRec(&type.t, &src.r, cells));
+        const double f = 1.25;  // a double cell for the "F4" field
+        cells[6] = NumCell(iFldType_Double, &f, 8);
+        uint32_t size = 0;
+        ASSERT_EQ(0u, KWRSetBuff(&type.t, nullptr, cells, &size));
+        ASSERT_EQ(src.r.length, size);
+        std::vector<uint8_t> buf(size);
+        ASSERT_EQ(0u, KWRSetBuff(&type.t, buf.data(), cells, &size));
+        for (uint8_t i = 0; i < 11; ++i) {
+            const KWRField* fld = KWRFldByNum(&type.t, i);
+            const bool text = fld->type >= iFldType_Char;
+            EXPECT_EQ(text ? 0 : 0x20, buf[fld->offset - 1] & 0x20) << fld->name;
+            buf[fld->offset - 1] &= 0xDF;
+        }
+        EXPECT_EQ(src.Bytes(), buf) << texts.first << "/" << texts.second;
+    }
+    // Without cells: the image of a new record.
+    Rec fresh(type);
+    std::vector<uint8_t> buf(type.t.dataLength, 0xEE);
+    uint32_t size = 0;
+    ASSERT_EQ(0u, KWRSetBuff(&type.t, buf.data(), nullptr, &size));
+    EXPECT_EQ(fresh.Bytes(), buf);
+    KWRVal bad[11] = {};
+    bad[9] = NumCell(iFldType_Int32, "\x01\0\0\0", 4);
+    EXPECT_EQ(KWR_BADTYPE, KWRSetBuff(&type.t, buf.data(), bad, &size));
+}
+
+TEST(record_check, AcceptsPackedImages) {
+    Type type(kAllDef);
+    const std::string big(300, 'q');
+    for (const auto& texts : std::vector<std::pair<std::string, std::string>>{
+             {"", ""}, {"x", ""}, {big, "yy"}, {std::string(1, '\0'), big}}) {
+        Rec rec(type);
+        FillAll(type, rec, texts.first, texts.second);
+        EXPECT_EQ(0u, KWRRecCheck(&type.t, &rec.r));
+        Rec copy;
+        ASSERT_EQ(0u, Adopt(&copy.r, rec.Bytes()));
+        EXPECT_EQ(0u, KWRRecCheck(&type.t, &copy.r));
+    }
+    Rec fresh(type);
+    EXPECT_EQ(0u, KWRRecCheck(&type.t, &fresh.r));
+    Type login(kLoginDef);
+    EXPECT_EQ(KWR_CORRUPT, KWRRecCheck(&login.t, &fresh.r));
+    EXPECT_EQ(KWR_CORRUPT, KWRRecCheck(&type.t, nullptr));
+}
+
+TEST(record_check, RefusesDamagedImages) {
+    Type type(kAllDef);
+    const uint32_t d = type.t.dataLength;
+    auto at = [&](const char* name) { return type.F(name)->offset; };
+    struct Case { const char* what; std::function<void(KWRData*)> damage; };
+    const Case cases[] = {
+        {"L field", [&](KWRData* r) { Put32(r, 0, r->length - 1); }},
+        {"record length", [&](KWRData* r) { r->length -= 1; }},
+        {"below 6", [&](KWRData* r) { Put32(r, 0, 5); r->length = 5; }},
+        {"below data length", [&](KWRData* r) { Put32(r, 0, d - 1); r->length = d - 1; }},
+        {"field count", [&](KWRData* r) { r->image[5] = 10; }},
+        {"type code", [&](KWRData* r) { r->image[at("S32") - 1] = 0x06; }},
+        {"owned bit", [&](KWRData* r) { r->image[at("S8") - 1] |= 0x10; }},
+        {"capacity", [&](KWRData* r) { r->image[at("Name")] = 19; }},
+        {"char length", [&](KWRData* r) { r->image[at("Name") + 1] = 21; }},
+        {"offset at L", [&](KWRData* r) { Put32(r, at("Memo") + 4, r->length); }},
+        {"offset in fixed part", [&](KWRData* r) { Put32(r, at("Memo") + 4, d - 1); }},
+        {"length past L", [&](KWRData* r) { Put32(r, at("Memo"), 6); }},
+        {"huge length", [&](KWRData* r) { Put32(r, at("Blob"), 0xFFFFFFF0u); }},
+        {"no 0 byte", [&](KWRData* r) { r->image[d + 5] = 'z'; }},
+        {"length without offset", [&](KWRData* r) { Put32(r, at("Blob") + 4, 0); }},
+        {"no image", [&](KWRData* r) { std::free(r->image); r->image = nullptr; }},
+    };
+    for (const Case& c : cases) {
+        Rec rec(type);
+        FillAll(type, rec, "hello", "xy");
+        c.damage(&rec.r);
+        EXPECT_EQ(KWR_CORRUPT, KWRRecCheck(&type.t, &rec.r)) << c.what;
+        if (rec.r.image) Put32(&rec.r, 0, rec.r.length);
+    }
+    // A null field's value bytes are not looked at.
+    Rec rec(type);
+    FillAll(type, rec, "hello", "xy");
+    rec.r.image[at("Memo") - 1] |= 0x80;
+    Put32(&rec.r, at("Memo") + 4, 0xFFFFFFFFu);
+    EXPECT_EQ(0u, KWRRecCheck(&type.t, &rec.r));
+}
+
+// A type generated from an image (packed, or changed with texts in owned
+// blocks) equals the original field by field and reads the same values.
+TEST(record_typgen, FromRecordImages) {
+    Type type(kAllDef);
+    Rec rec(type);
+    FillAll(type, rec, "memo", "blob");
+    KWRVal want[11], got[11];
+    ASSERT_EQ(0u, KWRGetRec(&type.t, &rec.r, want));
+    for (bool owned : {false, true}) {
+        if (owned) {
+            ASSERT_EQ(0u, KWRSetAsText(type.F("Memo"), &rec.r, 5, "memo!"));
+        }
+        KWRType gen;
+        KWRTypInit(&gen);
+        ASSERT_EQ(0u, KWRTypGen(&gen, "GEN", &rec.r));
+        EXPECT_STREQ("GEN", gen.name);
+        ASSERT_EQ(type.t.fieldCount, gen.fieldCount);
+        EXPECT_EQ(type.t.dataLength, gen.dataLength);
+        for (uint8_t i = 0; i < gen.fieldCount; ++i) {
+            const KWRField &a = type.t.fields[i], &g = gen.fields[i];
+            EXPECT_EQ("F" + std::to_string(i), g.name);
+            EXPECT_EQ(a.type * 1000 + a.width * 10 + a.offset, g.type * 1000 + g.width * 10 + g.offset);
+        }
+        if (!owned) {
+            EXPECT_EQ(0u, KWRRecCheck(&gen, &rec.r));
+            ASSERT_EQ(0u, KWRGetRec(&gen, &rec.r, got));
+            EXPECT_EQ(0, std::memcmp(want, got, sizeof want));
+        }
+        KWRTypFree(&gen);
+    }
+    KWRType gen;
+    KWRTypInit(&gen);
+    rec.r.image[type.F("S16")->offset - 1] = 0x0D;
+    EXPECT_EQ(4u, KWRTypGen(&gen, "BAD", &rec.r));
+    rec.r.image[type.F("S16")->offset - 1] = 0x04;
+    Type none("E|0");
+    Rec empty(none);
+    EXPECT_EQ(0u, KWRTypGen(&gen, nullptr, &empty.r));
+    EXPECT_EQ(0, gen.fieldCount);
+    EXPECT_EQ(6u, gen.dataLength);
+    KWRTypFree(&gen);
+}

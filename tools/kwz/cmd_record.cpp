@@ -1,0 +1,405 @@
+// kwz record: builds a record of a type from field=value arguments, packs it
+// and prints the image as an annotated hex dump (--out also writes it); with
+// --decode it reads an image, checks it against the type and prints its
+// fields.  Also the "records" step of `kwz demo`.
+#include <VomKwz.h>
+#include <strings.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "command.h"
+#include "kwz_util.h"
+
+namespace {
+
+using namespace kwz::tool;
+
+struct TypeHolder {
+    KWRType t;
+    TypeHolder() { KWRTypInit(&t); }
+    ~TypeHolder() { KWRTypFree(&t); }
+};
+
+struct RecordHolder {
+    KWRData r;
+    RecordHolder() { KWRRecInit(&r); }
+    ~RecordHolder() { KWRRecFree(&r); }
+};
+
+uint32_t Load32(const uint8_t* p) {
+    uint32_t v;
+    std::memcpy(&v, p, 4);
+    return v;
+}
+
+bool ParseType(const std::string& arg, TypeHolder* type) {
+    const std::string def = UnescapeDefinition(arg);
+    if (uint32_t rc = KWRTypSet(&type->t, 1, def.c_str())) {
+        std::fprintf(stderr, "kwz record: the type definition is refused (%d); `kwz type` tells why\n",
+                     static_cast<int32_t>(rc));
+        return false;
+    }
+    return true;
+}
+
+// ------------------------------------------------------------ values
+
+std::string FieldValue(const KWRField& f, const KWRData& r) {
+    uint8_t isNull = 0;
+    KWRIsNull(&f, &r, &isNull);
+    if (isNull) return "null";
+    char buf[64];
+    switch (f.type) {
+        case iFldType_Bool:
+        case iFldType_Byte: {
+            uint8_t v = 0;  // an "L1" field read as a byte gives its raw byte
+            KWRGetAsByte(&f, &r, &v);
+            return std::to_string(v);
+        }
+        case iFldType_Int8:
+        case iFldType_Int16:
+        case iFldType_Int32:
+        case iFldType_Int64: {
+            int64_t v = 0;
+            KWRGetAsInt64(&f, &r, &v);
+            return std::to_string(v);
+        }
+        case iFldType_Float: {
+            float v = 0;
+            KWRGetAsFloat(&f, &r, &v);
+            std::snprintf(buf, sizeof buf, "%.9g", v);
+            return buf;
+        }
+        case iFldType_Double: {
+            double v = 0;
+            KWRGetAsDouble(&f, &r, &v);
+            std::snprintf(buf, sizeof buf, "%.17g", v);
+            return buf;
+        }
+        default: {
+            uint32_t n = 0;
+            const char* p = nullptr;
+            if (KWRGetTextRef(&f, &r, &n, &p) == KWR_NOTEXT) return "(text reference without offset)";
+            return QuoteText(p ? p : "", n);
+        }
+    }
+}
+
+bool ParseInteger(const std::string& s, int64_t* v) {
+    const size_t sign = (!s.empty() && (s[0] == '-' || s[0] == '+')) ? 1 : 0;
+    const bool hex = s.compare(sign, 2, "0x") == 0 || s.compare(sign, 2, "0X") == 0;
+    errno = 0;
+    char* end = nullptr;
+    *v = std::strtoll(s.c_str(), &end, hex ? 16 : 10);
+    return !s.empty() && errno == 0 && end && *end == '\0' && end != s.c_str();
+}
+
+bool ParseHex(const std::string& s, std::string* out) {
+    if (s.size() % 2) return false;
+    for (size_t i = 0; i < s.size(); i += 2) {
+        char pair[3] = {s[i], s[i + 1], 0};
+        char* end = nullptr;
+        const long b = std::strtol(pair, &end, 16);
+        if (*end || !std::isxdigit(static_cast<unsigned char>(s[i]))) return false;
+        *out += static_cast<char>(b);
+    }
+    return true;
+}
+
+// field=value: "null" makes the field null; a leading backslash is dropped and
+// the rest taken literally ("\null" is the text null).  Numbers wrap to the
+// field's width as the library converts them, with a note.
+bool Assign(const KWRType& type, KWRData* rec, const std::string& arg) {
+    const size_t eq = arg.find('=');
+    if (eq == std::string::npos || eq == 0) {
+        std::fprintf(stderr, "kwz record: expected field=value, got \"%s\"\n", arg.c_str());
+        return false;
+    }
+    const std::string name = arg.substr(0, eq);
+    std::string value = arg.substr(eq + 1);
+    const KWRField* f = KWRFldByName(&type, name.c_str());
+    if (!f) {
+        std::fprintf(stderr, "kwz record: type %s has no field \"%s\"\n", type.name, name.c_str());
+        return false;
+    }
+    if (value == "null") return KWRSetNull(f, rec) == 0;
+    if (!value.empty() && value[0] == '\\') value.erase(0, 1);
+    const char* code = TypeCodeName(f->type);
+    if (f->type == iFldType_Bool) {
+        const char* const words[] = {"false", "true", "no", "yes", "off", "on"};
+        for (int i = 0; i < 6; ++i)
+            if (strcasecmp(value.c_str(), words[i]) == 0) return KWRSetAsBool(f, rec, i % 2) == 0;
+    }
+    if (f->type <= iFldType_Int64) {
+        int64_t v = 0;
+        if (!ParseInteger(value, &v)) {
+            std::fprintf(stderr, "kwz record: %s is %s; \"%s\" is not an integer\n", name.c_str(), code,
+                         value.c_str());
+            return false;
+        }
+        KWRSetAsInt64(f, rec, v);
+        int64_t back = 0;
+        KWRGetAsInt64(f, rec, &back);
+        if (back != v && f->type != iFldType_Bool)
+            std::fprintf(stderr, "kwz record: note: %s does not fit %s; %s stores %lld\n", value.c_str(),
+                         code, name.c_str(), static_cast<long long>(back));
+        return true;
+    }
+    if (f->type <= iFldType_Double) {
+        char* end = nullptr;
+        const double v = std::strtod(value.c_str(), &end);
+        if (value.empty() || *end) {
+            std::fprintf(stderr, "kwz record: %s is %s; \"%s\" is not a number\n", name.c_str(), code,
+                         value.c_str());
+            return false;
+        }
+        return KWRSetAsDouble(f, rec, v) == 0;
+    }
+    std::string bytes = value;
+    if (f->type == iFldType_Blob && value.compare(0, 2, "0x") == 0) {
+        bytes.clear();
+        if (!ParseHex(value.substr(2), &bytes)) {
+            std::fprintf(stderr, "kwz record: %s: \"%s\" is not an even number of hex digits\n",
+                         name.c_str(), value.c_str());
+            return false;
+        }
+    }
+    if (f->type == iFldType_Char && bytes.size() > f->width)
+        std::fprintf(stderr, "kwz record: note: %s holds %u bytes; the text is cut\n", name.c_str(), f->width);
+    return KWRSetAsText(f, rec, static_cast<int32_t>(bytes.size()), bytes.data()) == 0;
+}
+
+// ------------------------------------------------------------ the dump
+
+constexpr size_t kRowBytes = 16;
+constexpr size_t kMaxRows = 4;  // longer items show their first rows only
+
+void Row(const uint8_t* image, size_t offset, size_t size, const std::string& note) {
+    for (size_t i = 0; i < size; i += kRowBytes) {
+        if (i / kRowBytes == kMaxRows) {
+            std::printf("  %06zx  ... %zu bytes in all\n", offset + i, size);
+            return;
+        }
+        const std::string hex = HexBytes(image + offset + i, std::min(kRowBytes, size - i));
+        if (i == 0)
+            std::printf("  %06zx  %-47s  %s\n", offset + i, hex.c_str(), note.c_str());
+        else
+            std::printf("  %06zx  %s\n", offset + i, hex.c_str());
+    }
+}
+
+std::string SlotNote(const KWRField& f, const KWRData& r) {
+    const uint8_t header = r.image[f.offset - 1];
+    std::string note = "#" + std::to_string(f.number) + " " + f.name + " " + FieldCode(f);
+    std::string flags;
+    if (header & 0x80) flags += " null";
+    if (header & 0x20) flags += " edited";
+    if (header & 0x40) flags += " user";
+    if (!flags.empty()) note += " [" + flags.substr(1) + "]";
+    note += " = " + FieldValue(f, r);
+    if ((f.type == iFldType_Memo || f.type == iFldType_Blob) && !(header & 0x80)) {
+        note += " (" + std::to_string(Load32(r.image + f.offset)) + " bytes at " +
+                std::to_string(Load32(r.image + f.offset + 4)) + ")";
+    }
+    return note;
+}
+
+// A packed image: head, one row per slot, then the variable part by the
+// texts that the slots point at (gaps shown as not referenced).
+void Dump(const KWRType& type, const KWRData& r) {
+    std::printf("record image of type %s, %u bytes\n", type.name, r.length);
+    std::printf("  offset  %-47s  meaning\n", "bytes");
+    Row(r.image, 0, 4, "length " + std::to_string(Load32(r.image)));
+    char flags[32];
+    std::snprintf(flags, sizeof flags, "record flags 0x%02x", r.image[4]);
+    Row(r.image, 4, 1, flags);
+    Row(r.image, 5, 1, "field count " + std::to_string(r.image[5]));
+    struct Text { uint32_t offset, size; const KWRField* field; };
+    std::vector<Text> texts;
+    for (uint32_t i = 0; i < type.fieldCount; ++i) {
+        const KWRField& f = type.fields[i];
+        const uint32_t next = i + 1 < type.fieldCount ? type.fields[i + 1].offset : type.dataLength + 1;
+        Row(r.image, f.offset - 1, next - f.offset, SlotNote(f, r));
+        const bool var = f.type == iFldType_Memo || f.type == iFldType_Blob;
+        if (var && !(r.image[f.offset - 1] & 0x80) && Load32(r.image + f.offset + 4) != 0)
+            texts.push_back({Load32(r.image + f.offset + 4), Load32(r.image + f.offset) + 1, &f});
+    }
+    std::sort(texts.begin(), texts.end(), [](const Text& a, const Text& b) { return a.offset < b.offset; });
+    uint32_t pos = type.dataLength;
+    for (const Text& t : texts) {
+        if (t.offset > pos) Row(r.image, pos, t.offset - pos, "(not referenced)");
+        Row(r.image, t.offset, t.size, std::string("text of ") + t.field->name + " and its 0 byte");
+        pos = std::max(pos, t.offset + t.size);
+    }
+    if (pos < r.length) Row(r.image, pos, r.length - pos, "(not referenced)");
+}
+
+// Why KWRRecCheck refused an image: the first rule it breaks.
+std::string Explain(const KWRType& type, const uint8_t* image, uint32_t length) {
+    if (image[5] != type.fieldCount)
+        return "it has " + std::to_string(image[5]) + " fields, the type " + std::to_string(type.fieldCount);
+    if (length < type.dataLength)
+        return "it is shorter than the type's fixed part of " + std::to_string(type.dataLength) + " bytes";
+    for (uint32_t i = 0; i < type.fieldCount; ++i) {
+        const KWRField& f = type.fields[i];
+        const uint8_t header = image[f.offset - 1];
+        const uint8_t* v = image + f.offset;
+        const std::string where = std::string("field ") + f.name + ": ";
+        if ((header & 0x0F) != f.type)
+            return where + "its header byte says " + TypeCodeName(header & 0x0F) + ", the type " + FieldCode(f);
+        if (header & 0x10) return where + "bit 4 of its header byte is set (a text outside the image)";
+        if (f.type == iFldType_Char && (v[0] != f.width || v[1] > v[0]))
+            return where + "capacity " + std::to_string(v[0]) + " / length " + std::to_string(v[1]) +
+                   " do not fit " + FieldCode(f);
+        if ((f.type == iFldType_Memo || f.type == iFldType_Blob) && !(header & 0x80)) {
+            const uint64_t n = Load32(v), offset = Load32(v + 4);
+            if ((offset == 0 && n != 0) ||
+                (offset != 0 && (offset < type.dataLength || offset + n >= length || image[offset + n] != 0)))
+                return where + "its text (" + std::to_string(n) + " bytes at " + std::to_string(offset) +
+                       ") does not lie in " + std::to_string(type.dataLength) + ".." + std::to_string(length) +
+                       " followed by a 0 byte";
+        }
+    }
+    return "it does not match the type";
+}
+
+int Decode(const std::string& def, const std::string& path) {
+    TypeHolder type;
+    if (!ParseType(def, &type)) return 2;
+    std::vector<uint8_t> bytes;
+    std::string error;
+    if (!ReadInput(path, &bytes, &error)) {
+        std::fprintf(stderr, "kwz record: %s\n", error.c_str());
+        return 2;
+    }
+    if (bytes.size() < 6) {
+        std::fprintf(stderr, "kwz record: %zu bytes are too short for a record image (6 at least)\n", bytes.size());
+        return 1;
+    }
+    if (Load32(bytes.data()) != bytes.size()) {
+        std::fprintf(stderr, "kwz record: the image's length field says %u bytes, the input has %zu\n",
+                     Load32(bytes.data()), bytes.size());
+        return 1;
+    }
+    RecordHolder rec;
+    auto* block = static_cast<uint8_t*>(std::malloc(bytes.size()));
+    if (!block) return 1;
+    std::memcpy(block, bytes.data(), bytes.size());
+    KWRRecSet(&rec.r, block);  // at least 6 bytes and a matching length: adopted
+    if (KWRRecCheck(&type.t, &rec.r) != 0) {
+        std::fprintf(stderr, "kwz record: not a valid image of type %s: %s\n", type.t.name,
+                     Explain(type.t, rec.r.image, rec.r.length).c_str());
+        return 1;
+    }
+    std::printf("valid image of type %s\n", type.t.name);
+    for (uint32_t i = 0; i < type.t.fieldCount; ++i) {
+        const KWRField& f = type.t.fields[i];
+        std::printf("  %-20s %-5s %s\n", f.name, FieldCode(f).c_str(), FieldValue(f, rec.r).c_str());
+    }
+    std::printf("\n");
+    Dump(type.t, rec.r);
+    return 0;
+}
+
+int Build(const std::string& def, const std::vector<std::string>& assignments, const std::string& out) {
+    TypeHolder type;
+    if (!ParseType(def, &type)) return 2;
+    RecordHolder rec;
+    if (KWRRecNew(&type.t, &rec.r) != 0) return 1;
+    for (const auto& a : assignments)
+        if (!Assign(type.t, &rec.r, a)) return 2;
+    if (KWRRecPack(&type.t, &rec.r, 1, 1) != 0) return 1;
+    Dump(type.t, rec.r);
+    std::string error;
+    if (!out.empty() && !WriteFile(out, rec.r.image, rec.r.length, &error)) {
+        std::fprintf(stderr, "kwz record: %s\n", error.c_str());
+        return 1;
+    }
+    return 0;
+}
+
+}  // namespace
+
+KWZ_COMMAND(record, "record", "[--out FILE] \"DEF\" [field=value ...] | --decode \"DEF\" [FILE]",
+            "build and dump a record image, or check and decode one") {
+    bool decode = false;
+    std::string out;
+    std::vector<std::string> rest;
+    for (size_t i = 0; i < args.size(); ++i) {
+        if (args[i] == "--decode") {
+            decode = true;
+        } else if (args[i] == "--out" && i + 1 < args.size()) {
+            out = args[++i];
+        } else {
+            rest.push_back(args[i]);
+        }
+    }
+    if (rest.empty() || (decode && (rest.size() > 2 || !out.empty()))) {
+        std::fprintf(stderr,
+                     "usage: kwz record [--out FILE] \"DEF\" [field=value ...]\n"
+                     "       kwz record --decode \"DEF\" [FILE]   (standard input without FILE)\n"
+                     "values: numbers (0x.. for hex), true/false for L1, texts; CB also 0x<hex bytes>;\n"
+                     "        null makes a field null; a leading \\ keeps the rest literal\n");
+        return 2;
+    }
+    if (decode) return Decode(rest[0], rest.size() > 1 ? rest[1] : "");
+    return Build(rest[0], std::vector<std::string>(rest.begin() + 1, rest.end()), out);
+}
+
+KWZ_DEMO_STEP(20, "records") {
+    TypeHolder login, conv;
+    if (KWRTypSet(&login.t, 1, "_LOGIN|3\r\n_Login|CB\r\n_Password|CB\r\n_AddType|L1") ||
+        KWRTypSet(&conv.t, 2, "Conv|3\r\nSmall|I2\r\nFlag|L1\r\nWhole|I4"))
+        return 1;
+    RecordHolder rec, numbers;
+    if (KWRRecNew(&login.t, &rec.r) || KWRRecNew(&conv.t, &numbers.r)) return 1;
+    std::printf("new %s record: %u bytes, every field null\n", login.t.name, rec.r.length);
+    KWRSetAsText(KWRFldByName(&login.t, "_Login"), &rec.r, 5, "abcde");
+    KWRSetAsText(KWRFldByName(&login.t, "_Password"), &rec.r, 3, "xyz");
+    KWRSetAsInt32(KWRFldByName(&login.t, "_AddType"), &rec.r, 1);
+    std::printf("set _Login, _Password, _AddType: state %u (texts wait in owned blocks)\n", rec.r.state);
+
+    const KWRField* small = KWRFldByName(&conv.t, "Small");
+    const KWRField* flag = KWRFldByName(&conv.t, "Flag");
+    const KWRField* whole = KWRFldByName(&conv.t, "Whole");
+    int64_t i64 = 0;
+    uint8_t b = 0;
+    int32_t i32 = 0;
+    KWRSetAsInt32(small, &numbers.r, 70000);
+    KWRGetAsInt64(small, &numbers.r, &i64);
+    KWRGetAsByte(small, &numbers.r, &b);
+    std::printf("conversions: 70000 into I2 stores %lld (read as B1: %u)", static_cast<long long>(i64), b);
+    KWRSetAsDouble(flag, &numbers.r, std::nan(""));
+    KWRGetAsBool(flag, &numbers.r, &b);
+    KWRSetAsDouble(whole, &numbers.r, -2.9);
+    KWRGetAsInt32(whole, &numbers.r, &i32);
+    std::printf("; NaN into L1 stores %u; -2.9 into I4 stores %d\n", b, i32);
+
+    if (KWRRecPack(&login.t, &rec.r, 1, 1)) return 1;
+    std::printf("packed: %u bytes, state %u\n", rec.r.length, rec.r.state);
+    for (uint32_t i = 0; i < rec.r.length; i += 16)
+        std::printf("  %04x  %s\n", i, HexBytes(rec.r.image + i, std::min<uint32_t>(16, rec.r.length - i)).c_str());
+
+    auto* copy = static_cast<uint8_t*>(std::malloc(rec.r.length));
+    if (!copy) return 1;
+    std::memcpy(copy, rec.r.image, rec.r.length);
+    RecordHolder received;
+    if (KWRRecSet(&received.r, copy) != 0) {
+        std::free(copy);
+        return 1;
+    }
+    if (KWRRecCheck(&login.t, &received.r) != 0) return 1;
+    std::printf("adopted a copy with KWRRecSet, KWRRecCheck accepts it:");
+    for (uint32_t i = 0; i < login.t.fieldCount; ++i)
+        std::printf(" %s=%s", login.t.fields[i].name, FieldValue(login.t.fields[i], received.r).c_str());
+    std::printf("\n");
+    return 0;
+}
