@@ -165,17 +165,6 @@ KWZ_API void QuickSort(void* context, void** items, int32_t lo, int32_t hi, KWLC
 /* Compares ignoring case of Latin and Windows-1251 Cyrillic letters: -1, 0, 1. */
 KWZ_API int32_t stricmp_rus(const char* a, const char* b);
 
-/* Key options */
-#define iKeyOpt_Primary 1u
-#define iKeyOpt_Unique 2u
-#define iKeyOpt_Descending 4u
-#define iKeyOpt_CaseInsensitive 8u
-#define iKeyOpt_Expression 16u
-#define iKeyOpt_NonMaintained 32u
-/* Copy options of KWACopy */
-#define iCopyOpt_Rec 1u
-#define iCopyOpt_Key 2u
-
 /* ======================================================================== */
 /* Record types                                                              */
 /* ======================================================================== */
@@ -365,6 +354,80 @@ KWZ_API uint32_t KWRSetBuff(const KWRType* type, void* buffer, const KWRVal* cel
 /* 0 when the image is a valid image of the type, -2 otherwise.  Call it before
    trusting an image received from outside. */
 KWZ_API uint32_t KWRRecCheck(const KWRType* type, const KWRData* record);
+
+/* ======================================================================== */
+/* Record arrays                                                             */
+/* ======================================================================== */
+
+/* Key options */
+#define iKeyOpt_Primary 1u
+#define iKeyOpt_Unique 2u
+#define iKeyOpt_Descending 4u
+#define iKeyOpt_CaseInsensitive 8u
+#define iKeyOpt_Expression 16u
+#define iKeyOpt_NonMaintained 32u
+/* Copy options of KWACopy */
+#define iCopyOpt_Rec 1u
+#define iCopyOpt_Key 2u
+
+#pragma pack(push, 1)
+typedef struct KWAKeyDef {
+    char expression[384]; /* field names separated by ";" */
+    uint8_t reserved[4];
+    uint32_t options;     /* iKeyOpt_... */
+} KWAKeyDef;
+#pragma pack(pop)
+KWZ_STATIC_ASSERT(sizeof(KWAKeyDef) == 392, "KWAKeyDef is 392 bytes");
+
+typedef struct KWAKey KWAKey;   /* a key descriptor */
+typedef struct KWArray KWArray; /* a record array */
+typedef int32_t (*KWACompareFn)(void* key, void* member, void* searchKey);
+
+/* Creates an array, copying the fields of type when given: 0 or -1. */
+KWZ_API int32_t KWACreate(KWArray** array, const KWRType* type);
+KWZ_API void KWADestroy(KWArray* array);
+/* The array's own type ("KWA", id 1): read members through its fields. */
+KWZ_API KWRType* KWAType(KWArray* array);
+KWZ_API int32_t KWAFldAdd(KWArray* array, int32_t count, const KWRFieldDef* defs);
+KWZ_API int32_t KWAKeyAdd(KWArray* array, int32_t count, const KWAKeyDef* defs);
+KWZ_API int32_t KWAKeyDel(KWArray* array, int32_t key);
+/* A new working record (all fields null), posted with KWARecPost. */
+KWZ_API KWRData* KWARecNew(KWArray* array);
+/* A working copy of a member, posted with KWARecPost. */
+KWZ_API KWRData* KWARecEdit(KWRData* member);
+KWZ_API int32_t KWARecPost(KWRData* record, KWRData** member);
+KWZ_API int32_t KWARecDel(KWRData* record);
+KWZ_API KWRData* KWARecAdd(KWArray* array, const KWRVal* cells);
+KWZ_API KWRData* KWARec(KWArray* array, int32_t key, int32_t index);
+KWZ_API KWArray* KWARecArr(const KWRData* record);
+KWZ_API int32_t KWARecCount(KWArray* array);
+KWZ_API int32_t KWARecIdx(KWArray* array, int32_t key, const KWRData* record);
+KWZ_API KWRData* KWARecSeek(KWArray* array, int32_t key, const KWRData* keyRecord,
+                            int32_t* position);
+KWZ_API KWRData* KWARecSeekF(KWArray* array, int32_t key, KWACompareFn compare, void* searchKey,
+                             int32_t* position);
+KWZ_API KWRData* KWARecSeekV(KWArray* array, int32_t key, const KWRVal* cells,
+                             int32_t* position);
+KWZ_API int32_t KWARecSort(KWArray* array, int32_t key);
+KWZ_API int32_t KWARecComp(void* key, void* a, void* b);
+KWZ_API int32_t KWAVarComp(void* key, void* member, void* cells);
+KWZ_API int32_t KWAClearRec(KWArray* array);
+KWZ_API int32_t KWAClearKey(KWArray* array);
+KWZ_API int32_t KWAClearAll(KWArray* array);
+KWZ_API int32_t KWACopy(KWArray* destination, KWArray* source, uint32_t options);
+
+/* Packed table "#RA2": the size; *block (KWMemFree) when block is not NULL. */
+KWZ_API uint64_t KWAPack(KWArray* array, void** block);
+KWZ_API uint64_t KWAPackBuff(KWArray* array, void* buffer);
+/* Trusts the table completely; use KWAUnpackChecked for outside data. */
+KWZ_API uint64_t KWAUnpack(KWArray* array, const void* table);
+KWZ_API int64_t KWAUnpackForRead(KWArray* array, const void* table);
+KWZ_API int32_t KWAPackForRead(KWArray* array);
+KWZ_API int32_t KWAUnpackForWrite(KWArray* array);
+KWZ_API KWRData* KWARecAddPack(KWArray* array, const KWRVal* cells);
+/* Validates a table of length bytes first: its size, or -2 when malformed. */
+KWZ_API int64_t KWAUnpackChecked(KWArray* array, const void* table, uint64_t length,
+                                 bool forRead);
 
 #ifdef __cplusplus
 } /* extern "C" */

@@ -55,10 +55,34 @@ static void check_records(void) {
     KWRTypFree(&type);
 }
 
+static void check_arrays(void) {
+    KWArray* array = NULL;
+    KWRFieldDef defs[2];
+    KWAKeyDef key;
+    void* block = NULL;
+    memset(defs, 0, sizeof defs);
+    strcpy(defs[0].name, "A");
+    defs[0].type = iFldType_Int32;
+    strcpy(defs[1].name, "B");
+    defs[1].type = iFldType_Char;
+    defs[1].width = 10;
+    memset(&key, 0, sizeof key);
+    strcpy(key.expression, "A");
+    key.options = iKeyOpt_Unique;
+    CHECK(KWACreate(&array, NULL) == 0 && array != NULL);
+    CHECK(KWAFldAdd(array, 2, defs) == 0);
+    CHECK(KWAKeyAdd(array, 1, &key) == 0);
+    CHECK(KWAPack(array, &block) == 32 && block != NULL);
+    KWMemFree(block);
+    CHECK(KWAType(array) != NULL && KWAType(array)->fieldCount == 2);
+    KWADestroy(array);
+}
+
 int main(void) {
     check_layouts();
     check_basics();
     check_records();
+    check_arrays();
     if (failures) {
         fprintf(stderr, "%d failures\n", failures);
         return 1;

@@ -1,0 +1,337 @@
+// Packed tables ("#RA2"), read-from-pack storage, and the checked reader.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+
+#include "test_recarr_util.h"
+
+using namespace recarrtest;
+
+namespace {
+
+const std::string kData = KWZ_TEST_DATA_DIR;
+
+// The array pinned by tests/data/recarr_table_*.bin: A I4, B CH10, key "A"
+// Unique; rows (-1, null) and (7, "hi") when `rows`.
+void BuildSmall(KWArray* a, bool rows) {
+    const KWRFieldDef fields[] = {Field("A", iFldType_Int32), Field("B", iFldType_Char, 10)};
+    const KWAKeyDef key = Key("A", iKeyOpt_Unique);
+    KWAFldAdd(a, 2, fields);
+    KWAKeyAdd(a, 1, &key);
+    if (rows) {
+        Add(a, {I4(7), Text("hi")});
+        Add(a, {I4(-1), Null()});
+    }
+}
+
+// Every field type, three keys, texts in and out of the images.
+void BuildWide(KWArray* a, int rows) {
+    const KWRFieldDef fields[] = {
+        Field("id", iFldType_Int32), Field("flag", iFldType_Bool), Field("b", iFldType_Byte),
+        Field("i1", iFldType_Int8), Field("i2", iFldType_Int16), Field("i8", iFldType_Int64),
+        Field("f4", iFldType_Float), Field("f8", iFldType_Double), Field("name", iFldType_Char, 12),
+        Field("memo", iFldType_Memo), Field("blob", iFldType_Blob)};
+    const KWAKeyDef keys[] = {Key("id", iKeyOpt_Unique | iKeyOpt_Primary), Key("name;i8", iKeyOpt_CaseInsensitive),
+                              Key("memo", iKeyOpt_Descending)};
+    KWAFldAdd(a, 11, fields);
+    KWAKeyAdd(a, 3, keys);
+    std::mt19937 rng(7);
+    for (int i = 0; i < rows; ++i) {
+        const std::string name = "N" + std::to_string(rng() % 50);
+        const std::string memo(rng() % 40, static_cast<char>('a' + rng() % 26));
+        const std::string blob = std::string("\0\1", 2) + std::to_string(i);
+        std::vector<KWRVal> cells = {I4(static_cast<int32_t>(rng() % 100000)), Num<uint8_t>(1, i & 1),
+                                     Num<uint8_t>(2, static_cast<uint8_t>(i)), Num<int8_t>(3, static_cast<int8_t>(-i)),
+                                     Num<int16_t>(4, static_cast<int16_t>(i * 3)), I8(int64_t{i} << 40),
+                                     Null() /* cells cannot set "F4" */, F8(i / 3.0),
+                                     Text(name.c_str()), Text(memo.c_str(), iFldType_Memo),
+                                     Text(blob.data(), iFldType_Blob, static_cast<int32_t>(blob.size()))};
+        if (i % 5 == 0) cells[9] = Null();
+        // Duplicate ids are refused, which is fine.
+        if (KWRData* m = Add(a, cells); m && i % 3 == 0) {
+            KWRSetAsFloat(KWRFldByName(KWAType(a), "f4"), m, 0.5f * static_cast<float>(i));
+            KWARecPost(m, nullptr);
+        }
+    }
+}
+
+std::vector<uint8_t> PackBuff(KWArray* a) {
+    std::vector<uint8_t> out(KWAPackBuff(a, nullptr));
+    EXPECT_EQ(KWAPackBuff(a, out.data()), out.size());
+    return out;
+}
+
+}  // namespace
+
+TEST(recarr_Pack, GoldenTables) {
+    Array empty;
+    BuildSmall(empty, false);
+    const std::vector<uint8_t> expectEmpty = ReadFile(kData + "/recarr_table_empty.bin");
+    ASSERT_EQ(expectEmpty.size(), 32u);
+    EXPECT_EQ(KWAPack(empty, nullptr), 32u);
+    EXPECT_EQ(Pack(empty), expectEmpty);
+
+    Array rows;
+    BuildSmall(rows, true);
+    const std::vector<uint8_t> expectRows = ReadFile(kData + "/recarr_table_rows.bin");
+    EXPECT_EQ(Pack(rows), expectRows);
+    EXPECT_EQ(PackBuff(rows), expectRows);
+
+    // The older layout reads to the same array, which writes version "2".
+    for (const char* file : {"/recarr_table_rows.bin", "/recarr_table_rows_old.bin"}) {
+        const std::vector<uint8_t> table = ReadFile(kData + file);
+        for (bool forRead : {false, true}) {
+            Array back;
+            const int64_t n = forRead ? KWAUnpackForRead(back, table.data())
+                                      : static_cast<int64_t>(KWAUnpack(back, table.data()));
+            EXPECT_EQ(n, static_cast<int64_t>(table.size())) << file;
+            EXPECT_EQ(Pack(back), expectRows) << file;
+            EXPECT_EQ(KWAUnpackChecked(back, table.data(), table.size(), forRead), static_cast<int64_t>(table.size()));
+        }
+    }
+}
+
+TEST(recarr_Pack, RoundTripsByteForByte) {
+    Array a;
+    BuildWide(a, 3000);
+    ASSERT_GT(KWARecCount(a), 2900);
+    const std::vector<uint8_t> table = Pack(a);
+    EXPECT_EQ(PackBuff(a), table);
+
+    Array plain;
+    ASSERT_EQ(KWAUnpack(plain, table.data()), table.size());
+    EXPECT_EQ(Pack(plain), table);
+    EXPECT_EQ(Ints(plain, 0, "id"), Ints(a, 0, "id"));
+    EXPECT_EQ(Texts(plain, 1, "name"), Texts(a, 1, "name"));
+
+    Array forRead;
+    ASSERT_EQ(KWAUnpackForRead(forRead, table.data()), static_cast<int64_t>(table.size()));
+    EXPECT_EQ(Pack(forRead), table);
+    EXPECT_EQ(Texts(forRead, 2, "memo"), Texts(a, 2, "memo"));
+
+    // Converting in both directions keeps every key's order.
+    Array converted;
+    KWAUnpack(converted, table.data());
+    EXPECT_EQ(KWAPackForRead(converted), 0);
+    EXPECT_EQ(KWAPackForRead(converted), 0);
+    EXPECT_EQ(Pack(converted), table);
+    EXPECT_EQ(KWAUnpackForWrite(converted), 0);
+    EXPECT_EQ(Pack(converted), table);
+    EXPECT_EQ(Texts(converted, 2, "memo"), Texts(a, 2, "memo"));
+}
+
+TEST(recarr_Pack, RefusedAndPartialTables) {
+    std::vector<uint8_t> table = ReadFile(kData + "/recarr_table_rows.bin");
+    Array a;
+    table[2] = 'a';
+    EXPECT_EQ(KWAUnpack(a, table.data()), 0u);
+    EXPECT_EQ(KWAUnpackForRead(a, table.data()), 0);
+    table[2] = 'A';
+
+    // A table with records but no keys gives the fields only.
+    Array keyless;
+    KWAFldAdd(keyless, 1, std::vector<KWRFieldDef>{Field("x", iFldType_Int32)}.data());
+    Add(keyless, {I4(1)});
+    KWAKeyDel(keyless, 0);
+    std::vector<uint8_t> t = Pack(keyless);
+    ASSERT_EQ(t[5], 1);  // the emptied key 0 is still there; drop it by hand
+    std::vector<uint8_t> noKeys(t.begin(), t.begin() + 18 + 4);
+    noKeys.insert(noKeys.end(), t.begin() + 18 + 4 + 5, t.end());
+    noKeys[5] = 0;
+    const uint32_t total = static_cast<uint32_t>(noKeys.size());
+    std::memcpy(&noKeys[10], &total, 4);
+    Array back;
+    EXPECT_EQ(KWAUnpack(back, noKeys.data()), total);
+    EXPECT_EQ(KWAType(back)->fieldCount, 1);
+    EXPECT_EQ(KWARecCount(back), 0);
+}
+
+TEST(recarr_Store, AddPostAndDeleteInReadMode) {
+    Array src;
+    BuildSmall(src, true);
+    const std::vector<uint8_t> table = Pack(src);
+    Array a;
+    ASSERT_GT(KWAUnpackForRead(a, table.data()), 0);
+    const KWRField* fa = a.F("A");
+
+    // Additions go to the shared blocks, placed as posts place them.
+    for (int v : {5, 100, -7, 3}) ASSERT_NE(Add(a, {I4(v), Text("x")}), nullptr);
+    EXPECT_EQ(Add(a, {I4(5), Null()}), nullptr);  // Unique refusal
+    EXPECT_EQ(Ints(a, 0, "A"), (std::vector<int64_t>{-7, -1, 3, 5, 7, 100}));
+
+    // A working copy of the same length is written into place.
+    KWRData* m7 = KWARec(a, 0, 4);
+    KWRData* copy = KWARecEdit(m7);
+    KWRSetAsInt32(fa, copy, 50);
+    KWRData* out = nullptr;
+    ASSERT_EQ(KWARecPost(copy, &out), 0);
+    EXPECT_EQ(out, m7);
+    EXPECT_EQ(Ints(a, 0, "A"), (std::vector<int64_t>{-7, -1, 3, 5, 50, 100}));
+    // A change in place is packed into place too.
+    KWRSetAsText(a.F("B"), m7, 5, "hello");
+    EXPECT_EQ(KWARecPost(m7, &out), 0);
+    EXPECT_EQ(AsText(a, m7, "B"), "hello");
+    EXPECT_EQ(KWARec(a, 0, 4), m7);  // still stored: no conversion so far
+
+    // Deleting converts the storage back; positions are kept.
+    EXPECT_EQ(KWARecDel(KWARec(a, 0, 1)), 0);
+    EXPECT_EQ(Ints(a, 0, "A"), (std::vector<int64_t>{-7, 3, 5, 50, 100}));
+    EXPECT_EQ(AsText(a, KWARec(a, 0, 3), "B"), "hello");
+    KWRData* fresh = KWARecNew(a);
+    KWRSetAsInt32(fa, fresh, 4);
+    ASSERT_EQ(KWARecPost(fresh, &out), 0);
+    EXPECT_EQ(Ints(a, 0, "A"), (std::vector<int64_t>{-7, 3, 4, 5, 50, 100}));
+}
+
+TEST(recarr_Store, LengthChangeInReadModeIsRefused) {
+    Array src({Field("id", iFldType_Int32), Field("memo", iFldType_Memo)}, {Key("id")});
+    Add(src, {I4(1), Text("abc", iFldType_Memo)});
+    Add(src, {I4(2), Text("def", iFldType_Memo)});
+    const std::vector<uint8_t> table = Pack(src);
+    Array a;
+    ASSERT_GT(KWAUnpackForRead(a, table.data()), 0);
+    KWRData* m = KWARec(a, 0, 0);
+    KWRData* copy = KWARecEdit(m);
+    KWRSetAsText(a.F("memo"), copy, 5, "abcde");
+    EXPECT_EQ(KWARecPost(copy, nullptr), -2);
+    KWARecDel(copy);
+    // In place: a longer text moves out of the image; same length packs back.
+    KWRSetAsText(a.F("memo"), m, 6, "longer");
+    EXPECT_EQ(KWARecPost(m, nullptr), -2);
+    KWRSetAsText(a.F("memo"), m, 3, "xyz");
+    EXPECT_EQ(KWARecPost(m, nullptr), 0);
+    EXPECT_EQ(AsText(a, m, "memo"), "xyz");
+    EXPECT_EQ(Pack(a).size(), table.size());
+}
+
+TEST(recarr_Store, ManyAdditionsSpanBlocks) {
+    Array a({Field("id", iFldType_Int32), Field("memo", iFldType_Memo)},
+            {Key("id"), Key("memo", iKeyOpt_CaseInsensitive)});
+    ASSERT_EQ(KWAPackForRead(a), 0);
+    std::mt19937 rng(3);
+    std::vector<int64_t> ids;
+    for (int i = 0; i < 9000; ++i) {
+        const int32_t id = static_cast<int32_t>(rng() % 5000);
+        // Every 1000th text is big enough to need a data block of its own.
+        const std::string memo(i % 1000 == 999 ? 0x100001 : rng() % 300, static_cast<char>('A' + i % 26));
+        ASSERT_NE(Add(a, {I4(id), Text(memo.c_str(), iFldType_Memo, static_cast<int32_t>(memo.size()))}), nullptr);
+        ids.push_back(id);
+    }
+    std::sort(ids.begin(), ids.end());
+    EXPECT_EQ(Ints(a, 0, "id"), ids);
+    const std::vector<uint8_t> table = Pack(a);
+    Array back;
+    ASSERT_EQ(KWAUnpack(back, table.data()), table.size());
+    EXPECT_EQ(Texts(back, 1, "memo"), Texts(a, 1, "memo"));
+    EXPECT_EQ(KWAUnpackForWrite(a), 0);
+    EXPECT_EQ(Pack(a), table);
+}
+
+TEST(table_Checked, RefusesMalformedTables) {
+    Array src;
+    BuildWide(src, 40);
+    const std::vector<uint8_t> table = Pack(src);
+    Array a;
+    EXPECT_EQ(KWAUnpackChecked(a, table.data(), table.size(), false), static_cast<int64_t>(table.size()));
+    EXPECT_EQ(KWAUnpackChecked(a, table.data(), table.size(), true), static_cast<int64_t>(table.size()));
+    EXPECT_EQ(Pack(a), table);
+
+    // Truncated, with the total patched to the cut length: every cut is refused.
+    for (size_t n = 0; n < table.size(); ++n) {
+        std::vector<uint8_t> cut(table.begin(), table.begin() + static_cast<std::ptrdiff_t>(n));
+        if (n >= 14) {
+            const uint32_t total = static_cast<uint32_t>(n);
+            std::memcpy(&cut[10], &total, 4);
+        }
+        ASSERT_EQ(KWAUnpackChecked(a, cut.data(), cut.size(), n & 1), -2) << n;
+    }
+
+    // Specific damage.
+    struct Damage {
+        const char* what;
+        size_t at;
+        uint8_t value;
+    };
+    const size_t firstType = 18 + 3 + 1;  // "id\0", width, type
+    const char nameField[] = "name";
+    const size_t nameWidth =
+        static_cast<size_t>(std::search(table.begin(), table.end(), nameField, nameField + 5) - table.begin()) + 5;
+    const std::vector<Damage> damages = {
+        {"magic", 1, 'r'},
+        {"type code 0", firstType, 0},
+        {"type code 12", firstType, 12},
+        {"CH width 0", nameWidth, 0},
+        {"total beyond length", 13, 1},
+    };
+    for (const auto& d : damages) {
+        std::vector<uint8_t> bad = table;
+        bad[d.at] = d.value;
+        EXPECT_EQ(KWAUnpackChecked(a, bad.data(), bad.size(), false), -2) << d.what;
+    }
+
+    // Random damage never crashes (the sanitizer build watches the reads).
+    std::mt19937 rng(11);
+    for (int i = 0; i < 3000; ++i) {
+        std::vector<uint8_t> bad = table;
+        for (int k = 0; k < 3; ++k) bad[rng() % bad.size()] = static_cast<uint8_t>(rng());
+        const int64_t rc = KWAUnpackChecked(a, bad.data(), bad.size(), i & 1);
+        ASSERT_TRUE(rc == -2 || rc == 0 || rc == static_cast<int64_t>(bad.size()) ||
+                    (rc > 0 && rc <= static_cast<int64_t>(bad.size())))
+            << rc;
+    }
+}
+
+TEST(recarr_Pack, UnsortedTableSeeksLikeTheListSearch) {
+    // A table whose key-0 order is not sorted (written elsewhere, or
+    // damaged): seeks must still give what KWLSeek gives over that order.
+    Array src({Field("id", iFldType_Int32)}, {Key("id", iKeyOpt_Unique)});
+    for (int i = 0; i < 300; ++i) Add(src, {I4(i * 2)});
+    std::vector<uint8_t> table = Pack(src);
+    const size_t first = 18 + 5 + 7, size = 6 + 5;  // "id" descriptor, key descriptor; image length
+    for (size_t i = 0; i < 40; ++i)  // swap images i and 299 - i
+        std::swap_ranges(table.begin() + static_cast<std::ptrdiff_t>(first + i * size),
+                         table.begin() + static_cast<std::ptrdiff_t>(first + (i + 1) * size),
+                         table.begin() + static_cast<std::ptrdiff_t>(first + (299 - i) * size));
+    for (bool forRead : {false, true}) {
+        Array a;
+        ASSERT_EQ(KWAUnpackChecked(a, table.data(), table.size(), forRead), static_cast<int64_t>(table.size()));
+        KWList list;
+        KWLInit(&list);
+        for (int32_t i = 0; KWRData* r = KWARec(a, 0, i); ++i) KWLAdd(&list, r);
+        KWAKey* key = KeyOf(a, 0);
+        for (int32_t v = -1; v < 601; ++v) {
+            KWRVal cell = I4(v);
+            int32_t pos = -1, listPos = -2;
+            KWRData* found = KWARecSeekV(a, 0, &cell, &pos);
+            const int32_t listFound = KWLSeek(key, &list, KWAVarComp, &cell, &listPos);
+            ASSERT_EQ(pos, listPos) << v;
+            ASSERT_EQ(found != nullptr, listFound == 1) << v;
+        }
+        KWLClear(&list);
+        // Sorting makes it a sorted key again.
+        ASSERT_EQ(KWARecSort(a, 0), 0);
+        KWRVal cell = I4(8);
+        int32_t pos = -1;
+        EXPECT_NE(KWARecSeekV(a, 0, &cell, &pos), nullptr);
+        EXPECT_EQ(pos, 4);
+    }
+}
+
+TEST(recarr_Store, CopyOfAReadModeSource) {
+    Array src;
+    BuildWide(src, 200);
+    const std::vector<uint8_t> table = Pack(src);
+    Array a;
+    ASSERT_GT(KWAUnpackForRead(a, table.data()), 0);
+    // A stored member changed in place (text moved out of the shared block).
+    KWRData* m = KWARec(a, 0, 5);
+    KWRSetAsText(a.F("memo"), m, 50, std::string(50, 'q').c_str());
+    Array copy;
+    ASSERT_EQ(KWACopy(copy, a, iCopyOpt_Rec | iCopyOpt_Key), 0);
+    EXPECT_EQ(AsText(copy, KWARec(copy, 0, 5), "memo"), std::string(50, 'q'));
+    EXPECT_EQ(Ints(copy, 0, "id"), Ints(a, 0, "id"));
+    EXPECT_EQ(Texts(copy, 1, "name"), Texts(a, 1, "name"));
+    // The source's stored image is untouched until it is posted.
+    EXPECT_EQ(m->state, 255);
+}

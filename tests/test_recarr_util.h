@@ -1,0 +1,133 @@
+// Helpers shared by the record-array tests: building arrays, cells and
+// reading members back in key order.
+#pragma once
+
+#include <VomKwz.h>
+
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+namespace recarrtest {
+
+inline KWRFieldDef Field(const char* name, uint8_t type, uint8_t width = 0) {
+    KWRFieldDef d;
+    std::memset(&d, 0, sizeof d);
+    std::strncpy(d.name, name, sizeof d.name - 1);
+    d.type = type;
+    d.width = width;
+    return d;
+}
+
+inline KWAKeyDef Key(const char* expression, uint32_t options = 0) {
+    KWAKeyDef k;
+    std::memset(&k, 0, sizeof k);
+    std::strncpy(k.expression, expression, sizeof k.expression - 1);
+    k.options = options;
+    return k;
+}
+
+inline KWRVal Null() {
+    KWRVal v;
+    std::memset(&v, 0, sizeof v);
+    v.isNull = 1;
+    return v;
+}
+
+template <typename T>
+KWRVal Num(uint8_t type, T value) {
+    KWRVal v;
+    std::memset(&v, 0, sizeof v);
+    v.type = type;
+    std::memcpy(v.value, &value, sizeof value);
+    return v;
+}
+inline KWRVal I4(int32_t x) { return Num(iFldType_Int32, x); }
+inline KWRVal I8(int64_t x) { return Num(iFldType_Int64, x); }
+inline KWRVal F8(double x) { return Num(iFldType_Double, x); }
+
+// A text cell; the pointer must outlive the cell's use.
+inline KWRVal Text(const char* text, uint8_t type = iFldType_Char, int32_t length = -1) {
+    KWRVal v;
+    std::memset(&v, 0, sizeof v);
+    v.type = type;
+    const uint32_t n = length >= 0 ? static_cast<uint32_t>(length) : static_cast<uint32_t>(std::strlen(text));
+    std::memcpy(v.value, &n, 4);
+    std::memcpy(v.value + 4, &text, sizeof text);
+    return v;
+}
+
+// Owns an array for the length of a test.
+class Array {
+public:
+    explicit Array(const std::vector<KWRFieldDef>& fields, const std::vector<KWAKeyDef>& keys = {}) {
+        KWACreate(&a_, nullptr);
+        if (!fields.empty()) KWAFldAdd(a_, static_cast<int32_t>(fields.size()), fields.data());
+        if (!keys.empty()) KWAKeyAdd(a_, static_cast<int32_t>(keys.size()), keys.data());
+    }
+    Array() { KWACreate(&a_, nullptr); }
+    ~Array() { KWADestroy(a_); }
+    Array(const Array&) = delete;
+    Array& operator=(const Array&) = delete;
+    KWArray* get() const { return a_; }
+    operator KWArray*() const { return a_; }
+    const KWRField* F(const char* name) const { return KWRFldByName(KWAType(a_), name); }
+
+private:
+    KWArray* a_ = nullptr;
+};
+
+inline KWRData* Add(KWArray* a, std::vector<KWRVal> cells) { return KWARecAdd(a, cells.data()); }
+
+inline int64_t AsInt(KWArray* a, const KWRData* rec, const char* field) {
+    int64_t v = 0;
+    return KWRGetAsInt64(KWRFldByName(KWAType(a), field), rec, &v) == 0 ? v : INT64_MIN;
+}
+
+inline std::string AsText(KWArray* a, const KWRData* rec, const char* field) {
+    uint32_t n = 0;
+    const char* p = nullptr;
+    const uint32_t rc = KWRGetTextRef(KWRFldByName(KWAType(a), field), rec, &n, &p);
+    if (rc == 2) return "<null>";
+    return p ? std::string(p, n) : std::string();
+}
+
+// The field's values in the order of a key, nulls as INT64_MIN.
+inline std::vector<int64_t> Ints(KWArray* a, int32_t key, const char* field) {
+    std::vector<int64_t> out;
+    for (int32_t i = 0; KWRData* r = KWARec(a, key, i); ++i) out.push_back(AsInt(a, r, field));
+    return out;
+}
+inline std::vector<std::string> Texts(KWArray* a, int32_t key, const char* field) {
+    std::vector<std::string> out;
+    for (int32_t i = 0; KWRData* r = KWARec(a, key, i); ++i) out.push_back(AsText(a, r, field));
+    return out;
+}
+
+// The descriptor of a key with fields and members, as comparators see it.
+inline KWAKey* KeyOf(KWArray* a, int32_t key) {
+    KWAKey* desc = nullptr;
+    KWARecSeekF(a, key, +[](void* k, void*, void* out) -> int32_t {
+        *static_cast<KWAKey**>(out) = static_cast<KWAKey*>(k);
+        return 0;
+    }, &desc, nullptr);
+    return desc;
+}
+
+inline std::vector<uint8_t> ReadFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::vector<uint8_t>((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+// The packed table of an array as bytes.
+inline std::vector<uint8_t> Pack(KWArray* a) {
+    void* block = nullptr;
+    const uint64_t n = KWAPack(a, &block);
+    std::vector<uint8_t> out(static_cast<uint8_t*>(block), static_cast<uint8_t*>(block) + n);
+    KWMemFree(block);
+    return out;
+}
+
+}  // namespace recarrtest
