@@ -429,6 +429,53 @@ KWZ_API KWRData* KWARecAddPack(KWArray* array, const KWRVal* cells);
 KWZ_API int64_t KWAUnpackChecked(KWArray* array, const void* table, uint64_t length,
                                  bool forRead);
 
+/* ======================================================================== */
+/* Compression, data helpers, hashes                                         */
+/* ======================================================================== */
+
+typedef int32_t (*LZOPReadFn)(void* context, void* buffer, int32_t size);        /* <0 error */
+typedef int32_t (*LZOPWriteFn)(void* context, const void* buffer, int32_t size); /* <0 error */
+
+/* Writes a "#LZ2" container; *outputSize is the room in, the bytes written out. */
+KWZ_API bool LZOPCompress_(const void* input, uint32_t inputLength, void* output,
+                           uint32_t* outputSize, void* work);
+/* With output NULL only *outputLength (the decompressed size) is set; with an
+   output, *outputLength is its room (what the size query stored) on entry and
+   the bytes written on return.  The container is trusted: it must be complete. */
+KWZ_API bool LZOPDecompress_(const void* container, void* output, uint32_t* outputLength,
+                             int32_t option);
+KWZ_API bool LZOPCompress(void* context, LZOPReadFn read, LZOPWriteFn write);
+KWZ_API bool LZOPDecompress(void* context, LZOPReadFn read, LZOPWriteFn write, int32_t option);
+KWZ_API int32_t KWZDataCompress(int32_t length, const void* data, int32_t* outLength,
+                                void** outBlock);
+KWZ_API int32_t KWZDataDeCompress(int32_t length, const void* data, int32_t* outLength,
+                                  void** outBlock);
+KWZ_API int32_t KWZDataIsCompress(int32_t length, const void* data, bool* flag);
+KWZ_API int32_t KWZArrayPack(KWArray* array, int32_t* outLength, void** outBlock, bool compress);
+KWZ_API int32_t KWZArrayUnPack(KWArray* array, const void* data, bool forRead);
+/* 32 characters and a 0 byte into out (33 bytes of room). */
+KWZ_API int32_t KWZDataHash(int32_t length, const void* data, char* out, const char* key);
+
+typedef struct md5_state_t {
+    uint32_t count[2];
+    uint32_t abcd[4];
+    uint8_t buf[64];
+} md5_state_t;
+KWZ_API void md5_init(md5_state_t* state);
+KWZ_API void md5_append(md5_state_t* state, const uint8_t* data, int32_t length);
+KWZ_API void md5_finish(md5_state_t* state, uint8_t digest[16]);
+/* The library's own 32-character text digest (not plain hexadecimal MD5). */
+KWZ_API void md5_finishA(md5_state_t* state, char out[32]);
+
+/* RC4 is kept for compatibility with existing peers; it is not a secure cipher. */
+typedef struct RC4Key {
+    uint8_t state[256];
+    uint8_t x;
+    uint8_t y;
+} RC4Key;
+KWZ_API void RC4CodePrepare_Key(const uint8_t* key, int32_t keyLength, RC4Key* state);
+KWZ_API void RC4Code(uint8_t* data, int32_t length, RC4Key* state);
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

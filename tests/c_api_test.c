@@ -78,11 +78,22 @@ static void check_arrays(void) {
     KWADestroy(array);
 }
 
+static void check_data_helpers(void) {
+    int32_t length = 0;
+    void* block = NULL;
+    char hash[33];
+    CHECK(KWZDataCompress(0, "", &length, &block) == 0 && length == 12 &&
+          memcmp(block, "#LZ200000000", 12) == 0);
+    KWMemFree(block);
+    CHECK(KWZDataHash(3, "abc", hash, NULL) == 0 && strlen(hash) == 32);
+}
+
 int main(void) {
     check_layouts();
     check_basics();
     check_records();
     check_arrays();
+    check_data_helpers();
     if (failures) {
         fprintf(stderr, "%d failures\n", failures);
         return 1;

@@ -1,0 +1,262 @@
+// MD5, the library's text digest and data hash, and RC4.
+#include <VomKwz.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace {
+
+std::string Hex(const uint8_t* p, size_t n) {
+    static const char digits[] = "0123456789abcdef";
+    std::string s;
+    for (size_t i = 0; i < n; ++i) {
+        s += digits[p[i] >> 4];
+        s += digits[p[i] & 15];
+    }
+    return s;
+}
+
+std::string Md5Hex(const std::string& data) {
+    md5_state_t st;
+    md5_init(&st);
+    md5_append(&st, reinterpret_cast<const uint8_t*>(data.data()), int32_t(data.size()));
+    uint8_t digest[16];
+    md5_finish(&st, digest);
+    return Hex(digest, 16);
+}
+
+// The text digest, computed independently of md5_finishA: character k is the
+// digit of the high half of digest byte k/2 when k is even; when k is odd it
+// is the digit of the low bits of character (k-1)/2.
+std::string QuirkText(const uint8_t digest[16]) {
+    static const char digits[] = "0123456789ABCDEF";
+    std::string out;
+    for (int k = 0; k < 32; ++k) {
+        int j = k;
+        std::vector<int> odd;  // the chain of odd positions that lead to k
+        while (j % 2 == 1) {
+            odd.push_back(j);
+            j = (j - 1) / 2;
+        }
+        char c = digits[digest[j / 2] >> 4];
+        for (size_t i = 0; i < odd.size(); ++i) c = digits[uint8_t(c) & 15];
+        out += c;
+    }
+    return out;
+}
+
+std::string Hash(const std::string& data, const char* key) {
+    char out[40];
+    std::memset(out, 'x', sizeof out);
+    EXPECT_EQ(KWZDataHash(int32_t(data.size()), data.data(), out, key), 0);
+    EXPECT_EQ(out[32], '\0');
+    EXPECT_EQ(out[33], 'x') << "wrote past the 33 bytes";
+    return std::string(out);
+}
+
+std::string ReferenceHash(const std::string& data, const std::string& key) {
+    md5_state_t st;
+    md5_init(&st);
+    std::string all = data + key;
+    md5_append(&st, reinterpret_cast<const uint8_t*>(all.data()), int32_t(all.size()));
+    uint8_t digest[16];
+    md5_finish(&st, digest);
+    return QuirkText(digest);
+}
+
+// ---------------------------------------------------------------- MD5
+
+TEST(md5Digest, Rfc1321Vectors) {
+    const struct {
+        const char* in;
+        const char* md5;
+    } cases[] = {
+        {"", "d41d8cd98f00b204e9800998ecf8427e"},
+        {"a", "0cc175b9c0f1b6a831c399e269772661"},
+        {"abc", "900150983cd24fb0d6963f7d28e17f72"},
+        {"message digest", "f96b697d7cb7938d525a2f31aaf161d0"},
+        {"abcdefghijklmnopqrstuvwxyz", "c3fcd3d76192e4007dfb496cca67e13b"},
+        {"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789",
+         "d174ab98d277d9f5a5611c2c9f419d9f"},
+        {"12345678901234567890123456789012345678901234567890123456789012345678901234567890",
+         "57edf4a22be3c955ac49da2e2107b67a"},
+    };
+    for (const auto& c : cases) EXPECT_EQ(Md5Hex(c.in), c.md5) << '"' << c.in << '"';
+    EXPECT_EQ(Md5Hex(std::string(1000000, 'a')), "7707d6ae4e027c70eea2a935c2296f21");
+}
+
+// Lengths around the 55/56/64-byte padding edges, fed in pieces of every
+// awkward size, must match the one-shot digest.
+TEST(md5Digest, PiecewiseAppendMatchesOneShot) {
+    std::string data;
+    for (int i = 0; i < 300; ++i) data += char(i * 37 + 11);
+    for (size_t len : {55u, 56u, 63u, 64u, 65u, 119u, 120u, 128u, 300u}) {
+        const std::string whole = Md5Hex(data.substr(0, len));
+        for (size_t piece : {1u, 3u, 63u, 64u, 65u}) {
+            md5_state_t st;
+            md5_init(&st);
+            for (size_t at = 0; at < len; at += piece) {
+                size_t n = std::min(piece, len - at);
+                md5_append(&st, reinterpret_cast<const uint8_t*>(data.data() + at), int32_t(n));
+            }
+            uint8_t digest[16];
+            md5_finish(&st, digest);
+            EXPECT_EQ(Hex(digest, 16), whole) << "length " << len << " piece " << piece;
+        }
+    }
+}
+
+// ------------------------------------------------- the library's text digest
+
+TEST(md5TextDigest, MatchesIndependentReference) {
+    for (const std::string in : {"", "abc", "message digest", "The quick brown fox"}) {
+        md5_state_t a, b;
+        md5_init(&a);
+        md5_init(&b);
+        md5_append(&a, reinterpret_cast<const uint8_t*>(in.data()), int32_t(in.size()));
+        md5_append(&b, reinterpret_cast<const uint8_t*>(in.data()), int32_t(in.size()));
+        uint8_t digest[16];
+        md5_finish(&a, digest);
+        char text[32];
+        md5_finishA(&b, text);
+        EXPECT_EQ(std::string(text, 32), QuirkText(digest)) << '"' << in << '"';
+    }
+}
+
+// "abc" has the digest 90 01 50 98 ...: position 0 is '9', position 1 the
+// digit of '9' & 15 = 9, position 3 that of out[1] ('9'), position 5 that of
+// out[2] ('0'), and so on.  Not the ordinary hexadecimal text.
+TEST(md5TextDigest, IsNotPlainHexadecimal) {
+    md5_state_t st;
+    md5_init(&st);
+    md5_append(&st, reinterpret_cast<const uint8_t*>("abc"), 3);
+    char text[32];
+    md5_finishA(&st, text);
+    EXPECT_EQ(std::string(text, 6), "990950");
+    EXPECT_NE(std::string(text, 32), "900150983CD24FB0D6963F7D28E17F72");
+}
+
+TEST(md5TextDigest, DigestStartingWithZeroByteStartsWith00) {
+    // Find an input whose digest begins with 0x00 (one in 256 does).
+    for (int i = 0;; ++i) {
+        ASSERT_LT(i, 100000);
+        std::string in = "seed" + std::to_string(i);
+        md5_state_t st;
+        md5_init(&st);
+        md5_append(&st, reinterpret_cast<const uint8_t*>(in.data()), int32_t(in.size()));
+        md5_state_t copy = st;
+        uint8_t digest[16];
+        md5_finish(&st, digest);
+        if (digest[0] != 0) continue;
+        char text[32];
+        md5_finishA(&copy, text);
+        EXPECT_EQ(std::string(text, 2), "00");
+        break;
+    }
+}
+
+// ---------------------------------------------------------------- data hash
+
+TEST(cryptoHash, DefaultKeyForNullAndEmpty) {
+    const std::string data = "record array contents";
+    const std::string byNull = Hash(data, nullptr);
+    EXPECT_EQ(byNull, Hash(data, ""));
+    EXPECT_EQ(byNull, Hash(data, "47PX6K302B"));
+    EXPECT_EQ(byNull, ReferenceHash(data, "47PX6K302B"));
+    EXPECT_NE(byNull, Hash(data, "other key"));
+    EXPECT_EQ(Hash(data, "other key"), ReferenceHash(data, "other key"));
+}
+
+// Stored hash values must never change: pinned.
+TEST(cryptoHash, GoldenValues) {
+    EXPECT_EQ(Hash("", nullptr), ReferenceHash("", "47PX6K302B"));
+    EXPECT_EQ(Hash("", nullptr), "44046064D640F6C41456C440664673A4");
+    EXPECT_EQ(Hash("abc", nullptr), "44C4E334A573130401D58723A193A0B4");
+    EXPECT_EQ(Hash("abc", "secret"), "33E3C56343B5F6238483F2754696F233");
+}
+
+TEST(cryptoHash, BadArguments) {
+    char out[33];
+    EXPECT_EQ(KWZDataHash(3, "abc", nullptr, nullptr), -2);
+    EXPECT_EQ(KWZDataHash(-1, "abc", out, nullptr), -2);
+    EXPECT_EQ(KWZDataHash(3, nullptr, out, nullptr), -2);
+    EXPECT_EQ(KWZDataHash(0, nullptr, out, nullptr), 0);
+    EXPECT_EQ(std::string(out), ReferenceHash("", "47PX6K302B"));
+}
+
+// ---------------------------------------------------------------- RC4
+
+std::vector<uint8_t> Keystream(const std::vector<uint8_t>& key, size_t n) {
+    RC4Key st;
+    RC4CodePrepare_Key(key.data(), int32_t(key.size()), &st);
+    std::vector<uint8_t> out(n, 0);
+    RC4Code(out.data(), int32_t(n), &st);
+    return out;
+}
+
+// RFC 6229 keystream vectors (offsets 0, 16, 240 and 4096).
+TEST(cryptoRc4, Rfc6229Keystreams) {
+    const std::vector<uint8_t> key40 = {1, 2, 3, 4, 5};
+    const std::vector<uint8_t> key128 = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
+    const struct {
+        const std::vector<uint8_t>* key;
+        size_t offset;
+        const char* hex;
+    } cases[] = {
+        {&key40, 0, "b2396305f03dc027ccc3524a0a1118a8"},
+        {&key40, 16, "6982944f18fc82d589c403a47a0d0919"},
+        {&key40, 240, "28cb1132c96ce286421dcaadb8b69eae"},
+        {&key40, 4096, "ff25b58995996707e51fbdf08b34d875"},
+        {&key128, 0, "9ac7cc9a609d1ef7b2932899cde41b97"},
+        {&key128, 240, "065902e4b620f6cc36c8589f66432f2b"},
+        {&key128, 4096, "a36a4c301ae8ac13610ccbc12256cacc"},
+    };
+    for (const auto& c : cases) {
+        auto ks = Keystream(*c.key, c.offset + 16);
+        EXPECT_EQ(Hex(ks.data() + c.offset, 16), c.hex)
+            << c.key->size() * 8 << "-bit key, offset " << c.offset;
+    }
+}
+
+TEST(cryptoRc4, ClassicExamples) {
+    const struct {
+        const char *key, *plain, *cipher;
+    } cases[] = {
+        {"Key", "Plaintext", "bbf316e8d940af0ad3"},
+        {"Wiki", "pedia", "1021bf0420"},
+        {"Secret", "Attack at dawn", "45a01f645fc35b383552544b9bf5"},
+    };
+    for (const auto& c : cases) {
+        RC4Key st;
+        RC4CodePrepare_Key(reinterpret_cast<const uint8_t*>(c.key), int32_t(std::strlen(c.key)), &st);
+        std::vector<uint8_t> data(c.plain, c.plain + std::strlen(c.plain));
+        RC4Code(data.data(), int32_t(data.size()), &st);
+        EXPECT_EQ(Hex(data.data(), data.size()), c.cipher) << c.key;
+    }
+}
+
+// The state carries on between calls, so coding in pieces equals one call,
+// and coding twice with a fresh key restores the data.
+TEST(cryptoRc4, PiecesAndRoundTrip) {
+    const std::vector<uint8_t> key = {'k', 'w', 'z'};
+    std::vector<uint8_t> plain(1000);
+    for (size_t i = 0; i < plain.size(); ++i) plain[i] = uint8_t(i * 7);
+
+    std::vector<uint8_t> whole = plain, pieces = plain;
+    RC4Key a, b;
+    RC4CodePrepare_Key(key.data(), 3, &a);
+    RC4CodePrepare_Key(key.data(), 3, &b);
+    RC4Code(whole.data(), int32_t(whole.size()), &a);
+    for (size_t at = 0, step = 1; at < pieces.size(); at += step, step = step * 2 + 1)
+        RC4Code(pieces.data() + at, int32_t(std::min(step, pieces.size() - at)), &b);
+    EXPECT_EQ(whole, pieces);
+    EXPECT_NE(whole, plain);
+
+    RC4CodePrepare_Key(key.data(), 3, &a);
+    RC4Code(whole.data(), int32_t(whole.size()), &a);
+    EXPECT_EQ(whole, plain);
+}
+
+}  // namespace

@@ -1,0 +1,481 @@
+// kwz pack / unpack / hash / info, and the "compression" demo step.
+//
+// pack and unpack stream through LZOPCompress/LZOPDecompress with callbacks
+// over FILE*, one 64,480-byte chunk at a time, so files larger than memory
+// work.  "-" names stdin or stdout.
+#include <VomKwz.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "command.h"
+
+namespace {
+
+constexpr uint64_t kProgressMin = 64ull << 20;  // show progress above 64 MB
+constexpr uint64_t kProgressStep = 16ull << 20;
+constexpr char kSuffix[] = ".lz2";
+
+using FilePtr = std::unique_ptr<FILE, int (*)(FILE*)>;
+
+int NoClose(FILE*) { return 0; }
+
+// ------------------------------------------------------------ options
+
+struct Options {
+    std::string file, out, key;
+    bool haveOut = false, haveKey = false, force = false;
+};
+
+// FILE [-o OUT] [-f] [--key K]; false (and a message) on anything else.
+bool ParseArgs(const char* cmd, const std::vector<std::string>& args, Options* o) {
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string& a = args[i];
+        if ((a == "-o" || a == "--key") && i + 1 < args.size()) {
+            (a == "-o" ? o->out : o->key) = args[++i];
+            (a == "-o" ? o->haveOut : o->haveKey) = true;
+        } else if (a == "-f") {
+            o->force = true;
+        } else if (o->file.empty() && (a == "-" || a[0] != '-')) {
+            o->file = a;
+        } else {
+            std::fprintf(stderr, "kwz %s: unexpected argument \"%s\"\n", cmd, a.c_str());
+            return false;
+        }
+    }
+    if (o->file.empty()) {
+        std::fprintf(stderr, "kwz %s: no input file\n", cmd);
+        return false;
+    }
+    return true;
+}
+
+FilePtr OpenIn(const std::string& name) {
+    if (name == "-") return FilePtr(stdin, NoClose);
+    FILE* f = std::fopen(name.c_str(), "rb");
+    if (!f) std::fprintf(stderr, "kwz: cannot open %s: %s\n", name.c_str(), std::strerror(errno));
+    return FilePtr(f, f ? std::fclose : NoClose);
+}
+
+FilePtr OpenOut(const std::string& name, bool force) {
+    if (name == "-") return FilePtr(stdout, NoClose);
+    struct stat st;
+    if (!force && ::stat(name.c_str(), &st) == 0) {
+        std::fprintf(stderr, "kwz: %s exists (use -f to overwrite)\n", name.c_str());
+        return FilePtr(nullptr, NoClose);
+    }
+    FILE* f = std::fopen(name.c_str(), "wb");
+    if (!f) std::fprintf(stderr, "kwz: cannot create %s: %s\n", name.c_str(), std::strerror(errno));
+    return FilePtr(f, f ? std::fclose : NoClose);
+}
+
+// Size of a regular file, 0 for pipes and the like.
+uint64_t FileSize(FILE* f) {
+    struct stat st;
+    return ::fstat(fileno(f), &st) == 0 && S_ISREG(st.st_mode) ? uint64_t(st.st_size) : 0;
+}
+
+// ------------------------------------------------------------ stream callbacks
+
+// One context serves both callbacks of a call: the input, the output (null
+// to count and discard) and the progress line.
+struct Pipe {
+    FILE* in = nullptr;
+    FILE* out = nullptr;
+    uint64_t read = 0, written = 0, total = 0, next = kProgressStep;
+    bool progress = false;
+    const char* verb = "";
+    uint8_t head[4] = {};  // the first output bytes, kept when discarding
+};
+
+int32_t ReadCallback(void* context, void* buffer, int32_t size) {
+    auto* p = static_cast<Pipe*>(context);
+    size_t n = std::fread(buffer, 1, size_t(size), p->in);
+    if (n == 0 && std::ferror(p->in)) return -1;
+    p->read += n;
+    if (p->progress && p->read >= p->next) {
+        p->next += kProgressStep;
+        std::fprintf(stderr, "\rkwz %s: %llu of %llu MB (%d%%)", p->verb,
+                     (unsigned long long)(p->read >> 20), (unsigned long long)(p->total >> 20),
+                     int(p->read * 100 / p->total));
+    }
+    return int32_t(n);
+}
+
+int32_t WriteCallback(void* context, const void* buffer, int32_t size) {
+    auto* p = static_cast<Pipe*>(context);
+    if (!p->out && p->written < sizeof p->head)
+        std::memcpy(p->head + p->written, buffer,
+                    std::min(size_t(size), sizeof p->head - size_t(p->written)));
+    size_t n = p->out ? std::fwrite(buffer, 1, size_t(size), p->out) : size_t(size);
+    p->written += n;
+    return n == 0 ? -1 : int32_t(n);
+}
+
+bool EndsWith(const std::string& s, const char* suffix) {
+    size_t n = std::strlen(suffix);
+    return s.size() > n && s.compare(s.size() - n, n, suffix) == 0;
+}
+
+double Ratio(uint64_t part, uint64_t whole) { return whole ? double(part) / double(whole) : 0.0; }
+
+// pack and unpack share everything but the direction.
+int Transcode(const char* cmd, const std::vector<std::string>& args, bool pack) {
+    Options o;
+    if (!ParseArgs(cmd, args, &o)) return 2;
+    if (!o.haveOut) {
+        if (o.file == "-") {
+            o.out = "-";
+        } else if (pack) {
+            o.out = o.file + kSuffix;
+        } else if (EndsWith(o.file, kSuffix)) {
+            o.out = o.file.substr(0, o.file.size() - 4);
+        } else {
+            std::fprintf(stderr, "kwz unpack: %s does not end in .lz2; name the output with -o\n",
+                         o.file.c_str());
+            return 2;
+        }
+    }
+    if (pack && o.out == "-" && ::isatty(STDOUT_FILENO)) {
+        std::fprintf(stderr, "kwz pack: not writing a container to a terminal\n");
+        return 2;
+    }
+    FilePtr in = OpenIn(o.file);
+    if (!in) return 1;
+    FilePtr out = OpenOut(o.out, o.force);
+    if (!out) return 1;
+
+    Pipe pipe;
+    pipe.in = in.get();
+    pipe.out = out.get();
+    pipe.total = FileSize(in.get());
+    pipe.progress = pipe.total > kProgressMin && ::isatty(STDERR_FILENO);
+    pipe.verb = cmd;
+    bool ok = pack ? LZOPCompress(&pipe, ReadCallback, WriteCallback)
+                   : LZOPDecompress(&pipe, ReadCallback, WriteCallback, 0);
+    if (pipe.progress) std::fprintf(stderr, "\n");
+    ok = std::fflush(out.get()) == 0 && ok;
+    if (!ok || std::ferror(out.get())) {
+        std::fprintf(stderr, "kwz %s: %s failed%s\n", cmd, o.file.c_str(),
+                     pack ? "" : " (not a container, or a damaged one)");
+        if (o.out != "-") {
+            out.reset();
+            std::remove(o.out.c_str());
+        }
+        return 1;
+    }
+    if (o.out != "-") {
+        uint64_t plain = pack ? pipe.read : pipe.written, packed = pack ? pipe.written : pipe.read;
+        std::fprintf(stderr, "%s -> %s: %llu -> %llu bytes (%.3f)\n", o.file.c_str(),
+                     o.out.c_str(), (unsigned long long)pipe.read,
+                     (unsigned long long)pipe.written, Ratio(packed, plain));
+    }
+    return 0;
+}
+
+// ------------------------------------------------------------ info
+
+std::string TypeCode(uint8_t type, uint32_t width) {
+    static const char* const codes[] = {"?",  "L1", "B1", "I1", "I2", "I4",
+                                        "I8", "F4", "F8", "CH", "CM", "CB"};
+    std::string code = type < 12 ? codes[type] : "?";
+    if (type == iFldType_Char) code += std::to_string(width);
+    return code;
+}
+
+uint32_t U32(const std::vector<uint8_t>& b, size_t at) {
+    uint32_t v;
+    std::memcpy(&v, b.data() + at, 4);
+    return v;
+}
+
+// Walks the chunk headers with seeks (nothing is decompressed to count),
+// then checks the data by decoding it into nothing.
+int InfoContainer(const std::string& name, FILE* f, bool old) {
+    std::printf("%s: %s container\n", name.c_str(), old ? "older \"#LZP\"" : "\"#LZ2\"");
+    uint64_t data = 0, pos = 4;
+    uint32_t chunks = 0, stored = 0;
+    bool complete = false;
+    char head[9] = {};
+    std::fseek(f, 4, SEEK_SET);
+    while (std::fread(head, 1, 8, f) == 8) {
+        unsigned s = 0, l = 0;
+        if (std::sscanf(head, "%4X%4X", &s, &l) != 2) break;
+        pos += 8;
+        if (s == 0) {
+            complete = true;
+            break;
+        }
+        chunks++;
+        stored += l == 0;
+        data += l ? l : s;
+        pos += s;
+        if (std::fseek(f, long(s), SEEK_CUR) != 0) break;
+    }
+    const uint64_t size = FileSize(f);
+    std::printf("  chunks      %u (%u compressed, %u stored)\n", chunks, chunks - stored, stored);
+    std::printf("  container   %llu bytes\n", (unsigned long long)pos);
+    std::printf("  data        %llu bytes\n", (unsigned long long)data);
+    std::printf("  ratio       %.3f (container / data)\n", Ratio(pos, data));
+    if (!complete) {
+        std::printf("  damaged: no terminator or a bad chunk header after %llu bytes\n",
+                    (unsigned long long)pos);
+        return 1;
+    }
+    if (size > pos) std::printf("  %llu bytes follow the container\n", (unsigned long long)(size - pos));
+    std::fseek(f, 0, SEEK_SET);
+    Pipe pipe;
+    pipe.in = f;
+    bool ok = LZOPDecompress(&pipe, ReadCallback, WriteCallback, 0) && pipe.written == data;
+    std::printf("  check       %s\n", ok ? "ok" : "FAILED: a chunk does not decode");
+    if (ok && data >= 4 && std::memcmp(pipe.head, "#RA", 3) == 0)
+        std::printf("  contents    a packed record table (\"#RA%c\")\n", pipe.head[3]);
+    return ok ? 0 : 1;
+}
+
+// "#RA2" (or an older "#RA" table): header, field and key descriptors.
+int InfoTable(const std::string& name, const std::vector<uint8_t>& b) {
+    const bool v2 = b[3] == '2';
+    const size_t head = v2 ? 18 : 22;
+    if (b.size() < head) {
+        std::printf("%s: truncated packed table (%zu bytes)\n", name.c_str(), b.size());
+        return 1;
+    }
+    uint64_t total = U32(b, 10);
+    if (!v2) std::memcpy(&total, b.data() + 10, 8);
+    std::printf("%s: packed record table \"#RA%c\"%s\n", name.c_str(), b[3],
+                v2 ? "" : " (older layout)");
+    std::printf("  fields %u, keys %u, records %u, size %llu bytes%s\n", b[4], b[5], U32(b, 6),
+                (unsigned long long)total, total == b.size() ? "" : " (differs from the file size)");
+    size_t at = head;
+    auto text = [&](std::string* out) {
+        const void* end = std::memchr(b.data() + at, 0, b.size() - at);
+        if (!end) return false;
+        size_t len = size_t(static_cast<const uint8_t*>(end) - (b.data() + at));
+        out->assign(reinterpret_cast<const char*>(b.data() + at), len);
+        at += len + 1;
+        return true;
+    };
+    for (unsigned i = 0; i < b[4]; ++i) {
+        std::string field;
+        if (!text(&field) || b.size() - at < 2) {
+            std::printf("  truncated in field %u\n", i);
+            return 1;
+        }
+        std::printf("  field %-3u %-24s %s\n", i, field.c_str(), TypeCode(b[at + 1], b[at]).c_str());
+        at += 2;
+    }
+    for (unsigned i = 0; i < b[5]; ++i) {
+        std::string expr;
+        if (!text(&expr) || b.size() - at < 4) {
+            std::printf("  truncated in key %u\n", i);
+            return 1;
+        }
+        std::printf("  key %-5u %-24s options 0x%X\n", i, expr.c_str(), U32(b, at));
+        at += 4;
+    }
+    return 0;
+}
+
+// A record image: walk its slots with KWRTypGen and print the field types.
+int InfoImage(const std::string& name, const std::vector<uint8_t>& b) {
+    void* image = KWMemAlloc(uint32_t(b.size()), nullptr);
+    if (!image) return 1;
+    std::memcpy(image, b.data(), b.size());
+    KWRData record;
+    KWRRecInit(&record);
+    if (KWRRecSet(&record, image) != 0) {
+        KWMemFree(image);
+        return 1;
+    }
+    KWRType type;
+    KWRTypInit(&type);
+    int rc = 0;
+    std::printf("%s: record image, %zu bytes, %u fields, flags 0x%02X\n", name.c_str(), b.size(),
+                b[5], b[4]);
+    if (KWRTypGen(&type, "image", &record) != 0) {
+        std::printf("  its field slots do not parse\n");
+        rc = 1;
+    } else {
+        for (unsigned i = 0; i < type.fieldCount; ++i) {
+            const KWRField& f = type.fields[i];
+            const uint8_t header = b[f.offset - 1];
+            std::printf("  %-4s %-5s%s\n", f.name, TypeCode(f.type, f.width).c_str(),
+                        header & 0x80 ? " null" : "");
+        }
+        if (KWRRecCheck(&type, &record) != 0) {
+            std::printf("  the image is not valid (texts or lengths out of place)\n");
+            rc = 1;
+        }
+    }
+    KWRTypFree(&type);
+    try {
+        KWRRecFree(&record);
+    } catch (const std::exception&) {
+    }
+    return rc;
+}
+
+int InfoGraph(const std::string& name, const std::vector<uint8_t>& b, uint32_t magic) {
+    static const char* const kinds[] = {"nodes", "links", "group nodes"};
+    const uint32_t count = b.size() >= 8 ? U32(b, 4) : 0;
+    std::printf("%s: saved graph buffer (magic 0x%08X): %u %s\n", name.c_str(), magic, count,
+                kinds[magic - 0x012358D1]);
+    return 0;
+}
+
+}  // namespace
+
+KWZ_COMMAND(pack, "pack", "FILE [-o OUT] [-f]", "compress FILE into a .lz2 container (- = stdin)") {
+    return Transcode("pack", args, true);
+}
+
+KWZ_COMMAND(unpack, "unpack", "FILE [-o OUT] [-f]", "decompress a .lz2 container") {
+    return Transcode("unpack", args, false);
+}
+
+KWZ_COMMAND(hash, "hash", "FILE [--key K]", "the library's MD5-based text hash of FILE") {
+    Options o;
+    if (!ParseArgs("hash", args, &o)) return 2;
+    FilePtr in = OpenIn(o.file);
+    if (!in) return 1;
+    std::vector<uint8_t> data;
+    uint8_t buf[65536];
+    for (size_t n; (n = std::fread(buf, 1, sizeof buf, in.get())) > 0;) {
+        data.insert(data.end(), buf, buf + n);
+        if (data.size() > 0x7FFFFFFF) {
+            std::fprintf(stderr, "kwz hash: %s is 2 GiB or more; the hash takes a 32-bit length\n",
+                         o.file.c_str());
+            return 1;
+        }
+    }
+    if (std::ferror(in.get())) {
+        std::fprintf(stderr, "kwz hash: cannot read %s\n", o.file.c_str());
+        return 1;
+    }
+    char text[33];
+    if (KWZDataHash(int32_t(data.size()), data.data(), text, o.haveKey ? o.key.c_str() : nullptr) != 0)
+        return 1;
+    std::printf("%s  %s\n", text, o.file.c_str());
+    return 0;
+}
+
+KWZ_COMMAND(info, "info", "FILE", "tell what FILE is: container, packed table, record image, graph") {
+    Options o;
+    if (!ParseArgs("info", args, &o)) return 2;
+    if (o.file == "-") {
+        std::fprintf(stderr, "kwz info: needs a file it can seek in\n");
+        return 2;
+    }
+    FilePtr in = OpenIn(o.file);
+    if (!in) return 1;
+    uint8_t head[4] = {};
+    const size_t got = std::fread(head, 1, 4, in.get());
+    if (got == 4 && std::memcmp(head, "#LZ", 3) == 0 && (head[3] == '2' || head[3] == 'P'))
+        return InfoContainer(o.file, in.get(), head[3] == 'P');
+
+    const uint64_t size = FileSize(in.get());
+    if (size > (256u << 20)) {
+        std::printf("%s: %llu bytes, not a container (too large to look further)\n",
+                    o.file.c_str(), (unsigned long long)size);
+        return 0;
+    }
+    std::vector<uint8_t> b(size);
+    std::fseek(in.get(), 0, SEEK_SET);
+    if (size && std::fread(b.data(), 1, size, in.get()) != size) {
+        std::fprintf(stderr, "kwz info: cannot read %s\n", o.file.c_str());
+        return 1;
+    }
+    if (size >= 4 && std::memcmp(b.data(), "#RA", 3) == 0) return InfoTable(o.file, b);
+    const uint32_t magic = size >= 4 ? U32(b, 0) : 0;
+    if (magic >= 0x012358D1 && magic <= 0x012358D3) return InfoGraph(o.file, b, magic);
+    if (size >= 6 && magic == size) return InfoImage(o.file, b);
+    std::printf("%s: %llu bytes of unknown data", o.file.c_str(), (unsigned long long)size);
+    for (size_t i = 0; i < 8 && i < size; ++i) std::printf("%s%02X", i ? " " : ", begins ", b[i]);
+    std::printf("\n");
+    return 0;
+}
+
+// ------------------------------------------------------------ demo
+
+namespace {
+
+std::string Hex(const void* p, size_t n) {
+    std::string s;
+    char two[3];
+    for (size_t i = 0; i < n; ++i) {
+        std::snprintf(two, sizeof two, "%02X", static_cast<const uint8_t*>(p)[i]);
+        s += two;
+    }
+    return s;
+}
+
+// Compresses, shows the container's head and chunk headers, decompresses and
+// compares.  false when the round trip does not give the input back.
+bool ShowContainer(const char* what, const std::string& in) {
+    int32_t len = 0, backLen = 0;
+    void *block = nullptr, *back = nullptr;
+    if (KWZDataCompress(int32_t(in.size()), in.data(), &len, &block) != 0) return false;
+    const auto* c = static_cast<const char*>(block);
+    std::printf("%-22s %7zu -> %6d bytes (%.3f)  %.4s", what, in.size(), len,
+                Ratio(uint64_t(len), in.size()), c);
+    for (int32_t pos = 4; pos + 8 <= len;) {
+        unsigned s = 0, l = 0;
+        std::sscanf(std::string(c + pos, 8).c_str(), "%4X%4X", &s, &l);
+        std::printf(" %.8s", c + pos);
+        pos += 8 + int32_t(s);
+        if (s == 0) break;
+    }
+    bool ok = KWZDataDeCompress(len, block, &backLen, &back) == 0 && size_t(backLen) == in.size() &&
+              std::memcmp(back, in.data(), in.size()) == 0;
+    std::printf("  %s\n", ok ? "round trip ok" : "ROUND TRIP FAILED");
+    KWMemFree(block);
+    KWMemFree(back);
+    return ok;
+}
+
+}  // namespace
+
+KWZ_DEMO_STEP(60, "compression") {
+    std::string text;
+    for (int i = 0; text.size() < 150000; ++i)
+        text += "order " + std::to_string(i) + ": 12 units of part A-" + std::to_string(i % 40) +
+                " shipped to the north warehouse\n";
+    std::string noise(1000, '\0');
+    uint32_t x = 2463534242u;
+    for (auto& ch : noise) {
+        x ^= x << 13, x ^= x >> 17, x ^= x << 5;
+        ch = char(x >> 24);
+    }
+    std::printf("container: magic, then \"SSSSLLLL\" per chunk (S stored bytes, L length or 0000 "
+                "when stored), \"00000000\" last\n");
+    if (!ShowContainer("repetitive text", text) || !ShowContainer("random bytes", noise) ||
+        !ShowContainer("nothing", ""))
+        return 1;
+
+    char plain[33], keyed[33];
+    KWZDataHash(5, "hello", plain, nullptr);
+    KWZDataHash(5, "hello", keyed, "secret");
+    std::printf("hash(\"hello\")               %s\nhash(\"hello\", key \"secret\") %s\n", plain,
+                keyed);
+
+    const char key[] = "Secret";
+    std::string message = "Attack at dawn";
+    RC4Key state;
+    RC4CodePrepare_Key(reinterpret_cast<const uint8_t*>(key), 6, &state);
+    RC4Code(reinterpret_cast<uint8_t*>(&message[0]), int32_t(message.size()), &state);
+    std::printf("RC4 \"Attack at dawn\", key \"Secret\": %s", Hex(message.data(), message.size()).c_str());
+    RC4CodePrepare_Key(reinterpret_cast<const uint8_t*>(key), 6, &state);
+    RC4Code(reinterpret_cast<uint8_t*>(&message[0]), int32_t(message.size()), &state);
+    std::printf(" -> \"%s\" (RC4 is kept for old peers, not for security)\n", message.c_str());
+    return message == "Attack at dawn" ? 0 : 1;
+}
