@@ -430,6 +430,97 @@ KWZ_API int64_t KWAUnpackChecked(KWArray* array, const void* table, uint64_t len
                                  bool forRead);
 
 /* ======================================================================== */
+/* Sockets                                                                   */
+/* ======================================================================== */
+
+#define SE_NOINIT (-2)
+#define SE_OPEN (-3)
+#define SE_NOSOCK (-4)
+#define SE_OPTION (-5)
+#define SE_DATANOSEND (-7)
+#define SE_SUSPEND (-8)
+
+typedef enum SockType {
+    SOCK_FREE = 0,
+    SOCK_LISTEN = 1,
+    SOCK_SRV = 2,
+    SOCK_CLI = 3,
+    SOCK_NODE = 4
+} SockType;
+
+/* Events given to callbacks. */
+#define SOCK_EV_DATA 0      /* a record (or datagram) arrived */
+#define SOCK_EV_ACCEPT 1    /* a new server connection */
+#define SOCK_EV_CLOSE 2     /* orderly close */
+#define SOCK_EV_ABORT 3     /* abnormal close */
+#define SOCK_EV_SENT 0      /* completion: sent */
+#define SOCK_EV_NOSEND (-7) /* completion: send failed */
+#define SOCK_EV_DROPPED (-6) /* completion: still queued at close */
+
+/* Stream callback: (event, idn, record).  The record of event 0 is freed when
+   the callback returns.  As a completion callback it receives its record back
+   and releases it. */
+typedef void (*SockEventFn)(int32_t event, uint32_t idn, KWRData* record);
+/* Node callback: received datagrams (event 0) and per-datagram completions. */
+typedef void (*SockNodeEventFn)(int32_t event, uint32_t idn, int32_t port,
+                                const char* address, const void* data, int32_t length);
+
+/* recvTick/sendTick: the transport's millisecond tick (low 32 bits of
+   CTimeTick64) of the last receive and send. */
+#pragma pack(push, 4)
+typedef struct SockState {
+    uint8_t type;
+    uint8_t pad[3];
+    uint32_t port, flags, recvTick, sendTick, sendTimeout, recvTimeout, bufNum, bufSize;
+    uint64_t recvBytes, sendBytes;
+} SockState;
+#pragma pack(pop)
+KWZ_STATIC_ASSERT(sizeof(SockState) == 52, "SockState is 52 bytes");
+KWZ_STATIC_ASSERT(offsetof(SockState, recvBytes) == 36, "SockState.recvBytes at 36");
+
+/* Sizes the socket table (only the first call while active takes effect). */
+KWZ_API int32_t KWSockInit(int32_t sockMax);
+/* Closes everything; -8 while slots are still finishing. */
+KWZ_API int32_t KWSockFree(void);
+KWZ_API int32_t KWSockIsActive(void);
+KWZ_API int32_t KWSockCliOpen(const char* address, uint32_t port, SockEventFn callback,
+                              uint32_t* idn);
+/* Port 0 binds a port chosen by the system; KWSockGetPort reports it. */
+KWZ_API int32_t KWSockSrvOpen(uint32_t port, SockEventFn callback, uint32_t* idn);
+KWZ_API int32_t KWSockClose(uint32_t idn);
+KWZ_API int32_t KWSockSetDat(uint32_t idn, void* value);
+KWZ_API int32_t KWSockGetDat(uint32_t idn, void** value);
+/* 1 found, 0 not. */
+KWZ_API int32_t KWSockGetState(uint32_t idn, SockState* state);
+KWZ_API int32_t KWSockGetPort(uint32_t idn, uint32_t* port);
+KWZ_API int32_t KWSockGetId(uint32_t idn, int32_t* socket);
+KWZ_API SockEventFn KWSockRecvEventGet(uint32_t idn);
+KWZ_API SockEventFn KWSockRecvEventSet(uint32_t idn, SockEventFn callback);
+KWZ_API uint32_t KWSockGetIdn(int32_t index);
+KWZ_API int32_t GetPeerHostName(uint32_t idn, char* buffer, int32_t length);
+KWZ_API int32_t GetPeerHostAddr(uint32_t idn, char* buffer, int32_t length);
+/* Queues a packed record; higher priorities leave first.  Throws
+   std::runtime_error for a corrupt record. */
+KWZ_API int32_t KWSockSendEx(uint32_t idn, KWRData* record, SockEventFn completion,
+                             uint32_t priority);
+KWZ_API int32_t KWSockSetRecvTimeout(uint32_t idn, uint32_t ms);
+KWZ_API int32_t KWSockSetSendTimeout(uint32_t idn, uint32_t ms);
+/* Frames whose image exceeds maxImage bytes close the connection (0 = no limit). */
+KWZ_API int32_t KWSockSetRecvLimit(uint32_t idn, uint32_t maxImage);
+
+KWZ_API int32_t KWSockNodeOpen(uint32_t port, SockNodeEventFn callback, uint32_t* idn);
+/* address "*" broadcasts, "" or NULL reaches the own host. */
+KWZ_API int32_t KWSockSendNode(uint32_t idn, int32_t port, const char* address, const void* data,
+                               int32_t length, SockNodeEventFn completion);
+KWZ_API int32_t KWSockNodeSetOpt(uint32_t idn, int32_t option, const void* value);
+KWZ_API int32_t KWSockTimeSynchro(uint32_t idn);
+KWZ_API int32_t KWSockTimeDlt(uint32_t idn, uint32_t* seconds, uint32_t* millis);
+KWZ_API int32_t KWSockTimeZone(uint32_t idn, uint32_t* zone1, uint32_t* zone2);
+KWZ_API int32_t KWSockTimeDltAbo(uint32_t idn, uint32_t* seconds, uint32_t* millis,
+                                 uint32_t* zone);
+KWZ_API int32_t KWSockTimeZoneSet(uint32_t idn, int32_t zone1, int32_t zone2);
+
+/* ======================================================================== */
 /* Compression, data helpers, hashes                                         */
 /* ======================================================================== */
 

@@ -88,12 +88,19 @@ static void check_data_helpers(void) {
     CHECK(KWZDataHash(3, "abc", hash, NULL) == 0 && strlen(hash) == 32);
 }
 
+static void check_sockets(void) {
+    CHECK(sizeof(SockState) == 52);
+    CHECK(KWSockIsActive() != 0); /* never initialised */
+    CHECK(KWSockClose(1) == SE_NOINIT);
+}
+
 int main(void) {
     check_layouts();
     check_basics();
     check_records();
     check_arrays();
     check_data_helpers();
+    check_sockets();
     if (failures) {
         fprintf(stderr, "%d failures\n", failures);
         return 1;

@@ -30,4 +30,12 @@ std::string HexBytes(const uint8_t* data, size_t size);
 // maxShown bytes with "..." appended.
 std::string QuoteText(const char* data, size_t size, size_t maxShown = 64);
 
+// One field's value for display: null, a number, or a quoted text.
+std::string FieldText(const KWRField& field, const KWRData& record);
+// Stores "field=value" into a record of the type: "null" makes the field null
+// (a leading backslash takes the rest literally), integers wrap to the field's
+// width with a note, "0x..." is hex (raw bytes for "CB").  Messages go to
+// stderr prefixed with the tool's name; false when the value is refused.
+bool AssignField(const char* tool, const KWRType& type, KWRData* record, const std::string& arg);
+
 }  // namespace kwz::tool

@@ -1,0 +1,268 @@
+// Control records: records of type id 0 with the layout of
+// "TestTyp2|2\r\nType|I4\r\nData|CB" that the transport exchanges with its
+// peer and never shows to the caller.
+//
+//   Type 1  host identification, Data = the client's host name
+//   Type 2  "use this receive time-out", Data = u32 ms
+//   Type 3  "send at least every T ms", Data = u32 T; answered by a Type 2
+//           of 4 * T, so a receiver waits four keep-alive intervals
+//   Type 4  time request, Data = u32 requester's tick (stamped when sent)
+//   Type 5  time answer, Data = 24 bytes:
+//             +0 u32 the request's tick echoed   +8 i64 UTC seconds
+//             +16 u16 milliseconds  +18 i16 zone 1  +20 i16 zone 2
+//           (seconds, milliseconds and zones stamped when sent)
+//
+// Also the time-out functions of the caller and the receive limit.
+#include <sys/socket.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "rec/kwBase.h"
+#include "sock/kwSockInt.h"
+
+namespace kwz::sock {
+namespace {
+
+constexpr uint32_t kTimeAnswerLen = 24;
+
+// Queues a control record the transport made, releasing it when refused.
+bool QueueOwn(SockItem* s, KWRData* rec) {
+    std::lock_guard<std::mutex> lock(Mod().ModCrit);
+    if (SockBufAdd(s, rec, ReleaseRecord, kPrioTop)) return true;
+    KWRRecRelease(rec);
+    return false;
+}
+
+void SetPeerHostName(SockItem* s, const char* text, uint32_t len) {
+    auto* copy = static_cast<char*>(std::malloc(len + 1));
+    if (!copy) return;
+    std::memcpy(copy, text, len);
+    copy[len] = 0;
+    std::lock_guard<std::mutex> lock(Mod().ModCrit);
+    std::free(s->HostName);
+    s->HostName = copy;
+}
+
+void SetRecvTimeoutFromPeer(SockItem* s, int fd, uint32_t tnew) {
+    if (LogEnabled(5)) {
+        LogMessageF(5, KWSOCK_TAG("_SetRecvTimeout"), "Execute (idn=%d, type=%d, tnew=%d, told=%d)", s->Idn, s->Type,
+                    static_cast<int>(tnew), static_cast<int>(s->RecvTimeout.load()));
+    }
+    if (tnew == s->RecvTimeout) return;
+    s->RecvTimeout = tnew;
+    SetTimeoutOpt(fd, SO_RCVTIMEO, tnew ? tnew : kSockRecvTimeout);  // result ignored
+}
+
+void SetSendTimeoutFromPeer(SockItem* s, int fd, uint32_t t) {
+    static const char* const tag = KWSOCK_TAG("_SetSendTimeout");
+    if (LogEnabled(5)) {
+        LogMessageF(5, tag, "Execute (idn=%d, type=%d, tnew=%d, told=%d)", s->Idn, s->Type, static_cast<int>(t),
+                    static_cast<int>(s->SendTimeout.load()));
+    }
+    if (t == s->SendTimeout) return;
+    const uint32_t answer = 4 * t;
+    KWRData* rec = MakeControl(2, &answer, sizeof answer, tag);
+    if (!rec) return;
+    s->SendTimeout = t;
+    SetTimeoutOpt(fd, SO_SNDTIMEO, t ? t : kSockRecvTimeout);  // result ignored
+    QueueOwn(s, rec);
+}
+
+void TimeRequest(SockItem* s, const char* data) {
+    uint8_t answer[kTimeAnswerLen] = {};
+    std::memcpy(answer, data, 4);  // the requester's tick, echoed
+    KWRData* rec = MakeControl(5, answer, sizeof answer, KWSOCK_TAG("_TimeRequest"));
+    if (!rec) return;
+    QueueOwn(s, rec);
+    s->Time.Synced = false;
+}
+
+// difference = D - R / 2, where D is the peer's clock minus ours at the
+// answer and R the round trip of the request, both in milliseconds.
+void TimeAnswer(SockItem* s, const char* data) {
+    if (LogEnabled(5)) LogMessageF(5, KWSOCK_TAG("_TimeAnswer"), "Execute (idn=%d, type=%d)", s->Idn, s->Type);
+    KWTimeStamp now{};
+    CTimeUTC(&now);
+    const auto remoteSec = Load<int64_t>(data + 8);
+    const auto remoteMs = Load<uint16_t>(data + 16);
+    // Wrapping arithmetic: an absurd answer from a peer gives an absurd but
+    // defined difference.
+    const uint64_t d = (static_cast<uint64_t>(remoteSec) - static_cast<uint64_t>(now.seconds)) * 1000u +
+                       static_cast<uint64_t>(int64_t{remoteMs} - int64_t{now.millis});
+    const uint32_t r = SockTick() - LoadU32(data);  // wrapping 32-bit
+    const auto diff = static_cast<int64_t>(d - uint64_t{r / 2});
+    s->Time.DltSec = static_cast<int32_t>(diff / 1000);
+    s->Time.DltMs = static_cast<int32_t>(diff % 1000);  // same sign as the seconds
+    s->Time.Zone1 = Load<int16_t>(data + 18);
+    s->Time.Zone2 = Load<int16_t>(data + 20);
+    s->Time.Synced = true;
+}
+
+// Where the Data text of a TestTyp2-shaped image lies, or null when the image
+// does not have that shape or the text is shorter than need.
+uint8_t* ControlData(const KWRData* rec, uint32_t need) {
+    const KWRType& t = Mod().TestTyp2;
+    if (rec->typeId != 0 || rec->fieldCount != 2 || !rec->image || rec->length < t.dataLength) return nullptr;
+    const KWRField& type = t.fields[0];
+    const KWRField& data = t.fields[1];
+    const uint8_t* image = rec->image;
+    if ((image[type.offset - 1] & 0x8F) != iFldType_Int32) return nullptr;
+    if ((image[data.offset - 1] & 0x9F) != iFldType_Blob) return nullptr;  // not null, in the image
+    const uint32_t len = LoadU32(image + data.offset);
+    const uint32_t off = LoadU32(image + data.offset + 4);
+    if (len < need || off == 0 || uint64_t{off} + len > rec->length) return nullptr;
+    return rec->image + off;
+}
+
+}  // namespace
+
+void HandleControl(SockItem* s, int fd, const KWRData* rec) {
+    const KWRType& t = Mod().TestTyp2;
+    int32_t type = 0;
+    if (KWRGetAsInt32(&t.fields[0], rec, &type) != KWR_OK) return;
+    uint32_t len = 0;
+    const char* data = nullptr;
+    if (KWRGetTextRef(&t.fields[1], rec, &len, &data) != KWR_OK || !data) len = 0;
+    switch (type) {
+        case 1:
+            if (len > 0) SetPeerHostName(s, data, len);  // an empty name changes nothing
+            break;
+        case 2:
+            if (len >= 4) SetRecvTimeoutFromPeer(s, fd, LoadU32(data));
+            break;
+        case 3:
+            if (len >= 4) SetSendTimeoutFromPeer(s, fd, LoadU32(data));
+            break;
+        case 4:
+            if (len >= 4) TimeRequest(s, data);
+            break;
+        case 5:
+            if (len >= 22) TimeAnswer(s, data);
+            break;
+        default:
+            break;  // 0 and above 5: ignored
+    }
+}
+
+int32_t TimeControlType(const KWRData* rec) {
+    if (rec->typeId != 0 || rec->fieldCount != 2) return 0;
+    const uint8_t* data = ControlData(rec, 4);
+    if (!data) return 0;
+    const auto type = Load<int32_t>(rec->image + Mod().TestTyp2.fields[0].offset);
+    if (type == 4) return 4;
+    if (type == 5 && ControlData(rec, 22)) return 5;
+    return 0;
+}
+
+void StampTimeControl(SockItem* s, KWRData* rec, int32_t type) {
+    uint8_t* data = ControlData(rec, type == 4 ? 4 : 22);
+    if (!data) return;
+    if (type == 4) {
+        StoreU32(data, SockTick());
+        return;
+    }
+    KWTimeStamp now{};
+    CTimeUTC(&now);
+    int32_t zone1 = now.zoneMinutes;
+    int32_t zone2 = now.daylight;
+    if (s->Time.SetZone1 != -1) {
+        zone1 = s->Time.SetZone1;
+        zone2 = s->Time.SetZone2;
+    }
+    Store<int64_t>(data + 8, now.seconds);
+    Store<uint16_t>(data + 16, now.millis);
+    Store<int16_t>(data + 18, static_cast<int16_t>(zone1));
+    Store<int16_t>(data + 20, static_cast<int16_t>(zone2));
+}
+
+}  // namespace kwz::sock
+
+using namespace kwz;
+using namespace kwz::sock;
+
+namespace {
+
+// Shared head of the two time-out functions: the stream slot or null.
+SockItem* TimeoutSlot(uint32_t idn, uint32_t ms, bool send, const char* tag) {
+    Module& m = Mod();
+    if (m.SockNum == 0) {
+        LogMessage(3, tag, "SE_NOINIT");
+        return nullptr;
+    }
+    SockItem* s = FindSlot(idn, true);
+    if (!s || !s->IsStream()) {
+        LogMessageF(2, tag, "SE_NOSOCK (idn=%d)", static_cast<int>(idn));
+        return nullptr;
+    }
+    if (LogEnabled(5)) {
+        LogMessageF(5, tag, "Execute (idn=%d, tnew=%d, told=%d)", static_cast<int>(idn), static_cast<int>(ms),
+                    static_cast<int>(send ? s->SendTimeout.load() : s->RecvTimeout.load()));
+    }
+    return s;
+}
+
+}  // namespace
+
+extern "C" {
+
+// Asks the peer to send at least every T ms; RecvTimeout becomes 4 * T when
+// the peer's answer (Type 2) arrives.
+KWZ_API int32_t KWSockSetRecvTimeout(uint32_t idn, uint32_t ms) {
+    static const char* const tag = KWSOCK_TAG("KWSockSetRecvTimeout");
+    std::lock_guard<std::mutex> lock(Mod().ModCrit);
+    SockItem* s = TimeoutSlot(idn, ms, false, tag);
+    if (!s) return 0;
+    if (ms == s->RecvTimeout) return 1;
+    const uint32_t t = (ms >= 1 && ms <= 4999) ? 1250 : ms / 4;
+    KWRData* rec = MakeControl(3, &t, sizeof t, tag);
+    if (!rec) return 0;
+    if (SockBufAdd(s, rec, ReleaseRecord, kPrioTop)) return 1;
+    KWRRecRelease(rec);
+    return 0;
+}
+
+// Sends at least every ms (at least 1250) and tells the peer to wait four
+// times that long.
+KWZ_API int32_t KWSockSetSendTimeout(uint32_t idn, uint32_t ms) {
+    static const char* const tag = KWSOCK_TAG("KWSockSetSendTimeout");
+    std::lock_guard<std::mutex> lock(Mod().ModCrit);
+    SockItem* s = TimeoutSlot(idn, ms, true, tag);
+    if (!s) return 0;
+    if (ms == s->SendTimeout) return 1;
+    uint32_t value = ms;
+    uint32_t told = 4 * ms;
+    if (ms >= 1 && ms <= 1249) {
+        value = 1250;
+        told = 5000;
+    }
+    KWRData* rec = MakeControl(2, &told, sizeof told, tag);
+    if (!rec) return 0;
+    s->SendTimeout = value;
+    if (s->Socket >= 0) SetTimeoutOpt(s->Socket, SO_SNDTIMEO, value);  // result ignored
+    if (SockBufAdd(s, rec, ReleaseRecord, kPrioTop)) return 1;
+    KWRRecRelease(rec);
+    return 0;
+}
+
+// A frame whose image is longer than maxImage closes the connection with
+// reason -6; 0 removes the limit.  A listening slot passes its limit on to
+// the connections it accepts.
+KWZ_API int32_t KWSockSetRecvLimit(uint32_t idn, uint32_t maxImage) {
+    static const char* const tag = KWSOCK_TAG("KWSockSetRecvLimit");
+    Module& m = Mod();
+    std::lock_guard<std::mutex> lock(m.ModCrit);
+    if (m.SockNum == 0) {
+        LogMessage(3, tag, "SE_NOINIT");
+        return SE_NOINIT;
+    }
+    SockItem* s = FindSlot(idn, true);
+    if (!s) {
+        LogMessageF(2, tag, "SE_NOSOCK (idn=%d)", static_cast<int>(idn));
+        return SE_NOSOCK;
+    }
+    s->RecvLimit = maxImage;
+    return 0;
+}
+
+}  // extern "C"

@@ -1,0 +1,215 @@
+// The socket module's life: KWSockInit sizes the table and prepares the
+// records every connection needs, KWSockFree suspends the module and closes
+// every slot, and _ModDataClear releases the table once the last slot's last
+// thread has ended.  Slot lookup and allocation live here too.
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "rec/kwBase.h"
+#include "sock/kwSockInt.h"
+
+namespace kwz::sock {
+namespace {
+
+const char* const kNodeDef = "NodeData|3\r\nPort|I4\r\nAddr|CB\r\nData|CB";
+const char* const kTestDef = "TestTyp2|2\r\nType|I4\r\nData|CB";
+
+// Releases the table and whatever the records and types hold (ModCrit held).
+void ReleaseAll(Module& m) {
+    m.SockArr.clear();
+    m.SockNum = 0;
+    FreeBufPool();
+    if (m.KeepAlive.image) KWRRecFree(&m.KeepAlive);
+    if (m.HostRec.image) KWRRecFree(&m.HostRec);
+    KWRTypFree(&m.TestTyp2);
+    KWRTypFree(&m.NodeTyp);
+}
+
+// The keep-alive record: type id 0 and no fields.  An empty type has data
+// length 6, so its image is just the head: L = 6, flags 0, count 0.  The
+// receiver reads the 10-byte frame head and drops it.
+bool MakeKeepAlive(Module& m) {
+    KWRType empty;
+    KWRTypInit(&empty);
+    if (KWRTypSetA(&empty, 0, nullptr, 0, nullptr) != KWR_OK) return false;
+    KWRRecInit(&m.KeepAlive);
+    const uint32_t rc = KWRRecNew(&empty, &m.KeepAlive);
+    KWRTypFree(&empty);
+    return rc == KWR_OK;
+}
+
+// The host-identification record: control Type 1 with the host name.
+bool MakeHostRecord(Module& m) {
+    KWRRecInit(&m.HostRec);
+    if (KWRRecNew(&m.TestTyp2, &m.HostRec) != KWR_OK) return false;
+    KWRField* type = KWRFldByNum(&m.TestTyp2, 0);
+    KWRField* data = KWRFldByNum(&m.TestTyp2, 1);
+    const auto n = static_cast<int32_t>(strnlen(m.HostName, sizeof m.HostName));
+    return KWRSetAsInt32(type, &m.HostRec, 1) == KWR_OK &&
+           KWRSetAsText(data, &m.HostRec, n, m.HostName) == KWR_OK &&
+           KWRRecPack(&m.TestTyp2, &m.HostRec, 1, 0) == KWR_OK;
+}
+
+}  // namespace
+
+Module& Mod() {
+    static Module* module = new Module;  // never destroyed: see kwSockInt.h
+    return *module;
+}
+
+SockItem* FindSlot(uint32_t idn, bool allocated) {
+    Module& m = Mod();
+    // The index field has 16 bits but the lookup keeps a 15-bit mask; tables
+    // are never larger than 0x8000 slots, so nothing is lost.
+    const uint32_t idx = idn & 0x7FFF;
+    if (idx >= static_cast<uint32_t>(m.SockNum)) return nullptr;
+    SockItem* s = m.SockArr[idx].get();
+    if (s->Idn != idn) return nullptr;
+    if (allocated && s->Type == SOCK_FREE) return nullptr;
+    return s;
+}
+
+SockItem* SockGetFreeIdx(uint8_t type) {
+    Module& m = Mod();
+    if (!m.ModActive) return nullptr;
+    for (int32_t i = 0; i < m.SockNum; ++i) {
+        SockItem* s = m.SockArr[i].get();
+        if (s->Type != SOCK_FREE) continue;
+        s->Type = type;
+        s->Event = nullptr;
+        // Generations run 1..16383 and wrap.
+        s->Idn = ((((s->Idn >> 16) % 16383) + 1) << 16) + static_cast<uint32_t>(i);
+        s->Flags = 0;
+        s->Dat = nullptr;
+        s->RecvTick = 0;
+        s->SendTick = 0;
+        s->LastError = 0;
+        s->Head = s->Tail = nullptr;
+        s->BufNum = 0;
+        s->BufSize = 0;
+        s->Port = 0;
+        s->ThreadNum = 0;
+        std::free(s->HostName);
+        std::free(s->HostAddr);
+        s->HostName = s->HostAddr = nullptr;
+        s->RecvBytes = 0;
+        s->SendBytes = 0;
+        s->Time.Clear();
+        s->RecvLimit = 0;
+        s->RecvTimeout = type == SOCK_SRV ? kSrvRecvTimeout : 0;
+        s->SendTimeout = type == SOCK_CLI ? kCliSendTimeout : 0;
+        {
+            std::lock_guard<std::mutex> wake(s->SendLock);
+            s->SendWake = false;
+        }
+        s->SendIdle = false;
+        ++m.SockUse;
+        return s;
+    }
+    return nullptr;
+}
+
+void _ModDataClear() {
+    Module& m = Mod();
+    if (m.ModActive || m.SockUse != 0 || m.SockNum == 0) return;
+    LogMessage(5, KWSOCK_TAG("_ModDataClear"), "");
+    ReleaseAll(m);
+}
+
+int SetTimeoutOpt(int fd, int option, uint32_t ms) {
+    timeval tv{};
+    tv.tv_sec = static_cast<time_t>(ms / 1000);
+    tv.tv_usec = static_cast<suseconds_t>((ms % 1000) * 1000);
+    return setsockopt(fd, SOL_SOCKET, option, &tv, sizeof tv);
+}
+
+int SetIntOpt(int fd, int level, int option, int value) {
+    return setsockopt(fd, level, option, &value, sizeof value);
+}
+
+}  // namespace kwz::sock
+
+using namespace kwz;
+using namespace kwz::sock;
+
+extern "C" {
+
+KWZ_API int32_t KWSockInit(int32_t sockMax) {
+    static const char* const tag = KWSOCK_TAG("KWSockInit");
+    Module& m = Mod();
+    m.FirstInit = true;
+    std::lock_guard<std::mutex> lock(m.ModCrit);
+    if (m.ModActive) return 0;
+    if (m.SockNum != 0) {
+        LogMessage(3, tag, "SE_SUSPEND");
+        return SE_SUSPEND;
+    }
+    if (sockMax <= 0) {
+        LogMessage(3, tag, "SE_NOINIT");
+        return SE_NOINIT;
+    }
+    if (LogEnabled(5)) LogMessageF(5, tag, "SockMax=%d", sockMax);
+    // Slots past index 0x7FFF could never be named by an idn (15-bit mask).
+    const int32_t count = sockMax < kMaxSlots ? sockMax : kMaxSlots;
+    m.SockArr.clear();
+    m.SockArr.reserve(static_cast<size_t>(count));
+    for (int32_t i = 0; i < count; ++i) {
+        auto s = std::make_unique<SockItem>();
+        s->Idn = (static_cast<uint32_t>(i + 1) << 16) + static_cast<uint32_t>(i);
+        m.SockArr.push_back(std::move(s));
+    }
+    m.SockNum = count;
+
+    if (gethostname(m.HostName, sizeof m.HostName) != 0) {
+        LogMessageF(2, tag, "gethostname (err=%d)", errno);
+        ReleaseAll(m);
+        return SE_NOINIT;
+    }
+    m.HostName[sizeof m.HostName - 1] = 0;
+
+    KWRTypInit(&m.NodeTyp);
+    KWRTypInit(&m.TestTyp2);
+    const char* failure = nullptr;
+    if (KWRTypSet(&m.NodeTyp, 0, kNodeDef) != KWR_OK) failure = "SE_NOMEM (KWRTypSet.1)";
+    else if (!MakeKeepAlive(m)) failure = "SE_NOMEM (KWRRecNew.1)";
+    else if (KWRTypSet(&m.TestTyp2, 0, kTestDef) != KWR_OK) failure = "SE_NOMEM (KWRTypSet.2)";
+    else if (!MakeHostRecord(m)) failure = "SE_NOMEM (KWRRecNew.2)";
+    if (failure) {
+        LogMessage(2, tag, failure);
+        ReleaseAll(m);
+        return SE_NOINIT;
+    }
+    m.ModActive = true;
+    return 0;
+}
+
+KWZ_API int32_t KWSockFree(void) {
+    Module& m = Mod();
+    std::lock_guard<std::mutex> lock(m.ModCrit);
+    if (!m.ModActive) return m.SockNum == 0 ? 0 : SE_SUSPEND;
+    m.ModActive = false;
+    LogMessage(5, KWSOCK_TAG("KWSockFree"), "");
+    for (int32_t i = 0; i < m.SockNum; ++i) {
+        SockItem* s = m.SockArr[i].get();
+        if (s->Type == SOCK_FREE) continue;
+        // The caller asked to stop: no close events reach it any more.
+        s->Event = nullptr;
+        CLEANUP_SET(s, kReasonNone, false);
+    }
+    if (m.SockUse == 0) _ModDataClear();
+    return m.SockNum == 0 ? 0 : SE_SUSPEND;
+}
+
+KWZ_API int32_t KWSockIsActive(void) {
+    Module& m = Mod();
+    std::lock_guard<std::mutex> lock(m.ModCrit);
+    if (m.ModActive) return 0;
+    return m.SockNum != 0 ? SE_SUSPEND : SE_NOINIT;
+}
+
+}  // extern "C"

@@ -1,0 +1,402 @@
+// Frames on the wire, checked byte for byte against a raw socket peer: the
+// host identification, golden frames, priorities and batches, keep-alives,
+// time-out negotiation, corrupt heads, the receive limit, control records
+// and completion results.
+#include <unistd.h>
+
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+
+#include "kwz_test_util.h"
+#include "sock_test_util.h"
+
+using namespace socktest;
+using kwztest::LogCapture;
+
+namespace {
+
+Gate g_gate;
+
+// Holds the sending thread inside a completion callback until g_gate opens.
+extern "C" void BlockingCompletion(int32_t result, uint32_t idn, KWRData* rec) {
+    RecordCompletion(result, idn, rec);
+    g_gate.Wait(10000);
+}
+
+// Records the queue length seen from inside a completion (code 300 + BufNum).
+extern "C" void CountingCompletion(int32_t result, uint32_t idn, KWRData* rec) {
+    SockState st{};
+    KWSockGetState(idn, &st);
+    Event e = FromRecord(300 + static_cast<int32_t>(st.bufNum), idn, rec);
+    (void)result;
+    Recorder::Get().Add(e);
+    KWRRecRelease(rec);
+}
+
+std::string Golden(const char* name) {
+    std::ifstream in(std::string(KWZ_TEST_DATA_DIR) + "/" + name, std::ios::binary);
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+std::string HostName() {
+    char host[256] = {};
+    gethostname(host, sizeof host - 1);
+    return host;
+}
+
+std::string ImageOf(const KWRData* rec) { return std::string(reinterpret_cast<const char*>(rec->image), rec->length); }
+
+class sock_frame : public ::testing::Test {
+protected:
+    void SetUp() override {
+        Recorder::Get().Reset();
+        g_gate.Reset();
+        ASSERT_EQ(KWSockInit(16), 0);
+    }
+    void TearDown() override {
+        g_gate.Open();
+        for (int fd : fds_) close(fd);
+        EXPECT_TRUE(ShutdownModule());
+    }
+    int Keep(int fd) {
+        fds_.push_back(fd);
+        return fd;
+    }
+    // A library client connected to a raw server; the raw side's socket.
+    int ClientToRaw(uint32_t* cli) {
+        uint32_t port = 0;
+        const int lfd = Keep(RawListen(&port));
+        EXPECT_EQ(KWSockCliOpen("127.0.0.1", port, RecordEvent, cli), 0);
+        return Keep(RawAccept(lfd));
+    }
+    // A raw client connected to a library server; *srv is the server side.
+    int RawToServer(uint32_t* srv, uint32_t* lst = nullptr) {
+        uint32_t l = 0;
+        EXPECT_EQ(KWSockSrvOpen(0, RecordEvent, &l), 0);
+        if (lst) *lst = l;
+        const int fd = Keep(RawConnect(ListenPort(l)));
+        *srv = AcceptedIdn();
+        EXPECT_NE(*srv, 0u);
+        return fd;
+    }
+    MsgType msg_;
+    std::vector<int> fds_;
+};
+
+TEST_F(sock_frame, TheClientIdentifiesItselfFirstAndFramesMatchTheGoldenBytes) {
+    uint32_t cli = 0;
+    const int raw = ClientToRaw(&cli);
+    EXPECT_EQ(ReadFrame(raw), ControlFrame(1, HostName()));
+
+    KWRData* rec = msg_.New(7, "hello");
+    rec->editSource = reinterpret_cast<KWRData*>(static_cast<uintptr_t>(0xABCD1234));  // low 16 bits travel
+    ASSERT_EQ(KWSockSendEx(cli, rec, RecordCompletion, 0), 0);
+    EXPECT_EQ(ReadFrame(raw), Golden("sock_frame_msg.bin"));
+    EXPECT_EQ(Recorder::Get().WaitCode(kCompletion + 0, cli).size(), 1u);
+
+    EXPECT_EQ(KWSockSetSendTimeout(cli, 2000), 1);
+    EXPECT_EQ(ReadFrame(raw), Golden("sock_frame_timeout.bin"));
+    EXPECT_EQ(StateOf(cli).sendTimeout, 2000u);
+
+    // Counted with their 4-byte prefixes.
+    const uint64_t sent = ControlFrame(1, HostName()).size() + 30 + 29;
+    EXPECT_TRUE(WaitUntil([&] { return StateOf(cli).sendBytes == sent; }));
+}
+
+TEST_F(sock_frame, PrioritiesLeaveHighestFirstAndEqualOnesInOrder) {
+    uint32_t cli = 0;
+    const int raw = ClientToRaw(&cli);
+    ReadFrame(raw);  // host identification
+    // Hold the sending thread in a completion so that all four are queued
+    // before it takes its next batch.
+    ASSERT_EQ(KWSockSendEx(cli, msg_.New(1), BlockingCompletion, 0), 0);
+    ASSERT_FALSE(ReadFrame(raw).empty());
+    ASSERT_TRUE(WaitUntil([&] { return (StateOf(cli).flags & 0x04) != 0; }));
+    const struct {
+        int32_t seq;
+        uint32_t priority;
+    } queued[] = {{10, 0}, {11, 5}, {12, 5}, {13, 9}};
+    for (const auto& q : queued) ASSERT_EQ(KWSockSendEx(cli, msg_.New(q.seq), RecordCompletion, q.priority), 0);
+    EXPECT_EQ(StateOf(cli).bufNum, 4u);
+    g_gate.Open();
+    std::vector<int32_t> order;
+    for (int i = 0; i < 4; ++i) order.push_back(msg_.Seq(ReadFrame(raw).substr(4)));
+    EXPECT_EQ(order, (std::vector<int32_t>{13, 11, 12, 10}));
+}
+
+TEST_F(sock_frame, NineRecordsLeaveInTwoBatches) {
+    uint32_t cli = 0;
+    const int raw = ClientToRaw(&cli);
+    ReadFrame(raw);
+    ASSERT_EQ(KWSockSendEx(cli, msg_.New(1), BlockingCompletion, 0), 0);
+    ASSERT_TRUE(WaitUntil([&] { return (StateOf(cli).flags & 0x04) != 0; }));
+    for (int32_t seq = 20; seq < 29; ++seq) ASSERT_EQ(KWSockSendEx(cli, msg_.New(seq), CountingCompletion, 0), 0);
+    g_gate.Open();
+    for (int i = 0; i < 10; ++i) ASSERT_FALSE(ReadFrame(raw).empty());
+    // While the first batch completes, the ninth record is still queued.
+    auto done = Recorder::Get().WaitMatching([](const Event& e) { return e.code >= 300; }, 9);
+    ASSERT_EQ(done.size(), 9u);
+    for (const auto& e : done) EXPECT_EQ(e.code, msg_.Seq(e.image) < 28 ? 301 : 300) << msg_.Seq(e.image);
+}
+
+TEST_F(sock_frame, AnIdleConnectionSendsKeepAlivesThatThePeerDrops) {
+    uint32_t cli = 0;
+    const int raw = ClientToRaw(&cli);
+    ReadFrame(raw);
+    // 100 ms is raised to 1250; the peer is told 5000.
+    EXPECT_EQ(KWSockSetSendTimeout(cli, 100), 1);
+    EXPECT_EQ(ReadFrame(raw), ControlFrame(2, U32Bytes(5000)));
+    EXPECT_EQ(StateOf(cli).sendTimeout, 1250u);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(ReadFrame(raw, 4000), Golden("sock_frame_keepalive.bin"));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 1000ms);
+
+    // The receiving side reads keep-alives without an event.
+    uint32_t srv = 0;
+    const int peer = RawToServer(&srv);
+    KWRData* rec = msg_.New(5, "after");
+    ASSERT_TRUE(WriteAll(peer, KeepAliveFrame() + Frame(MsgType::kId, 0, ImageOf(rec))));
+    auto got = Recorder::Get().WaitCode(SOCK_EV_DATA, srv);
+    ASSERT_EQ(got.size(), 1u);
+    EXPECT_EQ(msg_.Seq(got[0].image), 5);
+    EXPECT_EQ(uint64_t{StateOf(srv).recvBytes}, 10u + 4 + rec->length);  // a copy: the field is 4-aligned
+    EXPECT_EQ(Recorder::Get().Count([&](const Event& e) { return e.code == SOCK_EV_DATA; }), 1u);
+    KWRRecRelease(rec);
+}
+
+TEST_F(sock_frame, TimeoutRequestsCarryTheNegotiatedValues) {
+    uint32_t cli = 0;
+    const int raw = ClientToRaw(&cli);
+    ReadFrame(raw);
+    // KWSockSetRecvTimeout asks the peer for a keep-alive interval (Type 3).
+    const struct {
+        uint32_t ms, asked;
+    } recv[] = {{2000, 1250}, {1, 1250}, {4999, 1250}, {5000, 1250}, {20000, 5000}};
+    for (const auto& r : recv) {
+        EXPECT_EQ(KWSockSetRecvTimeout(cli, r.ms), 1);
+        EXPECT_EQ(ReadFrame(raw), ControlFrame(3, U32Bytes(r.asked))) << r.ms;
+        EXPECT_EQ(StateOf(cli).recvTimeout, 0u);  // changes only with the peer's answer
+    }
+    EXPECT_EQ(KWSockSetRecvTimeout(cli, 0), 1);  // already in force: nothing sent
+    // KWSockSetSendTimeout tells the peer four times the interval (Type 2).
+    const struct {
+        uint32_t ms, kept, told;
+    } send[] = {{3000, 3000, 12000}, {1249, 1250, 5000}, {0, 0, 0}};
+    for (const auto& s : send) {
+        EXPECT_EQ(KWSockSetSendTimeout(cli, s.ms), 1);
+        EXPECT_EQ(ReadFrame(raw), ControlFrame(2, U32Bytes(s.told))) << s.ms;
+        EXPECT_EQ(StateOf(cli).sendTimeout, s.kept);
+    }
+    EXPECT_EQ(KWSockSetSendTimeout(cli, 0), 1);
+    // The next frame is a record: nothing was sent for the unchanged values.
+    ASSERT_EQ(KWSockSendEx(cli, msg_.New(3), RecordCompletion, 0), 0);
+    EXPECT_EQ(msg_.Seq(ReadFrame(raw).substr(4)), 3);
+
+    LogCapture log;
+    EXPECT_EQ(KWSockSetRecvTimeout(0x7777, 10), 0);
+    EXPECT_TRUE(log.Has("Kwz.kwSock.KWSockSetRecvTimeout", "SE_NOSOCK (idn=30583)"));
+}
+
+TEST_F(sock_frame, TwoLibraryPeersAgreeOnTimeouts) {
+    uint32_t lst = 0, cli = 0;
+    ASSERT_EQ(KWSockSrvOpen(0, RecordEvent, &lst), 0);
+    ASSERT_EQ(KWSockCliOpen("127.0.0.1", ListenPort(lst), RecordEvent, &cli), 0);
+    const uint32_t srv = AcceptedIdn();
+    EXPECT_EQ(KWSockSetRecvTimeout(cli, 8000), 1);
+    EXPECT_TRUE(WaitUntil([&] { return StateOf(cli).recvTimeout == 8000; }));
+    EXPECT_EQ(StateOf(srv).sendTimeout, 2000u);
+}
+
+// A raw peer drives the server's receive time-out down with a Type 2 record
+// and then stays silent: the connection closes after logging the expiry.
+TEST_F(sock_frame, AnIdleServerConnectionTimesOut) {
+    uint32_t srv = 0;
+    const int raw = RawToServer(&srv);
+    LogCapture log;
+    ASSERT_TRUE(WriteAll(raw, ControlFrame(3, U32Bytes(300))));
+    EXPECT_EQ(ReadFrame(raw), ControlFrame(2, U32Bytes(1200)));  // the answer
+    EXPECT_EQ(StateOf(srv).sendTimeout, 300u);
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_TRUE(WriteAll(raw, ControlFrame(2, U32Bytes(250))));
+    EXPECT_TRUE(WaitUntil([&] { return StateOf(srv).recvTimeout == 250; }));
+    EXPECT_EQ(Recorder::Get().WaitCode(SOCK_EV_ABORT, srv).size(), 1u);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 250ms);
+    EXPECT_TRUE(log.Has("Kwz.kwSock.Recv_All", "Expired the timeout for data reception"));
+    EXPECT_TRUE(log.Has("Kwz.kwSock._SetRecvTimeout", "tnew=250, told=20000"));
+    EXPECT_TRUE(PeerClosed(raw));
+}
+
+TEST_F(sock_frame, CorruptHeadsAndOversizedFramesAbortTheConnection) {
+    const struct {
+        uint32_t length;
+        const char* log;
+    } cases[] = {{0, "Sock abort. Data corrupt"}, {5, "Sock abort. Data corrupt"},
+                 {65, "Sock abort. Record too long"}, {0xFFFFFFFFu, "Sock abort. Record too long"}};
+    for (const auto& c : cases) {
+        Recorder::Get().Reset();
+        uint32_t srv = 0;
+        const int raw = RawToServer(&srv);
+        ASSERT_EQ(KWSockSetRecvLimit(srv, 64), 0);
+        LogCapture log;
+        std::string image = U32Bytes(c.length) + std::string(2, '\0');
+        ASSERT_TRUE(WriteAll(raw, Frame(MsgType::kId, 0, image)));
+        EXPECT_EQ(Recorder::Get().WaitCode(SOCK_EV_ABORT, srv).size(), 1u) << c.length;
+        EXPECT_TRUE(log.Has("Kwz.kwSock.SockRecvThread", c.log)) << c.length;
+        EXPECT_TRUE(PeerClosed(raw));
+    }
+}
+
+TEST_F(sock_frame, TheReceiveLimitPassesFramesUpToItAndIsInherited) {
+    uint32_t lst = 0;
+    ASSERT_EQ(KWSockSrvOpen(0, RecordEvent, &lst), 0);
+    ASSERT_EQ(KWSockSetRecvLimit(lst, 40), 0);
+    EXPECT_EQ(KWSockSetRecvLimit(0x7777, 1), SE_NOSOCK);
+    const int raw = Keep(RawConnect(ListenPort(lst)));
+    const uint32_t srv = AcceptedIdn();
+    KWRData* fits = msg_.New(1, std::string(13, 'a'));  // 20 + 14 = 34 bytes
+    KWRData* over = msg_.New(2, std::string(20, 'b'));  // 41 bytes
+    ASSERT_TRUE(WriteAll(raw, Frame(MsgType::kId, 0, ImageOf(fits))));
+    EXPECT_EQ(Recorder::Get().WaitCode(SOCK_EV_DATA, srv).size(), 1u);
+    ASSERT_TRUE(WriteAll(raw, Frame(MsgType::kId, 0, ImageOf(over))));
+    EXPECT_EQ(Recorder::Get().WaitCode(SOCK_EV_ABORT, srv).size(), 1u);
+    KWRRecRelease(fits);
+    KWRRecRelease(over);
+}
+
+TEST_F(sock_frame, PrefixWordsArriveSignExtended) {
+    uint32_t srv = 0;
+    const int raw = RawToServer(&srv);
+    KWRData* rec = msg_.New(9, "x");
+    ASSERT_TRUE(WriteAll(raw, Frame(0xFFFE, 0x8001, ImageOf(rec))));
+    auto got = Recorder::Get().WaitCode(SOCK_EV_DATA, srv);
+    ASSERT_EQ(got.size(), 1u);
+    EXPECT_EQ(got[0].typeId, 0xFFFFFFFEu);
+    EXPECT_EQ(got[0].reserved, -32767);
+    EXPECT_EQ(got[0].image, ImageOf(rec));
+    KWRRecRelease(rec);
+}
+
+TEST_F(sock_frame, ControlRecordsNeverReachTheCaller) {
+    uint32_t srv = 0;
+    const int raw = RawToServer(&srv);
+    char name[64] = "unchanged";
+    ASSERT_TRUE(WriteAll(raw, ControlFrame(1, "")));  // an empty name changes nothing
+    ASSERT_TRUE(WriteAll(raw, ControlFrame(9, "ignored")));
+    std::string bad = ControlImage(1, "evil");
+    bad[6] = 0x0B;  // the Type slot claims to be a "CB": the image is not a TestTyp2 image
+    ASSERT_TRUE(WriteAll(raw, Frame(0, 0, bad)));
+    std::string three = ControlImage(1, "three");
+    three[5] = 3;  // three fields: neither control nor keep-alive, dropped
+    ASSERT_TRUE(WriteAll(raw, Frame(0, 0, three)));
+    KWRData* rec = msg_.New(4, "still open");
+    ASSERT_TRUE(WriteAll(raw, Frame(MsgType::kId, 0, ImageOf(rec))));
+    KWRRecRelease(rec);
+    ASSERT_EQ(Recorder::Get().WaitCode(SOCK_EV_DATA, srv).size(), 1u);
+    GetPeerHostName(srv, name, sizeof name);
+    EXPECT_STREQ(name, "");
+    ASSERT_TRUE(WriteAll(raw, ControlFrame(1, "peer-x")));
+    EXPECT_TRUE(WaitUntil([&] {
+        GetPeerHostName(srv, name, sizeof name);
+        return std::string(name) == "peer-x";
+    }));
+    EXPECT_EQ(Recorder::Get().Count([](const Event& e) { return e.code == SOCK_EV_DATA; }), 1u);
+    EXPECT_EQ(StateOf(srv).type, SOCK_SRV);
+}
+
+// A time request is answered with the tick echoed and the answering side's
+// UTC time and zone values (or the zone set on the slot).
+TEST_F(sock_frame, ATimeRequestIsAnsweredWithTheStampedTime) {
+    uint32_t srv = 0;
+    const int raw = RawToServer(&srv);
+    ASSERT_EQ(KWSockTimeZoneSet(srv, 180, 1), 1);
+    ASSERT_TRUE(WriteAll(raw, ControlFrame(4, U32Bytes(0xCAFEF00D))));
+    const std::string answer = ReadFrame(raw);
+    ASSERT_EQ(answer.size(), 4u + 20 + 25);
+    const std::string data = answer.substr(4 + 20, 24);
+    EXPECT_EQ(GetU32(data, 0), 0xCAFEF00Du);
+    int64_t secs = 0;
+    std::memcpy(&secs, data.data() + 8, 8);
+    EXPECT_LE(std::llabs(secs - CTimeNow()), 2);
+    uint16_t millis = 0;
+    int16_t zone1 = 0, zone2 = 0;
+    std::memcpy(&millis, data.data() + 16, 2);
+    std::memcpy(&zone1, data.data() + 18, 2);
+    std::memcpy(&zone2, data.data() + 20, 2);
+    EXPECT_LT(millis, 1000);
+    EXPECT_EQ(zone1, 180);
+    EXPECT_EQ(zone2, 1);
+}
+
+TEST_F(sock_frame, RecordsStillQueuedAtCloseComeBackDropped) {
+    uint32_t cli = 0;
+    const int raw = ClientToRaw(&cli);
+    ReadFrame(raw);
+    ASSERT_EQ(KWSockSendEx(cli, msg_.New(1), BlockingCompletion, 0), 0);
+    ASSERT_TRUE(WaitUntil([&] { return (StateOf(cli).flags & 0x04) != 0; }));
+    for (int32_t seq = 2; seq <= 4; ++seq) ASSERT_EQ(KWSockSendEx(cli, msg_.New(seq), RecordCompletion, 0), 0);
+    EXPECT_EQ(KWSockClose(cli), 0);
+    g_gate.Open();
+    auto dropped = Recorder::Get().WaitCode(kCompletion + SOCK_EV_DROPPED, cli, 3);
+    ASSERT_EQ(dropped.size(), 3u);
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(msg_.Seq(dropped[i].image), i + 2);
+    EXPECT_EQ(Recorder::Get().WaitCode(SOCK_EV_CLOSE, cli).size(), 1u);
+    EXPECT_EQ(Recorder::Get().WaitCode(kCompletion + 0, cli).size(), 1u);  // the first one was sent
+}
+
+// A peer that resets the connection: the client aborts, and every record it
+// was given comes back to its completion, sent (0), failed (-7) or dropped (-6).
+TEST_F(sock_frame, APeerResetAbortsAndEveryRecordComesBack) {
+    uint32_t cli = 0;
+    const int raw = ClientToRaw(&cli);
+    ReadFrame(raw);
+    const linger reset{1, 0};
+    setsockopt(raw, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+    const int small = 65536;
+    setsockopt(raw, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+    constexpr int kCount = 200;  // 12 MB: more than the client's send buffer can hold
+    for (int32_t seq = 0; seq < kCount; ++seq)
+        ASSERT_EQ(KWSockSendEx(cli, msg_.New(seq, std::string(60000, 'r')), RecordCompletion, 0), 0);
+    close(raw);  // linger 0: a reset, not an orderly end
+    fds_.pop_back();
+    EXPECT_EQ(Recorder::Get().WaitCode(SOCK_EV_ABORT, cli).size(), 1u);
+    auto done = Recorder::Get().WaitMatching([](const Event& e) { return e.code >= 90; }, kCount);
+    ASSERT_EQ(done.size(), static_cast<size_t>(kCount));
+    for (const auto& e : done)
+        EXPECT_TRUE(e.code == kCompletion || e.code == kCompletion + SOCK_EV_NOSEND ||
+                    e.code == kCompletion + SOCK_EV_DROPPED) << e.code;
+    // More than the socket buffers hold was queued: some records never left.
+    EXPECT_GT(Recorder::Get().Count([](const Event& e) { return e.code < kCompletion && e.code >= 90; }), 0u);
+}
+
+TEST_F(sock_frame, SendRefusals) {
+    uint32_t cli = 0, lst = 0;
+    ClientToRaw(&cli);
+    ASSERT_EQ(KWSockSrvOpen(0, RecordEvent, &lst), 0);
+    KWRData* rec = msg_.New(1);
+    {
+        LogCapture log;
+        rec->guard = 1;
+        try {
+            KWSockSendEx(cli, rec, nullptr, 0);
+            ADD_FAILURE() << "no exception";
+        } catch (const std::runtime_error& e) {
+            EXPECT_STREQ(e.what(), "KWSockSendEx RE_DATACORRUPT");
+        }
+        EXPECT_THROW(KWSockSendEx(cli, nullptr, nullptr, 0), std::runtime_error);
+        EXPECT_TRUE(log.Has("Kwz.kwSock.KWSockSendEx", "REC DATA CORRUPT"));
+        rec->guard = 0;
+    }
+    LogCapture log;
+    EXPECT_EQ(KWSockSendEx(0x7777, rec, nullptr, 0), SE_NOSOCK);
+    EXPECT_TRUE(log.Has("Kwz.kwSock.KWSockSendEx", "SE_NOSOCK (30583)"));
+    EXPECT_EQ(KWSockSendEx(lst, rec, nullptr, 0), SE_DATANOSEND);
+    EXPECT_TRUE(log.Has("Kwz.kwSock.SockBufAdd", "type=0x1"));
+    EXPECT_TRUE(log.Has("Kwz.kwSock.KWSockSendEx", "no SockBufAdd"));
+    KWRSetAsText(&msg_.type()->fields[1], rec, 40, nullptr);  // the text leaves the image
+    EXPECT_EQ(rec->state, 255);
+    EXPECT_EQ(KWSockSendEx(cli, rec, nullptr, 0), SE_DATANOSEND);
+    KWRRecRelease(rec);
+}
+
+}  // namespace

@@ -1,0 +1,348 @@
+// The socket table: module life, idns and their generations, opening and
+// closing, the accessors and their refusals, table exhaustion, and stopping
+// the module while connections are still finishing.
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+
+#include "kwz_test_util.h"
+#include "sock_test_util.h"
+
+using namespace socktest;
+using kwztest::LogCapture;
+
+namespace {
+
+Gate g_gate;
+
+// Records every event; a received record blocks the receiving thread until
+// g_gate opens, which keeps the slot's thread inside a callback.
+extern "C" void BlockingEvent(int32_t code, uint32_t idn, KWRData* rec) {
+    RecordEvent(code, idn, rec);
+    if (code == SOCK_EV_DATA) g_gate.Wait(10000);
+}
+
+class sock_table : public ::testing::Test {
+protected:
+    void SetUp() override {
+        Recorder::Get().Reset();
+        g_gate.Reset();
+    }
+    void TearDown() override {
+        g_gate.Open();
+        EXPECT_TRUE(ShutdownModule());
+    }
+    // A listening slot on a system-chosen port.
+    uint32_t Listen(SockEventFn fn = RecordEvent) {
+        uint32_t idn = 0;
+        EXPECT_EQ(KWSockSrvOpen(0, fn, &idn), 0);
+        EXPECT_NE(ListenPort(idn), 0u);
+        return idn;
+    }
+};
+
+std::string HostName() {
+    char host[256] = {};
+    gethostname(host, sizeof host - 1);
+    return host;
+}
+
+TEST_F(sock_table, InitSizesOnceAndFreeReleasesAnEmptyTable) {
+    EXPECT_EQ(KWSockInit(0), SE_NOINIT);
+    EXPECT_EQ(KWSockInit(-3), SE_NOINIT);
+    EXPECT_EQ(KWSockIsActive(), SE_NOINIT);
+    ASSERT_EQ(KWSockInit(2), 0);
+    EXPECT_EQ(KWSockInit(50), 0);  // active: no resize
+    EXPECT_EQ(KWSockIsActive(), 0);
+    EXPECT_EQ(KWSockGetIdn(0), 0x10000u);
+    EXPECT_EQ(KWSockGetIdn(1), 0x20001u);
+    {
+        LogCapture log;
+        EXPECT_EQ(KWSockGetIdn(2), 0u);  // the second init kept 2 slots
+        EXPECT_TRUE(log.Has("Kwz.kwSock.KWSockGetIdn", "SE_NOSOCK (all=2, idx=2)"));
+    }
+    EXPECT_EQ(KWSockFree(), 0);  // nothing open: the table goes at once
+    EXPECT_EQ(KWSockIsActive(), SE_NOINIT);
+    EXPECT_EQ(KWSockFree(), 0);
+    LogCapture log;
+    void* dat = &dat;
+    EXPECT_EQ(KWSockGetDat(0x10000, &dat), SE_NOINIT);
+    EXPECT_EQ(dat, nullptr);
+    EXPECT_EQ(KWSockClose(0x10000), SE_NOINIT);
+    EXPECT_TRUE(log.Has("Kwz.kwSock.KWSockClose", "SE_NOINIT"));
+}
+
+TEST(sock_fresh, CloseBeforeTheFirstInitIsRefused) {
+    ::testing::GTEST_FLAG(death_test_style) = "threadsafe";  // a fresh process
+    EXPECT_EXIT(
+        {
+            LogCapture log;
+            const bool ok = KWSockClose(0x10000) == SE_NOINIT &&
+                            log.Has("Kwz.kwSock.KWSockClose", "The module is not initialized");
+            std::exit(ok ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
+}
+
+// A refused open still allocates and releases a slot: a cheap way to walk the
+// generations of slot 0.
+TEST_F(sock_table, GenerationsAdvanceWrapAndRefuseStaleIdns) {
+    ASSERT_EQ(KWSockInit(1), 0);
+    const uint32_t first = KWSockGetIdn(0);
+    uint32_t idn = 1;
+    EXPECT_EQ(KWSockCliOpen("", 1, nullptr, &idn), SE_OPEN);
+    EXPECT_EQ(idn, 0u);
+    const uint32_t second = KWSockGetIdn(0);
+    EXPECT_EQ(second, 2u << 16);
+    EXPECT_EQ(second & 0xFFFF, first & 0xFFFF);  // only the generation differs
+
+    // The slot is free again but its Idn still matches: the state answers,
+    // the port does not, a close is a no-op.
+    SockState st{};
+    EXPECT_EQ(KWSockGetState(second, &st), 1);
+    EXPECT_EQ(st.type, SOCK_FREE);
+    uint32_t port = 9;
+    EXPECT_EQ(KWSockGetPort(second, &port), 0);
+    EXPECT_EQ(port, 0u);
+    EXPECT_EQ(KWSockClose(second), 0);
+
+    for (int g = 3; g <= 16383; ++g) KWSockCliOpen(nullptr, 1, nullptr, &idn);
+    EXPECT_EQ(KWSockGetIdn(0), 16383u << 16);
+    KWSockCliOpen(nullptr, 1, nullptr, &idn);
+    EXPECT_EQ(KWSockGetIdn(0), 1u << 16);  // wrapped
+
+    LogCapture log;
+    EXPECT_EQ(KWSockClose(second), SE_NOSOCK);
+    EXPECT_EQ(KWSockSetDat(second, nullptr), SE_NOSOCK);
+    EXPECT_EQ(KWSockGetState(second, &st), 0);
+    EXPECT_TRUE(log.Has("Kwz.kwSock.KWSockClose", "SE_NOSOCK (131072)"));
+    EXPECT_TRUE(log.Has("Kwz.kwSock.KWSockGetState", "SE_NOSOCK (idn=131072)"));
+}
+
+TEST_F(sock_table, UnknownIdnsAreRefusedWithTheirOwnTexts) {
+    ASSERT_EQ(KWSockInit(4), 0);
+    const uint32_t bad = 0x50003;  // slot 3, a generation it never had
+    LogCapture log;
+    void* dat = &dat;
+    uint32_t port = 1;
+    int32_t fd = 7;
+    SockState st{};
+    EXPECT_EQ(KWSockSetDat(bad, nullptr), SE_NOSOCK);
+    EXPECT_EQ(KWSockGetDat(bad, &dat), SE_NOSOCK);
+    EXPECT_EQ(dat, nullptr);
+    EXPECT_EQ(KWSockGetState(bad, &st), 0);
+    EXPECT_EQ(KWSockGetPort(bad, &port), 0);
+    EXPECT_EQ(port, 0u);
+    EXPECT_EQ(KWSockGetId(bad, &fd), 0);
+    EXPECT_EQ(fd, -1);
+    EXPECT_EQ(KWSockRecvEventGet(bad), nullptr);
+    EXPECT_EQ(KWSockRecvEventSet(bad, RecordEvent), nullptr);
+    EXPECT_EQ(KWSockClose(bad), SE_NOSOCK);
+    char buf[8] = "xxxxxxx";
+    EXPECT_EQ(GetPeerHostName(bad, buf, sizeof buf), 0);
+    EXPECT_EQ(buf[0], 0);
+    const struct {
+        const char* fn;
+        const char* text;
+    } expected[] = {
+        {"KWSockSetDat", "SE_NOSOCK (327683)"},      {"KWSockGetDat", "SE_NOSOCK (327683)"},
+        {"KWSockGetState", "SE_NOSOCK (idn=327683)"}, {"KWSockGetPort", "SE_NOSOCK (idn=327683)"},
+        {"KWSockGetId", "SE_NOSOCK (idn=327683)"},    {"KWSockRecvEventSet", "SE_NOSOCK (idn=327683)"},
+        {"KWSockClose", "SE_NOSOCK (327683)"},        {"GetPeerHostName", "SE_NOSOCK (327683)"},
+    };
+    for (const auto& e : expected)
+        EXPECT_TRUE(log.Has(std::string("Kwz.kwSock.") + e.fn, e.text)) << e.fn;
+    // The event getter reports under the tag of KWSockGetId.
+    EXPECT_FALSE(log.Has("Kwz.kwSock.KWSockRecvEventGet", "SE_NOSOCK"));
+}
+
+TEST_F(sock_table, TheLocalHostNameIsRefusedInAnyCase) {
+    ASSERT_EQ(KWSockInit(4), 0);
+    const uint32_t srv = Listen();
+    std::string upper = HostName(), lower = HostName();
+    std::transform(upper.begin(), upper.end(), upper.begin(), ::toupper);
+    std::transform(lower.begin(), lower.end(), lower.begin(), ::tolower);
+    for (const std::string& name : {HostName(), upper, lower}) {
+        LogCapture log;
+        uint32_t idn = 5;
+        EXPECT_EQ(KWSockCliOpen(name.c_str(), ListenPort(srv), RecordEvent, &idn), SE_OPEN) << name;
+        EXPECT_EQ(idn, 0u);
+        EXPECT_TRUE(log.Has("Kwz.kwSock.KWSockCliOpen", "Incorrect server address"));
+    }
+    uint32_t idn = 0;
+    EXPECT_EQ(KWSockCliOpen("127.0.0.1", ListenPort(srv), RecordEvent, &idn), 0);  // numeric loop-back is fine
+    EXPECT_NE(idn, 0u);
+}
+
+TEST_F(sock_table, AConnectionKnowsItsPeerBothWays) {
+    ASSERT_EQ(KWSockInit(8), 0);
+    const uint32_t lst = Listen();
+    uint32_t cli = 0;
+    ASSERT_EQ(KWSockCliOpen("localhost", ListenPort(lst), RecordEvent, &cli), 0);
+    const uint32_t srv = AcceptedIdn();
+    ASSERT_NE(srv, 0u);
+
+    char name[256] = {}, addr[64] = {};
+    // The client's host identification names the server side's peer.
+    EXPECT_TRUE(WaitUntil([&] {
+        GetPeerHostName(srv, name, sizeof name);
+        return HostName() == name;
+    }));
+    GetPeerHostAddr(srv, addr, sizeof addr);
+    EXPECT_STREQ(addr, "127.0.0.1");
+    GetPeerHostName(cli, name, sizeof name);
+    EXPECT_STREQ(name, "localhost");  // resolved by name: the canonical name
+    GetPeerHostAddr(cli, addr, sizeof addr);
+    EXPECT_STREQ(addr, "127.0.0.1");
+
+    // A bounded copy: not terminated when the text fills the buffer.
+    char small[6];
+    std::memset(small, 'X', sizeof small);
+    GetPeerHostAddr(cli, small, 4);
+    EXPECT_EQ(std::string(small, 6), "127.XX");
+
+    const SockState c = StateOf(cli), s = StateOf(srv), l = StateOf(lst);
+    EXPECT_EQ(c.type, SOCK_CLI);
+    EXPECT_EQ(s.type, SOCK_SRV);
+    EXPECT_EQ(l.type, SOCK_LISTEN);
+    EXPECT_EQ(c.sendTimeout, 5000u);
+    EXPECT_EQ(c.recvTimeout, 0u);
+    EXPECT_EQ(s.sendTimeout, 0u);
+    EXPECT_EQ(s.recvTimeout, 20000u);
+    EXPECT_EQ(c.port, ListenPort(lst));
+    EXPECT_EQ(s.port, ListenPort(lst));
+    int32_t fd = -1;
+    EXPECT_EQ(KWSockGetId(cli, &fd), 1);
+    EXPECT_GE(fd, 0);
+
+    int token = 0;
+    void* dat = nullptr;
+    EXPECT_EQ(KWSockSetDat(cli, &token), 0);
+    EXPECT_EQ(KWSockGetDat(cli, &dat), 0);
+    EXPECT_EQ(dat, &token);
+    EXPECT_EQ(KWSockRecvEventGet(cli), RecordEvent);
+    EXPECT_EQ(KWSockRecvEventSet(cli, BlockingEvent), RecordEvent);
+    EXPECT_EQ(KWSockRecvEventGet(cli), BlockingEvent);
+    KWSockRecvEventSet(cli, RecordEvent);
+
+    // An orderly close reaches both sides as event 2.
+    EXPECT_EQ(KWSockClose(cli), 0);
+    EXPECT_EQ(Recorder::Get().WaitCode(SOCK_EV_CLOSE, cli).size(), 1u);
+    EXPECT_EQ(Recorder::Get().WaitCode(SOCK_EV_CLOSE, srv).size(), 1u);
+    EXPECT_TRUE(WaitUntil([&] { return StateOf(srv).type == SOCK_FREE; }));
+}
+
+TEST_F(sock_table, AnOpenThatFailsLeavesTheSlotFree) {
+    ASSERT_EQ(KWSockInit(2), 0);
+    uint32_t idn = 1;
+    // Nothing listens on the port of a listener that was closed.
+    const uint32_t lst = Listen();
+    const uint32_t port = ListenPort(lst);
+    KWSockClose(lst);
+    ASSERT_TRUE(WaitUntil([&] { return StateOf(lst).type == SOCK_FREE; }));
+    EXPECT_EQ(KWSockCliOpen("127.0.0.1", port, RecordEvent, &idn), SE_OPEN);
+    EXPECT_EQ(KWSockCliOpen("no-such-host.invalid", port, RecordEvent, &idn), SE_OPEN);
+    EXPECT_EQ(idn, 0u);
+    EXPECT_EQ(StateOf(KWSockGetIdn(0)).type, SOCK_FREE);
+    EXPECT_EQ(StateOf(KWSockGetIdn(1)).type, SOCK_FREE);
+    // Both slots can still be used.
+    const uint32_t again = Listen();
+    EXPECT_EQ(KWSockCliOpen("127.0.0.1", ListenPort(again), RecordEvent, &idn), 0);
+}
+
+TEST_F(sock_table, AFullTableRefusesConnectionsButKeepsListening) {
+    ASSERT_EQ(KWSockInit(2), 0);
+    const uint32_t lst = Listen();
+    const int first = RawConnect(ListenPort(lst));
+    ASSERT_GE(first, 0);
+    const uint32_t srv = AcceptedIdn();
+    ASSERT_NE(srv, 0u);
+    {
+        LogCapture log;
+        const int refused = RawConnect(ListenPort(lst));
+        ASSERT_GE(refused, 0);  // the system accepts; the listener closes it
+        EXPECT_TRUE(PeerClosed(refused));
+        close(refused);
+        EXPECT_TRUE(log.Has("Kwz.kwSock.SockListenThreadNet", "There are no available sockets (all=2, use=2)"));
+    }
+    close(first);
+    EXPECT_EQ(Recorder::Get().WaitCode(SOCK_EV_CLOSE, srv).size(), 1u);
+    ASSERT_TRUE(WaitUntil([&] { return StateOf(srv).type == SOCK_FREE; }));
+    const int third = RawConnect(ListenPort(lst));
+    ASSERT_GE(third, 0);
+    EXPECT_NE(AcceptedIdn(2), 0u);
+    EXPECT_EQ(StateOf(lst).type, SOCK_LISTEN);
+    close(third);
+}
+
+// A slot whose receiving thread is inside a callback stays closing until the
+// callback returns; closes meanwhile are no-ops, and once the slot is reused
+// the old idn is unknown.
+TEST_F(sock_table, ClosingTwiceAndAfterReuse) {
+    ASSERT_EQ(KWSockInit(4), 0);
+    MsgType msg;
+    const uint32_t lst = Listen(BlockingEvent);
+    const int raw = RawConnect(ListenPort(lst));
+    const uint32_t srv = AcceptedIdn();
+    ASSERT_NE(srv, 0u);
+    KWRData* rec = msg.New(1, "x");
+    ASSERT_TRUE(WriteAll(raw, Frame(MsgType::kId, 0, std::string(reinterpret_cast<char*>(rec->image), rec->length))));
+    KWRRecRelease(rec);
+    ASSERT_TRUE(WaitUntil([&] { return (StateOf(srv).flags & 0x08) != 0; }));  // in the callback
+
+    EXPECT_EQ(KWSockClose(srv), 0);
+    EXPECT_EQ(KWSockClose(srv), 0);  // already closing
+    EXPECT_NE(StateOf(srv).flags & 0x10, 0u);
+    EXPECT_EQ(StateOf(srv).type, SOCK_SRV);  // not final while the callback runs
+    g_gate.Open();
+    EXPECT_EQ(Recorder::Get().WaitCode(SOCK_EV_CLOSE, srv).size(), 1u);
+    ASSERT_TRUE(WaitUntil([&] { return StateOf(srv).type == SOCK_FREE; }));
+    EXPECT_EQ(KWSockClose(srv), 0);  // free, but its Idn still matches
+    close(raw);
+
+    const int next = RawConnect(ListenPort(lst));
+    const uint32_t reused = AcceptedIdn(2);
+    ASSERT_NE(reused, 0u);
+    EXPECT_EQ(reused & 0xFFFF, srv & 0xFFFF);  // the same slot, a new generation
+    EXPECT_NE(reused, srv);
+    EXPECT_EQ(KWSockClose(srv), SE_NOSOCK);
+    close(next);
+}
+
+// KWSockFree while a slot cannot finish yet: the module is suspended, new
+// work is refused, no close event reaches the caller, and once the slot is
+// gone the table goes and a new init succeeds.
+TEST_F(sock_table, FreeWhileConnectionsFinish) {
+    ASSERT_EQ(KWSockInit(4), 0);
+    MsgType msg;
+    const uint32_t lst = Listen(BlockingEvent);
+    const int raw = RawConnect(ListenPort(lst));
+    const uint32_t srv = AcceptedIdn();
+    ASSERT_NE(srv, 0u);
+    KWRData* rec = msg.New(1, "hold");
+    ASSERT_TRUE(WriteAll(raw, Frame(MsgType::kId, 0, std::string(reinterpret_cast<char*>(rec->image), rec->length))));
+    ASSERT_TRUE(WaitUntil([&] { return (StateOf(srv).flags & 0x08) != 0; }));
+
+    EXPECT_EQ(KWSockFree(), SE_SUSPEND);
+    EXPECT_EQ(KWSockIsActive(), SE_SUSPEND);
+    EXPECT_EQ(KWSockInit(4), SE_SUSPEND);
+    EXPECT_EQ(KWSockClose(srv), SE_SUSPEND);
+    uint32_t idn = 0;
+    EXPECT_EQ(KWSockCliOpen("127.0.0.1", ListenPort(lst), RecordEvent, &idn), SE_NOINIT);
+    EXPECT_EQ(KWSockSrvOpen(0, RecordEvent, &idn), SE_NOINIT);
+    EXPECT_EQ(KWSockSendEx(srv, rec, nullptr, 0), SE_NOINIT);
+    KWRRecRelease(rec);
+    EXPECT_TRUE(PeerClosed(raw));  // the socket was shut down at once
+    close(raw);
+
+    g_gate.Open();
+    ASSERT_TRUE(WaitUntil([] { return KWSockFree() == 0; }, 10000));
+    EXPECT_EQ(KWSockIsActive(), SE_NOINIT);
+    EXPECT_EQ(Recorder::Get().Count([](const Event& e) { return e.code == SOCK_EV_CLOSE || e.code == SOCK_EV_ABORT; }),
+              0u);
+    EXPECT_EQ(KWSockInit(3), 0);
+    EXPECT_EQ(KWSockGetIdn(2), 0x30002u);  // a new table
+}
+
+}  // namespace

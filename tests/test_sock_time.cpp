@@ -1,0 +1,138 @@
+// Time synchronisation between the two ends of a connection on one host:
+// the measured difference, the synchronised flags, the zone values and their
+// override, and the stamping of the request when it is sent.
+#include "kwz_test_util.h"
+#include "sock_test_util.h"
+
+using namespace socktest;
+using kwztest::LogCapture;
+
+namespace {
+
+Gate g_gate;
+
+extern "C" void BlockingCompletion(int32_t result, uint32_t idn, KWRData* rec) {
+    RecordCompletion(result, idn, rec);
+    g_gate.Wait(10000);
+}
+
+struct Sync {
+    int32_t result = 0;
+    int32_t millis = 0;  // seconds * 1000 + milliseconds
+};
+
+Sync Difference(uint32_t idn) {
+    uint32_t s = 7, ms = 7;
+    Sync d;
+    d.result = KWSockTimeDlt(idn, &s, &ms);
+    d.millis = static_cast<int32_t>(s) * 1000 + static_cast<int32_t>(ms);
+    return d;
+}
+
+std::pair<int32_t, int32_t> Zone(uint32_t idn) {
+    uint32_t z1 = 7, z2 = 7;
+    if (!KWSockTimeZone(idn, &z1, &z2)) return {-99, -99};
+    return {static_cast<int32_t>(z1), static_cast<int32_t>(z2)};
+}
+
+class sock_time : public ::testing::Test {
+protected:
+    void SetUp() override {
+        Recorder::Get().Reset();
+        g_gate.Reset();
+        ASSERT_EQ(KWSockInit(8), 0);
+        ASSERT_EQ(KWSockSrvOpen(0, RecordEvent, &lst_), 0);
+        ASSERT_EQ(KWSockCliOpen("127.0.0.1", ListenPort(lst_), RecordEvent, &cli_), 0);
+        srv_ = AcceptedIdn();
+        ASSERT_NE(srv_, 0u);
+    }
+    void TearDown() override {
+        g_gate.Open();
+        EXPECT_TRUE(ShutdownModule());
+    }
+    bool Synced(uint32_t idn) {
+        return WaitUntil([&] { return Difference(idn).result == 1; });
+    }
+    uint32_t lst_ = 0, cli_ = 0, srv_ = 0;
+};
+
+TEST_F(sock_time, BothEndsMeasureASmallDifference) {
+    uint32_t s = 7, ms = 7, z = 7;
+    EXPECT_EQ(KWSockTimeDlt(cli_, &s, &ms), 0);  // nothing before an answer
+    EXPECT_EQ(s, 0u);
+    EXPECT_EQ(ms, 0u);
+    EXPECT_EQ(KWSockTimeDltAbo(cli_, &s, &ms, &z), 0);
+    EXPECT_EQ(z, 0u);
+    EXPECT_EQ(Zone(cli_).first, -99);
+
+    ASSERT_EQ(KWSockTimeSynchro(cli_), 1);
+    ASSERT_TRUE(Synced(cli_));
+    EXPECT_LE(std::abs(Difference(cli_).millis), 50);
+    KWTimeStamp local{};
+    CTimeUTC(&local);
+    EXPECT_EQ(Zone(cli_), std::make_pair(int32_t{local.zoneMinutes}, int32_t{local.daylight}));
+    EXPECT_EQ(KWSockTimeDltAbo(cli_, &s, &ms, &z), 1);
+    EXPECT_EQ(static_cast<int32_t>(s) * 1000 + static_cast<int32_t>(ms), Difference(cli_).millis);
+    EXPECT_EQ(static_cast<int32_t>(z), int32_t{local.zoneMinutes});
+
+    // A request clears the flag of the answering side only: the server's
+    // request reached the client before the client's answer reached it.
+    ASSERT_EQ(KWSockTimeSynchro(srv_), 1);
+    ASSERT_TRUE(Synced(srv_));
+    EXPECT_LE(std::abs(Difference(srv_).millis), 50);
+    EXPECT_EQ(Difference(cli_).result, 0);
+    ASSERT_EQ(KWSockTimeSynchro(cli_), 1);
+    ASSERT_TRUE(Synced(cli_));
+    EXPECT_EQ(Difference(srv_).result, 0);
+}
+
+// The request's tick is stamped as it leaves, not as it is queued: a request
+// held in the queue for 300 ms still measures a short round trip.
+TEST_F(sock_time, TheRequestIsStampedWhenSent) {
+    MsgType msg;
+    ASSERT_EQ(KWSockSendEx(cli_, msg.New(1), BlockingCompletion, 0), 0);
+    ASSERT_TRUE(WaitUntil([&] { return (StateOf(cli_).flags & 0x04) != 0; }));
+    ASSERT_EQ(KWSockTimeSynchro(cli_), 1);
+    std::this_thread::sleep_for(300ms);
+    g_gate.Open();
+    ASSERT_TRUE(Synced(cli_));
+    EXPECT_LE(std::abs(Difference(cli_).millis), 50);
+}
+
+TEST_F(sock_time, ZoneValuesCanBeOverriddenOnEitherSide) {
+    // Set on the answering side: the answers carry it.
+    ASSERT_EQ(KWSockTimeZoneSet(srv_, 120, 1), 1);
+    ASSERT_EQ(KWSockTimeSynchro(cli_), 1);
+    ASSERT_TRUE(Synced(cli_));
+    EXPECT_EQ(Zone(cli_), std::make_pair(120, 1));
+    // Set on the reading side: shown instead of the peer's, until removed.
+    ASSERT_EQ(KWSockTimeZoneSet(cli_, 3, 0), 1);
+    EXPECT_EQ(Zone(cli_), std::make_pair(3, 0));
+    uint32_t s = 0, ms = 0, z = 0;
+    EXPECT_EQ(KWSockTimeDltAbo(cli_, &s, &ms, &z), 1);
+    EXPECT_EQ(z, 3u);
+    ASSERT_EQ(KWSockTimeZoneSet(cli_, -1, 0), 1);
+    EXPECT_EQ(Zone(cli_), std::make_pair(120, 1));
+    // Removing the answering side's override: its own zone again.
+    ASSERT_EQ(KWSockTimeZoneSet(srv_, -1, 0), 1);
+    ASSERT_EQ(KWSockTimeSynchro(cli_), 1);
+    KWTimeStamp local{};
+    CTimeUTC(&local);
+    EXPECT_TRUE(WaitUntil([&] {
+        return Zone(cli_) == std::make_pair(int32_t{local.zoneMinutes}, int32_t{local.daylight});
+    }));
+}
+
+TEST_F(sock_time, OnlyStreamConnectionsSynchronise) {
+    uint32_t node = 0;
+    ASSERT_EQ(KWSockNodeOpen(0, nullptr, &node), 0);
+    LogCapture log;
+    for (uint32_t idn : {lst_, node, 0x7777u}) {
+        EXPECT_EQ(KWSockTimeSynchro(idn), 0);
+        EXPECT_EQ(KWSockTimeZoneSet(idn, 1, 1), 0);
+        EXPECT_EQ(Difference(idn).result, 0);
+        EXPECT_TRUE(log.Has("Kwz.kwSock.KWSockTimeSynchro", "SE_NOSOCK (idn=" + std::to_string(idn) + ")"));
+    }
+}
+
+}  // namespace

@@ -1,0 +1,639 @@
+// kwz serve / send / netbench / node / node-send / clock: the transport from
+// the command line, and the "transport" and "datagram nodes" steps of
+// `kwz demo`.  Every command stops cleanly on Ctrl-C: the signal only sets a
+// flag; the main thread then closes, frees and waits for the table to go.
+#include <VomKwz.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "command.h"
+#include "kwz_util.h"
+
+namespace {
+
+using namespace kwz::tool;
+using Clock = std::chrono::steady_clock;
+
+std::atomic<bool> g_stop{false};
+std::mutex g_print;  // callbacks print from the transport's threads
+
+extern "C" void OnSignal(int) { g_stop = true; }
+
+void CatchInterrupt() {
+    struct sigaction sa {};
+    sa.sa_handler = OnSignal;
+    sigemptyset(&sa.sa_mask);
+    sigaction(SIGINT, &sa, nullptr);
+    sigaction(SIGTERM, &sa, nullptr);
+}
+
+// Polls pred until it holds or timeoutMs pass; Ctrl-C ends the wait early
+// unless the wait is the shutdown itself.
+template <typename Pred>
+bool WaitFor(Pred pred, int timeoutMs, bool interruptible = true) {
+    const auto end = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!pred()) {
+        if (Clock::now() > end || (interruptible && g_stop)) return pred();
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    return true;
+}
+
+// Frees the module and waits (bounded) until its last thread has ended.
+bool StopTransport() {
+    KWSockFree();
+    return WaitFor([] { return KWSockFree() == 0; }, 10000, false);
+}
+
+bool ParseNumber(const std::string& s, long long lo, long long hi, long long* out) {
+    errno = 0;
+    char* end = nullptr;
+    const long long v = std::strtoll(s.c_str(), &end, 0);
+    if (s.empty() || errno || !end || *end || v < lo || v > hi) return false;
+    *out = v;
+    return true;
+}
+
+// Splits "--name value" options off the positional arguments.
+struct Args {
+    std::vector<std::string> pos;
+    std::vector<std::pair<std::string, std::string>> opts;
+    bool Has(const char* name) const {
+        for (const auto& o : opts)
+            if (o.first == name) return true;
+        return false;
+    }
+    bool Number(const char* name, long long lo, long long hi, long long* out) const {
+        for (const auto& o : opts)
+            if (o.first == name) {
+                if (ParseNumber(o.second, lo, hi, out)) return true;
+                std::fprintf(stderr, "kwz: %s wants a number in %lld..%lld\n", name, lo, hi);
+                return false;
+            }
+        return true;
+    }
+};
+
+Args Split(const std::vector<std::string>& in, const std::vector<std::string>& valued) {
+    Args a;
+    for (size_t i = 0; i < in.size(); ++i) {
+        if (in[i].rfind("--", 0) == 0) {
+            const bool hasValue = std::find(valued.begin(), valued.end(), in[i]) != valued.end();
+            std::string value;
+            if (hasValue && i + 1 < in.size()) value = in[i + 1];
+            a.opts.emplace_back(in[i], value);
+            if (hasValue) ++i;
+        } else {
+            a.pos.push_back(in[i]);
+        }
+    }
+    return a;
+}
+
+bool Port(const std::string& s, uint32_t* port) {
+    long long v = 0;
+    if (!ParseNumber(s, 0, 65535, &v)) {
+        std::fprintf(stderr, "kwz: \"%s\" is not a port number\n", s.c_str());
+        return false;
+    }
+    *port = static_cast<uint32_t>(v);
+    return true;
+}
+
+// ------------------------------------------------------------ records
+
+// A received record of unknown type: its fields F0, F1, ... as the image
+// describes them, after checking that the image is sound.
+std::string Describe(const KWRData* rec) {
+    KWRType t;
+    KWRTypInit(&t);
+    std::string out = "type " + std::to_string(static_cast<int32_t>(rec->typeId)) + ", " +
+                      std::to_string(rec->length) + " bytes";
+    if (KWRTypGen(&t, "Received", rec) != 0 || KWRRecCheck(&t, rec) != 0) {
+        out += ": not a sound image";
+    } else {
+        for (uint8_t i = 0; i < t.fieldCount; ++i)
+            out += std::string(i ? ", " : ": ") + t.fields[i].name + "(" + FieldCode(t.fields[i]) +
+                   ")=" + FieldText(t.fields[i], *rec);
+    }
+    KWRTypFree(&t);
+    return out;
+}
+
+KWRData* CopyOf(const KWRData& rec) {
+    auto* image = static_cast<uint8_t*>(std::malloc(rec.length));
+    auto* copy = static_cast<KWRData*>(KWMemAlloc(sizeof(KWRData), nullptr));
+    if (!image || !copy) {
+        std::free(image);
+        KWMemFree(copy);
+        return nullptr;
+    }
+    std::memcpy(image, rec.image, rec.length);
+    KWRRecInit(copy);
+    KWRRecSet(copy, image);
+    copy->typeId = rec.typeId;
+    return copy;
+}
+
+std::atomic<long long> g_sent{0}, g_failed{0}, g_records{0}, g_bytes{0};
+
+extern "C" void Completed(int32_t result, uint32_t, KWRData* rec) {
+    (result == 0 ? g_sent : g_failed) += 1;
+    KWRRecRelease(rec);
+}
+
+// ------------------------------------------------------------ serve
+
+std::atomic<bool> g_sink{false};
+
+extern "C" void ServeEvent(int32_t event, uint32_t idn, KWRData* rec) {
+    if (event == SOCK_EV_DATA && g_sink) {
+        ++g_records;
+        g_bytes += rec->length + 4;
+        return;
+    }
+    std::lock_guard<std::mutex> lock(g_print);
+    char addr[64] = {};
+    switch (event) {
+        case SOCK_EV_ACCEPT:
+            GetPeerHostAddr(idn, addr, sizeof addr - 1);
+            std::printf("[0x%08X] connection from %s\n", idn, addr);
+            break;
+        case SOCK_EV_DATA:
+            std::printf("[0x%08X] record %s\n", idn, Describe(rec).c_str());
+            break;
+        default:
+            std::printf("[0x%08X] %s\n", idn, event == SOCK_EV_CLOSE ? "closed" : "aborted");
+            break;
+    }
+    std::fflush(stdout);
+}
+
+int Serve(const std::vector<std::string>& argv) {
+    const Args a = Split(argv, {});
+    uint32_t port = 0, lst = 0;
+    if (a.pos.size() != 1 || !Port(a.pos[0], &port)) {
+        std::fprintf(stderr, "usage: kwz serve PORT [--sink]\n");
+        return 2;
+    }
+    g_sink = a.Has("--sink");
+    CatchInterrupt();
+    if (KWSockInit(256) != 0 || KWSockSrvOpen(port, ServeEvent, &lst) != 0) {
+        std::fprintf(stderr, "kwz serve: cannot listen on port %u\n", port);
+        StopTransport();
+        return 1;
+    }
+    KWSockGetPort(lst, &port);
+    std::printf("listening on port %u (Ctrl-C stops)\n", port);
+    std::fflush(stdout);
+    auto last = Clock::now();
+    long long lastRecords = 0, lastBytes = 0;
+    while (!g_stop) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        if (!g_sink || Clock::now() - last < std::chrono::seconds(1)) continue;
+        const double secs = std::chrono::duration<double>(Clock::now() - last).count();
+        const long long r = g_records, b = g_bytes;
+        if (r != lastRecords) {
+            std::lock_guard<std::mutex> lock(g_print);
+            std::printf("%.0f records/s, %.1f MB/s\n", (r - lastRecords) / secs, (b - lastBytes) / secs / 1e6);
+            std::fflush(stdout);
+        }
+        last = Clock::now();
+        lastRecords = r;
+        lastBytes = b;
+    }
+    KWSockClose(lst);
+    const bool clean = StopTransport();
+    std::printf("stopped%s\n", clean ? "" : " (connections still finishing)");
+    return clean ? 0 : 1;
+}
+
+// ------------------------------------------------------------ send, netbench
+
+int Connect(const std::string& host, const std::string& portText, SockEventFn events, uint32_t* idn) {
+    uint32_t port = 0;
+    if (!Port(portText, &port)) return 2;
+    if (KWSockInit(8) != 0) return 1;
+    if (KWSockCliOpen(host.c_str(), port, events, idn) != 0) {
+        std::fprintf(stderr, "kwz: cannot connect to %s:%u\n", host.c_str(), port);
+        StopTransport();
+        return 1;
+    }
+    return 0;
+}
+
+int Send(const std::vector<std::string>& argv) {
+    const Args a = Split(argv, {"--count", "--priority"});
+    long long count = 1, priority = 0;
+    if (a.pos.size() < 3 || !a.Number("--count", 1, 100000000, &count) ||
+        !a.Number("--priority", 0, 0xFFFFFFFFll, &priority)) {
+        std::fprintf(stderr, "usage: kwz send HOST PORT \"DEF\" field=value ... [--count N] [--priority P]\n");
+        return 2;
+    }
+    KWRType type;
+    KWRTypInit(&type);
+    KWRData rec;
+    KWRRecInit(&rec);
+    const std::string def = UnescapeDefinition(a.pos[2]);
+    bool ok = KWRTypSet(&type, 1, def.c_str()) == 0 && KWRRecNew(&type, &rec) == 0;
+    if (!ok) std::fprintf(stderr, "kwz send: the type definition is refused; `kwz type` tells why\n");
+    for (size_t i = 3; ok && i < a.pos.size(); ++i) ok = AssignField("kwz send", type, &rec, a.pos[i]);
+    ok = ok && KWRRecPack(&type, &rec, 1, 0) == 0;
+    uint32_t idn = 0;
+    int rc = ok ? Connect(a.pos[0], a.pos[1], nullptr, &idn) : 2;
+    if (rc == 0) {
+        CatchInterrupt();
+        for (long long i = 0; i < count && !g_stop; ++i) {
+            KWRData* copy = CopyOf(rec);
+            if (!copy || KWSockSendEx(idn, copy, Completed, static_cast<uint32_t>(priority)) != 0) {
+                if (copy) KWRRecRelease(copy);
+                ++g_failed;
+                break;
+            }
+            // Keep the queue short: the transport itself never refuses work.
+            WaitFor([&] { return i + 1 - g_sent - g_failed < 1024; }, 60000);
+        }
+        WaitFor([&] { return g_sent + g_failed >= count || g_failed > 0; }, 60000);
+        std::printf("sent %lld record%s of %u bytes%s\n", g_sent.load(), g_sent == 1 ? "" : "s", rec.length,
+                    g_failed ? " (some failed)" : "");
+        rc = g_failed || g_sent < count ? 1 : 0;
+        KWSockClose(idn);
+        StopTransport();
+    }
+    KWRRecFree(&rec);
+    KWRTypFree(&type);
+    return rc;
+}
+
+int NetBench(const std::vector<std::string>& argv) {
+    const Args a = Split(argv, {"--size", "--seconds"});
+    long long size = 1024, seconds = 5;
+    if (a.pos.size() != 2 || !a.Number("--size", 26, 16 << 20, &size) || !a.Number("--seconds", 1, 3600, &seconds)) {
+        std::fprintf(stderr, "usage: kwz netbench HOST PORT [--size N] [--seconds S]   (against kwz serve --sink)\n");
+        return 2;
+    }
+    KWRType type;
+    KWRTypInit(&type);
+    KWRTypSet(&type, 1, "Bench|2\r\nSeq|I4\r\nData|CB");
+    KWRData rec;
+    KWRRecInit(&rec);
+    KWRRecNew(&type, &rec);
+    const std::string payload(static_cast<size_t>(size - 21), 'b');  // image = 20 + data + 1
+    KWRSetAsText(&type.fields[1], &rec, static_cast<int32_t>(payload.size()), payload.data());
+    KWRRecPack(&type, &rec, 1, 0);
+    uint32_t idn = 0;
+    int rc = Connect(a.pos[0], a.pos[1], nullptr, &idn);
+    if (rc == 0) {
+        CatchInterrupt();
+        const long long window = std::max(16ll, (8ll << 20) / size);
+        const auto start = Clock::now(), end = start + std::chrono::seconds(seconds);
+        long long queued = 0;
+        while (Clock::now() < end && !g_stop && !g_failed) {
+            if (queued - g_sent - g_failed >= window) {
+                std::this_thread::yield();
+                continue;
+            }
+            KWRData* copy = CopyOf(rec);
+            if (!copy || KWSockSendEx(idn, copy, Completed, 0) != 0) break;
+            ++queued;
+        }
+        WaitFor([&] { return g_sent + g_failed >= queued; }, 30000);
+        const double secs = std::chrono::duration<double>(Clock::now() - start).count();
+        std::printf("%lld records of %lld bytes in %.2f s: %.0f records/s, %.1f MB/s\n", g_sent.load(), size, secs,
+                    g_sent / secs, g_sent * (size + 4) / secs / 1e6);
+        rc = g_failed ? 1 : 0;
+        KWSockClose(idn);
+        StopTransport();
+    }
+    KWRRecFree(&rec);
+    KWRTypFree(&type);
+    return rc;
+}
+
+// ------------------------------------------------------------ clock
+
+// One synchronisation: the difference in ms and the wall time it took.
+bool SyncOnce(uint32_t idn, int32_t* diff, double* roundMs, int32_t* zone1, int32_t* zone2) {
+    const auto start = Clock::now();
+    if (KWSockTimeSynchro(idn) != 1) return false;
+    uint32_t s = 0, ms = 0, z1 = 0, z2 = 0;
+    if (!WaitFor([&] { return KWSockTimeDlt(idn, &s, &ms) == 1; }, 5000)) return false;
+    *roundMs = std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+    *diff = static_cast<int32_t>(s) * 1000 + static_cast<int32_t>(ms);
+    KWSockTimeZone(idn, &z1, &z2);
+    *zone1 = static_cast<int32_t>(z1);
+    *zone2 = static_cast<int32_t>(z2);
+    return true;
+}
+
+int ClockCmd(const std::vector<std::string>& argv) {
+    const Args a = Split(argv, {"--count"});
+    long long count = 5;
+    uint32_t port = 0;
+    if (a.pos.size() != 2 || !a.Number("--count", 1, 1000, &count) || !Port(a.pos[1], &port)) {
+        std::fprintf(stderr, "usage: kwz clock HOST PORT [--count N]   (the peer is a kwz serve)\n");
+        return 2;
+    }
+    if (KWSockInit(8) != 0) return 1;
+    CatchInterrupt();
+    std::vector<int32_t> diffs;
+    for (long long i = 0; i < count && !g_stop; ++i) {
+        // A fresh connection per measurement: a new answer is then the only
+        // thing that can set the synchronised flag.
+        uint32_t idn = 0;
+        if (KWSockCliOpen(a.pos[0].c_str(), port, nullptr, &idn) != 0) {
+            std::fprintf(stderr, "kwz clock: cannot connect to %s:%u\n", a.pos[0].c_str(), port);
+            break;
+        }
+        int32_t diff = 0, z1 = 0, z2 = 0;
+        double round = 0;
+        if (SyncOnce(idn, &diff, &round, &z1, &z2)) {
+            std::printf("peer clock %+d ms, round trip %.2f ms, peer zone values %d/%d\n", diff, round, z1, z2);
+            diffs.push_back(diff);
+        } else {
+            std::fprintf(stderr, "kwz clock: no time answer\n");
+        }
+        KWSockClose(idn);
+    }
+    if (diffs.size() > 1) {
+        const auto mm = std::minmax_element(diffs.begin(), diffs.end());
+        double mean = 0;
+        for (int32_t d : diffs) mean += d;
+        mean /= static_cast<double>(diffs.size());
+        std::printf("%zu measurements: mean %+.1f ms, spread %d ms (%+d .. %+d)\n", diffs.size(), mean,
+                    *mm.second - *mm.first, *mm.first, *mm.second);
+    }
+    StopTransport();
+    return diffs.empty() ? 1 : 0;
+}
+
+// ------------------------------------------------------------ nodes
+
+extern "C" void NodePrint(int32_t event, uint32_t, int32_t port, const char* addr, const void* data,
+                          int32_t length) {
+    if (event != SOCK_EV_DATA) return;
+    std::lock_guard<std::mutex> lock(g_print);
+    std::printf("%s:%d  %d bytes  %s\n", addr, port, length,
+                QuoteText(static_cast<const char*>(data), static_cast<size_t>(length), 96).c_str());
+    std::fflush(stdout);
+}
+
+std::atomic<int32_t> g_nodeResult{1};
+
+extern "C" void NodeSent(int32_t event, uint32_t, int32_t, const char*, const void*, int32_t) {
+    g_nodeResult = event;
+}
+
+int Node(const std::vector<std::string>& argv) {
+    uint32_t port = 0, idn = 0;
+    if (argv.size() != 1 || !Port(argv[0], &port)) {
+        std::fprintf(stderr, "usage: kwz node PORT\n");
+        return 2;
+    }
+    CatchInterrupt();
+    if (KWSockInit(4) != 0 || KWSockNodeOpen(port, NodePrint, &idn) != 0) {
+        std::fprintf(stderr, "kwz node: cannot open port %u\n", port);
+        StopTransport();
+        return 1;
+    }
+    KWSockGetPort(idn, &port);
+    std::printf("datagrams to port %u (Ctrl-C stops)\n", port);
+    std::fflush(stdout);
+    while (!g_stop) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    KWSockClose(idn);
+    return StopTransport() ? 0 : 1;
+}
+
+int NodeSend(const std::vector<std::string>& argv) {
+    uint32_t port = 0, idn = 0;
+    if (argv.size() != 3 || !Port(argv[1], &port)) {
+        std::fprintf(stderr, "usage: kwz node-send HOST|* PORT TEXT\n");
+        return 2;
+    }
+    if (KWSockInit(4) != 0 || KWSockNodeOpen(0, nullptr, &idn) != 0) return 1;
+    const std::string& text = argv[2];
+    int rc = 1;
+    if (KWSockSendNode(idn, static_cast<int32_t>(port), argv[0].c_str(), text.data(), static_cast<int32_t>(text.size()),
+                       NodeSent) == 0 &&
+        WaitFor([] { return g_nodeResult <= 0; }, 5000)) {
+        rc = g_nodeResult == 0 ? 0 : 1;
+        std::printf(rc == 0 ? "sent %zu bytes to %s:%u\n" : "not sent (%zu bytes to %s:%u)\n", text.size(),
+                    argv[0].c_str(), port);
+    }
+    KWSockClose(idn);
+    StopTransport();
+    return rc;
+}
+
+
+// ------------------------------------------------------------ demo
+
+struct DemoLog {
+    std::mutex mu;
+    std::condition_variable cv;
+    std::vector<std::string> lines;
+    int records = 0, closes = 0;
+    uint32_t server = 0;
+    bool hold = true;
+    void Add(const std::string& line, int record = 0, int close = 0) {
+        {
+            std::lock_guard<std::mutex> lock(mu);
+            lines.push_back(line);
+            records += record;
+            closes += close;
+        }
+        cv.notify_all();
+    }
+    template <typename Pred>
+    bool Wait(Pred pred) {
+        std::unique_lock<std::mutex> lock(mu);
+        return cv.wait_for(lock, std::chrono::seconds(5), pred);
+    }
+    // The server's lines first, then the client's, each side in its order
+    // (the two sides run on different threads).
+    void Print() {
+        std::lock_guard<std::mutex> lock(mu);
+        std::stable_partition(lines.begin(), lines.end(), [](const std::string& l) { return l.rfind("server", 0) == 0; });
+        for (const auto& l : lines) std::printf("  %s\n", l.c_str());
+        lines.clear();
+    }
+};
+
+DemoLog* g_demo = nullptr;
+KWRType* g_demoType = nullptr;
+
+KWRData* DemoRecord(int32_t seq, const std::string& text) {
+    KWRData* r = KWRRecAlloc(g_demoType, nullptr);
+    if (!r) return nullptr;
+    KWRSetAsInt32(&g_demoType->fields[0], r, seq);
+    KWRSetAsText(&g_demoType->fields[1], r, static_cast<int32_t>(text.size()), text.data());
+    KWRRecPack(g_demoType, r, 1, 0);
+    return r;
+}
+
+std::string DemoText(const KWRData* rec) {
+    uint32_t n = 0;
+    const char* p = nullptr;
+    KWRGetTextRef(&g_demoType->fields[1], rec, &n, &p);
+    return std::string(p ? p : "", n);
+}
+
+extern "C" void DemoRelease(int32_t, uint32_t, KWRData* rec) { KWRRecRelease(rec); }
+
+// Holds the client's sending thread until the demo has queued its records.
+extern "C" void DemoHold(int32_t, uint32_t, KWRData* rec) {
+    KWRRecRelease(rec);
+    g_demo->Wait([] { return !g_demo->hold; });
+}
+
+extern "C" void DemoServer(int32_t event, uint32_t idn, KWRData* rec) {
+    if (event == SOCK_EV_ACCEPT) {
+        {
+            std::lock_guard<std::mutex> lock(g_demo->mu);
+            g_demo->server = idn;
+        }
+        g_demo->Add("server: event 1, a new connection");
+    } else if (event == SOCK_EV_DATA) {
+        const std::string text = DemoText(rec);
+        g_demo->Add("server: event 0, record \"" + text + "\"", 1);
+        KWSockSendEx(idn, DemoRecord(0, "ack " + text), DemoRelease, 0);
+    } else {
+        g_demo->Add(std::string("server: event ") + std::to_string(event) + " (connection closed)", 0, 1);
+    }
+}
+
+extern "C" void DemoClient(int32_t event, uint32_t, KWRData* rec) {
+    if (event == SOCK_EV_DATA) g_demo->Add("client: event 0, record \"" + DemoText(rec) + "\"", 1);
+    else g_demo->Add(std::string("client: event ") + std::to_string(event) + " (connection closed)", 0, 1);
+}
+
+int DemoTransport(DemoLog& log) {
+    uint32_t lst = 0, cli = 0, port = 0;
+    if (KWSockSrvOpen(0, DemoServer, &lst) != 0 || !KWSockGetPort(lst, &port)) return 1;
+    std::printf("server listening on port %u (chosen by the system)\n", port);
+    if (KWSockCliOpen("127.0.0.1", port, DemoClient, &cli) != 0) return 1;
+    if (!log.Wait([&] { return log.server != 0; })) return 1;
+    log.Print();
+
+    std::printf("client queues \"hello\"; its completion holds the sending thread while three more are queued:\n");
+    KWSockSendEx(cli, DemoRecord(1, "hello"), DemoHold, 0);
+    SockState st{};
+    WaitFor([&] { return KWSockGetState(cli, &st) && (st.flags & 0x04); }, 5000);  // in the completion
+    const struct {
+        const char* text;
+        uint32_t priority;
+    } queued[] = {{"ordinary", 0}, {"urgent", 9}, {"important", 5}};
+    for (const auto& q : queued) {
+        std::printf("  queued \"%s\" with priority %u\n", q.text, q.priority);
+        KWSockSendEx(cli, DemoRecord(2, q.text), DemoRelease, q.priority);
+    }
+    {
+        std::lock_guard<std::mutex> lock(log.mu);
+        log.hold = false;
+    }
+    log.cv.notify_all();
+    // Four records each way: the server acknowledges every one.
+    if (!log.Wait([&] { return log.records == 8; })) return 1;
+    std::printf("the server receives \"hello\", then the rest highest priority first:\n");
+    log.Print();
+
+    uint32_t s = 0, ms = 0, z1 = 0, z2 = 0;
+    KWSockTimeSynchro(cli);
+    if (!WaitFor([&] { return KWSockTimeDlt(cli, &s, &ms) == 1; }, 5000)) return 1;
+    KWSockTimeZone(cli, &z1, &z2);
+    std::printf("time synchronisation: the server's clock is %+d ms from ours; its zone values %d/%d\n",
+                static_cast<int32_t>(s) * 1000 + static_cast<int32_t>(ms), static_cast<int32_t>(z1),
+                static_cast<int32_t>(z2));
+    KWSockClose(cli);
+    if (!log.Wait([&] { return log.closes == 2; })) return 1;
+    log.Print();
+    return 0;
+}
+
+std::atomic<int32_t> g_demoSent{1};
+std::string g_demoDatagram;
+std::mutex g_demoNodeMu;
+
+extern "C" void DemoNodeSent(int32_t event, uint32_t, int32_t, const char*, const void*, int32_t) {
+    g_demoSent = event;
+}
+
+extern "C" void DemoNodeEvent(int32_t event, uint32_t, int32_t port, const char* addr, const void* data,
+                              int32_t length) {
+    if (event != SOCK_EV_DATA) return;
+    std::lock_guard<std::mutex> lock(g_demoNodeMu);
+    g_demoDatagram = std::to_string(length) + " bytes from " + addr + ":" + std::to_string(port) + ": \"" +
+                     std::string(static_cast<const char*>(data), static_cast<size_t>(length)) + "\"";
+}
+
+}  // namespace
+
+KWZ_DEMO_STEP(40, "transport") {
+    if (KWSockInit(8) != 0) return 1;
+    KWRType type;
+    KWRTypInit(&type);
+    KWRTypSet(&type, 10, "Greeting|2\r\nSeq|I4\r\nText|CB");
+    DemoLog log;
+    g_demo = &log;
+    g_demoType = &type;
+    const int rc = DemoTransport(log);
+    const bool clean = StopTransport();
+    std::printf("%s\n", clean ? "closed cleanly: every slot released" : "some slots did not finish");
+    g_demo = nullptr;
+    g_demoType = nullptr;
+    KWRTypFree(&type);
+    return rc == 0 && clean ? 0 : 1;
+}
+
+KWZ_DEMO_STEP(50, "datagram nodes") {
+    uint32_t a = 0, b = 0, portA = 0, portB = 0;
+    if (KWSockInit(4) != 0 || KWSockNodeOpen(0, nullptr, &a) != 0 || KWSockNodeOpen(0, DemoNodeEvent, &b) != 0) {
+        StopTransport();
+        return 1;
+    }
+    KWSockGetPort(a, &portA);
+    KWSockGetPort(b, &portB);
+    std::printf("node A on port %u, node B on port %u\n", portA, portB);
+    const char text[] = "hello, node B";
+    KWSockSendNode(a, static_cast<int32_t>(portB), "127.0.0.1", text, sizeof text - 1, DemoNodeSent);
+    const bool got = WaitFor(
+        [] {
+            std::lock_guard<std::mutex> lock(g_demoNodeMu);
+            return !g_demoDatagram.empty();
+        },
+        5000);
+    std::printf("A's completion: %s\n", g_demoSent == 0 ? "sent" : "not sent");
+    std::printf("B received %s\n", got ? g_demoDatagram.c_str() : "nothing");
+    return StopTransport() && got ? 0 : 1;
+}
+
+KWZ_COMMAND(serve, "serve", "PORT [--sink]", "print every record received on PORT (--sink: count them)") {
+    return Serve(args);
+}
+KWZ_COMMAND(send, "send", "HOST PORT \"DEF\" field=value ... [--count N] [--priority P]",
+            "send records of a type to a kwz serve") {
+    return Send(args);
+}
+KWZ_COMMAND(netbench, "netbench", "HOST PORT [--size N] [--seconds S]", "throughput against kwz serve --sink") {
+    return NetBench(args);
+}
+KWZ_COMMAND(clock, "clock", "HOST PORT [--count N]", "measure the clock difference to a kwz serve") {
+    return ClockCmd(args);
+}
+KWZ_COMMAND(node, "node", "PORT", "print the datagrams that arrive on PORT") { return Node(args); }
+KWZ_COMMAND(node_send, "node-send", "HOST|* PORT TEXT", "send one datagram (* broadcasts)") {
+    return NodeSend(args);
+}
