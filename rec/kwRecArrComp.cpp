@@ -45,6 +45,21 @@ size_t BoundedLength(const uint8_t* text, size_t limit) {
     return nul ? static_cast<size_t>(static_cast<const uint8_t*>(nul) - text) : limit;
 }
 
+// A number of type 1..8 stored at v in its own width.
+void ReadNumber(uint8_t type, const uint8_t* v, Operand* o) {
+    switch (type) {
+        case iFldType_Bool: o->i = v[0] != 0; break;
+        case iFldType_Byte: o->i = v[0]; break;
+        case iFldType_Int8: o->i = static_cast<int8_t>(v[0]); break;
+        case iFldType_Int16: o->i = Load<int16_t>(v); break;
+        case iFldType_Int32: o->i = Load<int32_t>(v); break;
+        case iFldType_Int64: o->i = Load<int64_t>(v); break;
+        case iFldType_Float: o->d = Load<float>(v); break;
+        case iFldType_Double: o->d = Load<double>(v); break;
+        default: break;
+    }
+}
+
 // A member's value.  Texts are bounded by their stored length, which gives
 // what a NUL-terminated comparison gives for every well-formed image and
 // never reads past a malformed one.
@@ -57,14 +72,10 @@ Operand FromRecord(const KeyField& field, const KWRData* rec) {
     o.null = false;
     const uint8_t* v = image + field.offset;
     switch (field.type) {
-        case iFldType_Bool: o.i = v[0] != 0; break;
-        case iFldType_Byte: o.i = v[0]; break;
-        case iFldType_Int8: o.i = static_cast<int8_t>(v[0]); break;
-        case iFldType_Int16: o.i = Load<int16_t>(v); break;
-        case iFldType_Int32: o.i = Load<int32_t>(v); break;
-        case iFldType_Int64: o.i = Load<int64_t>(v); break;
-        case iFldType_Float: o.d = Load<float>(v); break;
-        case iFldType_Double: o.d = Load<double>(v); break;
+        case iFldType_Bool: case iFldType_Byte: case iFldType_Int8: case iFldType_Int16:
+        case iFldType_Int32: case iFldType_Int64: case iFldType_Float: case iFldType_Double:
+            ReadNumber(field.type, v, &o);
+            break;
         case iFldType_Char: {
             const uint8_t n = v[rec::kCharLength] < v[rec::kCharCapacity] ? v[rec::kCharLength]
                                                                           : v[rec::kCharCapacity];
@@ -106,14 +117,10 @@ Operand FromCell(const KeyField& field, const KWRVal* cell) {
     o.null = false;
     const uint8_t* v = cell->value;
     switch (field.type) {
-        case iFldType_Bool: o.i = v[0] != 0; break;
-        case iFldType_Byte: o.i = v[0]; break;
-        case iFldType_Int8: o.i = static_cast<int8_t>(v[0]); break;
-        case iFldType_Int16: o.i = Load<int16_t>(v); break;
-        case iFldType_Int32: o.i = Load<int32_t>(v); break;
-        case iFldType_Int64: o.i = Load<int64_t>(v); break;
-        case iFldType_Float: o.d = Load<float>(v); break;
-        case iFldType_Double: o.d = Load<double>(v); break;
+        case iFldType_Bool: case iFldType_Byte: case iFldType_Int8: case iFldType_Int16:
+        case iFldType_Int32: case iFldType_Int64: case iFldType_Float: case iFldType_Double:
+            ReadNumber(field.type, v, &o);
+            break;
         case iFldType_Char:
         case iFldType_Memo: {
             const auto* text = Load<const char*>(v + 4);

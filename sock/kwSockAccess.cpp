@@ -12,19 +12,6 @@ using namespace kwz::sock;
 
 namespace {
 
-// Looks the idn up; logs and returns null when there is no table or no such
-// slot.  withIdnText picks "SE_NOSOCK (idn=%d)" over "SE_NOSOCK (%d)".
-SockItem* Lookup(uint32_t idn, bool allocated, const char* tag, bool withIdnText) {
-    Module& m = Mod();
-    if (m.SockNum == 0) {
-        LogMessage(3, tag, "SE_NOINIT");
-        return nullptr;
-    }
-    SockItem* s = FindSlot(idn, allocated);
-    if (!s) LogMessageF(2, tag, withIdnText ? "SE_NOSOCK (idn=%d)" : "SE_NOSOCK (%d)", static_cast<int>(idn));
-    return s;
-}
-
 // Bounded copy of at most length characters, not terminated when the text
 // fills the buffer (callers rely on strncpy semantics here).
 void CopyPeerText(const char* text, char* buffer, int32_t length) {
@@ -37,7 +24,7 @@ int32_t PeerText(uint32_t idn, char* buffer, int32_t length, bool name, const ch
     if (buffer && length > 0) buffer[0] = 0;
     Module& m = Mod();
     std::lock_guard<std::mutex> lock(m.ModCrit);
-    if (SockItem* s = Lookup(idn, false, tag, false)) CopyPeerText(name ? s->HostName : s->HostAddr, buffer, length);
+    if (SockItem* s = FindSlotLogged(idn, false, tag, false)) CopyPeerText(name ? s->HostName : s->HostAddr, buffer, length);
     return 0;
 }
 
@@ -48,7 +35,7 @@ extern "C" {
 KWZ_API int32_t KWSockSetDat(uint32_t idn, void* value) {
     Module& m = Mod();
     std::lock_guard<std::mutex> lock(m.ModCrit);
-    SockItem* s = Lookup(idn, true, KWSOCK_TAG("KWSockSetDat"), false);
+    SockItem* s = FindSlotLogged(idn, true, KWSOCK_TAG("KWSockSetDat"), false);
     if (!s) return m.SockNum == 0 ? SE_NOINIT : SE_NOSOCK;
     s->Dat = value;
     return 0;
@@ -58,7 +45,7 @@ KWZ_API int32_t KWSockGetDat(uint32_t idn, void** value) {
     if (value) *value = nullptr;
     Module& m = Mod();
     std::lock_guard<std::mutex> lock(m.ModCrit);
-    SockItem* s = Lookup(idn, true, KWSOCK_TAG("KWSockGetDat"), false);
+    SockItem* s = FindSlotLogged(idn, true, KWSOCK_TAG("KWSockGetDat"), false);
     if (!s) return m.SockNum == 0 ? SE_NOINIT : SE_NOSOCK;
     if (value) *value = s->Dat.load();
     return 0;
@@ -68,7 +55,7 @@ KWZ_API int32_t KWSockGetDat(uint32_t idn, void** value) {
 KWZ_API int32_t KWSockGetState(uint32_t idn, SockState* state) {
     Module& m = Mod();
     std::lock_guard<std::mutex> lock(m.ModCrit);
-    SockItem* s = Lookup(idn, false, KWSOCK_TAG("KWSockGetState"), true);
+    SockItem* s = FindSlotLogged(idn, false, KWSOCK_TAG("KWSockGetState"), true);
     if (!s) return 0;
     if (state) {
         std::memset(state, 0, sizeof *state);
@@ -91,7 +78,7 @@ KWZ_API int32_t KWSockGetPort(uint32_t idn, uint32_t* port) {
     if (port) *port = 0;
     Module& m = Mod();
     std::lock_guard<std::mutex> lock(m.ModCrit);
-    SockItem* s = Lookup(idn, true, KWSOCK_TAG("KWSockGetPort"), true);
+    SockItem* s = FindSlotLogged(idn, true, KWSOCK_TAG("KWSockGetPort"), true);
     if (!s) return 0;
     if (port) *port = s->Port;
     return 1;
@@ -101,7 +88,7 @@ KWZ_API int32_t KWSockGetId(uint32_t idn, int32_t* socket) {
     if (socket) *socket = -1;
     Module& m = Mod();
     std::lock_guard<std::mutex> lock(m.ModCrit);
-    SockItem* s = Lookup(idn, true, KWSOCK_TAG("KWSockGetId"), true);
+    SockItem* s = FindSlotLogged(idn, true, KWSOCK_TAG("KWSockGetId"), true);
     if (!s) return 0;
     if (socket) *socket = s->Socket;
     return 1;
@@ -111,7 +98,7 @@ KWZ_API int32_t KWSockGetId(uint32_t idn, int32_t* socket) {
 KWZ_API SockEventFn KWSockRecvEventGet(uint32_t idn) {
     Module& m = Mod();
     std::lock_guard<std::mutex> lock(m.ModCrit);
-    SockItem* s = Lookup(idn, true, KWSOCK_TAG("KWSockGetId"), true);
+    SockItem* s = FindSlotLogged(idn, true, KWSOCK_TAG("KWSockGetId"), true);
     return s ? s->StreamEvent() : nullptr;
 }
 
@@ -120,7 +107,7 @@ KWZ_API SockEventFn KWSockRecvEventGet(uint32_t idn) {
 KWZ_API SockEventFn KWSockRecvEventSet(uint32_t idn, SockEventFn callback) {
     Module& m = Mod();
     std::lock_guard<std::mutex> lock(m.ModCrit);
-    SockItem* s = Lookup(idn, true, KWSOCK_TAG("KWSockRecvEventSet"), true);
+    SockItem* s = FindSlotLogged(idn, true, KWSOCK_TAG("KWSockRecvEventSet"), true);
     if (s && s->Type == SOCK_NODE) {
         LogMessageF(2, KWSOCK_TAG("KWSockRecvEventSet"), "SE_NOSOCK (idn=%d)", static_cast<int>(idn));
         return nullptr;

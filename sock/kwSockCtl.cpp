@@ -74,8 +74,10 @@ void TimeRequest(SockItem* s, const char* data) {
     std::memcpy(answer, data, 4);  // the requester's tick, echoed
     KWRData* rec = MakeControl(5, answer, sizeof answer, KWSOCK_TAG("_TimeRequest"));
     if (!rec) return;
-    QueueOwn(s, rec);
+    // Cleared before the answer can leave, so that nobody who has seen the
+    // answer arrive can still read this side as synchronised.
     s->Time.Synced = false;
+    QueueOwn(s, rec);
 }
 
 // difference = D - R / 2, where D is the peer's clock minus ours at the
@@ -185,16 +187,8 @@ namespace {
 
 // Shared head of the two time-out functions: the stream slot or null.
 SockItem* TimeoutSlot(uint32_t idn, uint32_t ms, bool send, const char* tag) {
-    Module& m = Mod();
-    if (m.SockNum == 0) {
-        LogMessage(3, tag, "SE_NOINIT");
-        return nullptr;
-    }
-    SockItem* s = FindSlot(idn, true);
-    if (!s || !s->IsStream()) {
-        LogMessageF(2, tag, "SE_NOSOCK (idn=%d)", static_cast<int>(idn));
-        return nullptr;
-    }
+    SockItem* s = FindSlotLogged(idn, true, tag, true, true);
+    if (!s) return nullptr;
     if (LogEnabled(5)) {
         LogMessageF(5, tag, "Execute (idn=%d, tnew=%d, told=%d)", static_cast<int>(idn), static_cast<int>(ms),
                     static_cast<int>(send ? s->SendTimeout.load() : s->RecvTimeout.load()));
@@ -252,15 +246,8 @@ KWZ_API int32_t KWSockSetRecvLimit(uint32_t idn, uint32_t maxImage) {
     static const char* const tag = KWSOCK_TAG("KWSockSetRecvLimit");
     Module& m = Mod();
     std::lock_guard<std::mutex> lock(m.ModCrit);
-    if (m.SockNum == 0) {
-        LogMessage(3, tag, "SE_NOINIT");
-        return SE_NOINIT;
-    }
-    SockItem* s = FindSlot(idn, true);
-    if (!s) {
-        LogMessageF(2, tag, "SE_NOSOCK (idn=%d)", static_cast<int>(idn));
-        return SE_NOSOCK;
-    }
+    SockItem* s = FindSlotLogged(idn, true, tag);
+    if (!s) return m.SockNum == 0 ? SE_NOINIT : SE_NOSOCK;
     s->RecvLimit = maxImage;
     return 0;
 }

@@ -174,6 +174,12 @@ inline uint32_t SockTick() { return static_cast<uint32_t>(CTimeTick64()); }
 // Slot lookup (ModCrit held): the slot named by idn (15-bit index mask, exact
 // Idn match), or null.  allocated: also require Type != SOCK_FREE.
 SockItem* FindSlot(uint32_t idn, bool allocated);
+// FindSlot for the API functions (ModCrit held): logs "SE_NOINIT" (level 3)
+// without a table and "SE_NOSOCK (idn=%d)" -- or "SE_NOSOCK (%d)" when
+// withIdnText is false -- (level 2) for an unknown idn, or, with streamOnly,
+// for a slot that is not SOCK_SRV/SOCK_CLI; null then.
+SockItem* FindSlotLogged(uint32_t idn, bool allocated, const char* tag, bool withIdnText = true,
+                         bool streamOnly = false);
 // Allocates the first free slot with a new generation (ModCrit held); null
 // when the module is not active or the table is full.
 SockItem* SockGetFreeIdx(uint8_t type);

@@ -74,6 +74,19 @@ SockItem* FindSlot(uint32_t idn, bool allocated) {
     return s;
 }
 
+SockItem* FindSlotLogged(uint32_t idn, bool allocated, const char* tag, bool withIdnText, bool streamOnly) {
+    if (Mod().SockNum == 0) {
+        LogMessage(3, tag, "SE_NOINIT");
+        return nullptr;
+    }
+    SockItem* s = FindSlot(idn, allocated);
+    if (!s || (streamOnly && !s->IsStream())) {
+        LogMessageF(2, tag, withIdnText ? "SE_NOSOCK (idn=%d)" : "SE_NOSOCK (%d)", static_cast<int>(idn));
+        return nullptr;
+    }
+    return s;
+}
+
 SockItem* SockGetFreeIdx(uint8_t type) {
     Module& m = Mod();
     if (!m.ModActive) return nullptr;

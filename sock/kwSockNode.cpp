@@ -330,15 +330,8 @@ KWZ_API int32_t KWSockNodeSetOpt(uint32_t idn, int32_t option, const void* value
     static const char* const tag = KWSOCK_TAG("KWSockNodeSetOpt");
     Module& m = Mod();
     std::lock_guard<std::mutex> lock(m.ModCrit);
-    if (m.SockNum == 0) {
-        LogMessage(3, tag, "SE_NOINIT");
-        return SE_NOINIT;
-    }
-    SockItem* s = FindSlot(idn, true);
-    if (!s) {
-        LogMessageF(2, tag, "SE_NOSOCK (idn=%d)", static_cast<int>(idn));
-        return SE_NOSOCK;
-    }
+    SockItem* s = FindSlotLogged(idn, true, tag);
+    if (!s) return m.SockNum == 0 ? SE_NOINIT : SE_NOSOCK;
     const int fd = s->Socket;
     if (fd < 0 || option < 1 || option > 5) return 0;
     int rc = 0;

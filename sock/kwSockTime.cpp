@@ -13,16 +13,8 @@ namespace {
 
 // The stream slot named by idn, or null after logging (ModCrit held).
 SockItem* TimeSlot(uint32_t idn, const char* tag) {
-    Module& m = Mod();
-    if (m.SockNum == 0) {
-        LogMessage(3, tag, "SE_NOINIT");
-        return nullptr;
-    }
-    SockItem* s = FindSlot(idn, true);
-    if (!s || !s->IsStream()) {
-        LogMessageF(2, tag, "SE_NOSOCK (idn=%d)", static_cast<int>(idn));
-        return nullptr;
-    }
+    SockItem* s = FindSlotLogged(idn, true, tag, true, true);
+    if (!s) return nullptr;
     if (LogEnabled(5)) LogMessageF(5, tag, "Execute (idn=%d)", static_cast<int>(idn));
     return s;
 }
