@@ -87,10 +87,8 @@ int Server() {
     uint32_t lst = 0, port = 0;
     if (KWSockSrvOpen(0, ServerEvent, &lst) != 0 || !KWSockGetPort(lst, &port)) return 3;
     std::printf("PORT %u\n", port);
-    std::fflush(stdout);
     if (!WaitDone(20)) return 2;
     std::printf("DONE recv=%d\n", g_received.load());
-    std::fflush(stdout);
     KWSockFree();
     for (int i = 0; i < 1000 && KWSockFree() != 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(5));
     return g_code == SOCK_EV_CLOSE ? 0 : 1;
@@ -112,10 +110,8 @@ int NodeRecv(int argc, char** argv) {
     if (KWSockNodeOpen(static_cast<uint32_t>(std::atoi(argv[2])), NodeEvent, &idn) != 0) return 3;
     if (argc > 3 && KWSockNodeSetOpt(idn, 1, argv[3]) != 0) return 4;
     std::printf("READY\n");
-    std::fflush(stdout);
     if (!WaitDone(10)) return 2;
     std::printf("%s\n", g_line.c_str());
-    std::fflush(stdout);
     return 0;
 }
 
@@ -128,7 +124,6 @@ int NodeSend(int argc, char** argv) {
     if (KWSockSendNode(idn, std::atoi(argv[3]), argv[2], argv[4], len, NodeSent) != 0) return 3;
     if (!WaitDone(10)) return 2;
     std::printf("%s\n", g_line.c_str());
-    std::fflush(stdout);
     return g_code == 0 ? 0 : 1;
 }
 
@@ -139,6 +134,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "usage: helper_sock_peer server | node-recv ... | node-send ...\n");
         return 64;
     }
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);  // every report line leaves at once
     KWRTypInit(&g_type);
     KWRTypSet(&g_type, 77, "Msg|2\r\nSeq|I4\r\nText|CB");
     const std::string mode = argv[1];
@@ -148,6 +144,5 @@ int main(int argc, char** argv) {
     else if (mode == "node-send") rc = NodeSend(argc, argv);
     // Worker threads may still be on their way out: leave without running
     // static destructors under them.
-    std::fflush(stdout);
     std::_Exit(rc);
 }

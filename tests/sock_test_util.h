@@ -7,8 +7,6 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
@@ -16,6 +14,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
@@ -28,16 +28,24 @@
 namespace socktest {
 
 using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
 
 // Polls pred every millisecond until it holds or timeoutMs pass.
 template <typename Pred>
 bool WaitUntil(Pred pred, int timeoutMs = 5000) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    const auto end = Clock::now() + std::chrono::milliseconds(timeoutMs);
     while (!pred()) {
-        if (std::chrono::steady_clock::now() > end) return false;
+        if (Clock::now() > end) return false;
         std::this_thread::sleep_for(1ms);
     }
     return true;
+}
+
+// Waits until fd is readable or the deadline passes.
+inline bool Readable(int fd, Clock::time_point end) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count();
+    pollfd p{fd, POLLIN, 0};
+    return left > 0 && poll(&p, 1, static_cast<int>(left)) == 1;
 }
 
 // Frees the module and waits until the table is gone (its last thread ended).
@@ -48,14 +56,15 @@ inline bool ShutdownModule(int timeoutMs = 10000) {
 
 // One callback delivery as seen by a test.
 struct Event {
-    int32_t code = 0;
-    uint32_t idn = 0;
-    uint32_t typeId = 0;
+    explicit Event(int32_t c = 0, uint32_t i = 0) : code(c), idn(i) {}
+    int32_t code;
+    uint32_t idn, typeId = 0;
     intptr_t reserved = 0;
     std::string image;  // the record's image bytes (stream), the payload (node)
     int32_t port = 0;   // node events
     std::string addr;   // node events
 };
+using Match = std::function<bool(const Event&)>;
 
 // Every callback of a test lands here (callbacks carry no context).
 class Recorder {
@@ -69,15 +78,12 @@ public:
         events_.clear();
     }
     void Add(Event e) {
-        {
-            std::lock_guard<std::mutex> lock(mu_);
-            events_.push_back(std::move(e));
-        }
+        std::lock_guard<std::mutex> lock(mu_);
+        events_.push_back(std::move(e));
         cv_.notify_all();
     }
     // Waits until at least n events satisfy match; returns them (fewer on timeout).
-    std::vector<Event> WaitMatching(const std::function<bool(const Event&)>& match, size_t n = 1,
-                                    int timeoutMs = 5000) {
+    std::vector<Event> WaitMatching(const Match& match, size_t n = 1, int timeoutMs = 5000) {
         std::unique_lock<std::mutex> lock(mu_);
         std::vector<Event> found;
         cv_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
@@ -88,16 +94,12 @@ public:
         });
         return found;
     }
+    // Events with this code for idn (any idn when 0).
     std::vector<Event> WaitCode(int32_t code, uint32_t idn, size_t n = 1, int timeoutMs = 5000) {
         return WaitMatching([=](const Event& e) { return e.code == code && (idn == 0 || e.idn == idn); }, n,
                             timeoutMs);
     }
-    size_t Count(const std::function<bool(const Event&)>& match) {
-        std::lock_guard<std::mutex> lock(mu_);
-        size_t n = 0;
-        for (const auto& e : events_) n += match(e) ? 1 : 0;
-        return n;
-    }
+    size_t Count(const Match& match) { return WaitMatching(match, SIZE_MAX, 0).size(); }
 
 private:
     std::mutex mu_;
@@ -106,9 +108,7 @@ private:
 };
 
 inline Event FromRecord(int32_t code, uint32_t idn, const KWRData* rec) {
-    Event e;
-    e.code = code;
-    e.idn = idn;
+    Event e(code, idn);
     if (rec) {
         e.typeId = rec->typeId;
         e.reserved = reinterpret_cast<intptr_t>(rec->editSource);
@@ -132,9 +132,7 @@ extern "C" inline void RecordCompletion(int32_t result, uint32_t idn, KWRData* r
 
 extern "C" inline void RecordNodeEvent(int32_t code, uint32_t idn, int32_t port, const char* addr, const void* data,
                                        int32_t length) {
-    Event e;
-    e.code = code;
-    e.idn = idn;
+    Event e(code, idn);
     e.port = port;
     e.addr = addr ? addr : "(null)";
     if (data) e.image.assign(static_cast<const char*>(data), static_cast<size_t>(length));
@@ -145,6 +143,45 @@ extern "C" inline void RecordNodeEvent(int32_t code, uint32_t idn, int32_t port,
 extern "C" inline void RecordNodeCompletion(int32_t result, uint32_t idn, int32_t port, const char* addr,
                                             const void* data, int32_t length) {
     RecordNodeEvent(kCompletion + result, idn, port, addr, data, length);
+}
+
+// A gate that callbacks wait on (bounded), opened by the test; a plain
+// atomic, so threads still waiting at exit find it alive.
+inline std::atomic<bool>& GateOpen() {
+    static std::atomic<bool> open{false};
+    return open;
+}
+inline bool WaitGate() { return WaitUntil([] { return GateOpen().load(); }, 10000); }
+
+// Records the completion, then holds the sending thread until the gate opens.
+extern "C" inline void BlockingCompletion(int32_t result, uint32_t idn, KWRData* rec) {
+    RecordCompletion(result, idn, rec);
+    WaitGate();
+}
+
+inline std::string HostName() {
+    char host[256] = {};
+    gethostname(host, sizeof host - 1);
+    return host;
+}
+
+inline uint32_t ListenPort(uint32_t idn) {
+    uint32_t port = 0;
+    KWSockGetPort(idn, &port);
+    return port;
+}
+
+inline SockState StateOf(uint32_t idn) {
+    SockState st{};
+    KWSockGetState(idn, &st);
+    return st;
+}
+
+// The library's server side of a connection from a raw client: the idn that
+// got event 1 (the nth such event).
+inline uint32_t AcceptedIdn(size_t nth = 1) {
+    auto got = Recorder::Get().WaitCode(SOCK_EV_ACCEPT, 0, nth);
+    return got.size() >= nth ? got[nth - 1].idn : 0;
 }
 
 // Test messages: "Msg|2\r\nSeq|I4\r\nText|CB", type id 77.
@@ -169,68 +206,72 @@ public:
         EXPECT_EQ(KWRRecPack(&t_, r, 1, 0), 0u);
         return r;
     }
-    // Seq of a received image (copied into a record to read it).
-    int32_t Seq(const std::string& image) const {
-        if (image.size() < 12) return -1;
-        int32_t v = 0;
-        std::memcpy(&v, image.data() + 7, 4);
-        return v;
+    // The packed image of such a record.
+    std::string Image(int32_t seq, const std::string& text = "") const {
+        KWRData* r = New(seq, text);
+        std::string img(reinterpret_cast<const char*>(r->image), r->length);
+        KWRRecRelease(r);
+        return img;
     }
-    std::string Text(const std::string& image) const {
-        uint32_t len = 0, off = 0;
+    // Seq and Text read back from a received image.
+    static int32_t Seq(const std::string& image) { return image.size() < 12 ? -1 : GetI32(image, 7); }
+    static std::string Text(const std::string& image) {
         if (image.size() < 20) return {};
-        std::memcpy(&len, image.data() + 12, 4);
-        std::memcpy(&off, image.data() + 16, 4);
-        if (off == 0 || off + len > image.size()) return {};
-        return image.substr(off, len);
+        const uint32_t len = GetI32(image, 12), off = GetI32(image, 16);
+        return off == 0 || off + len > image.size() ? std::string() : image.substr(off, len);
+    }
+    static int32_t GetI32(const std::string& s, size_t at) {
+        int32_t v = 0;
+        std::memcpy(&v, s.data() + at, 4);
+        return v;
     }
 
 private:
     KWRType t_;
 };
 
+// Sends record 1 with BlockingCompletion and waits until the sending thread
+// sits in it (state flag 0x04), so that what is sent next stays queued.
+inline bool HoldSender(uint32_t idn, const MsgType& msg) {
+    return KWSockSendEx(idn, msg.New(1), BlockingCompletion, 0) == 0 &&
+           WaitUntil([&] { return (StateOf(idn).flags & 0x04) != 0; });
+}
+
+// Base of the fixtures: a clean recorder and a closed gate; the module set up
+// with kSlots slots (not when 0) and shut down afterwards.
+template <int kSlots>
+class SockFixture : public ::testing::Test {
+protected:
+    void SetUp() override {
+        Recorder::Get().Reset();
+        GateOpen() = false;
+        if (kSlots) {
+            ASSERT_EQ(KWSockInit(kSlots), 0);
+        }
+    }
+    void TearDown() override {
+        GateOpen() = true;
+        EXPECT_TRUE(ShutdownModule());
+    }
+};
+
 // ---- bytes on the wire -------------------------------------------------
 
-inline void PutU32(std::string& s, uint32_t v) { s.append(reinterpret_cast<const char*>(&v), 4); }
-inline void PutU16(std::string& s, uint16_t v) { s.append(reinterpret_cast<const char*>(&v), 2); }
-inline uint32_t GetU32(const std::string& s, size_t at) {
-    uint32_t v = 0;
-    std::memcpy(&v, s.data() + at, 4);
-    return v;
-}
+inline std::string U32Bytes(uint32_t v) { return std::string(reinterpret_cast<const char*>(&v), 4); }
 
 // A frame: int16 type id, int16 reserved, the image.
 inline std::string Frame(uint16_t typeId, uint16_t reserved, const std::string& image) {
-    std::string f;
-    PutU16(f, typeId);
-    PutU16(f, reserved);
-    return f + image;
+    return U32Bytes(typeId | uint32_t{reserved} << 16) + image;
 }
 
 // The image of a control record (layout "TestTyp2|2": Type I4, Data CB) as
-// the transport packs it: header bytes without the edited bit, the text after
-// the 20-byte fixed part followed by a 0 byte.
+// the transport packs it: header bytes without the edited bit (flags 0, two
+// fields), slot codes 0x05 and 0x0B, the text after the 20-byte fixed part
+// followed by a 0 byte.
 inline std::string ControlImage(int32_t type, const std::string& data) {
     const uint32_t len = static_cast<uint32_t>(data.size());
-    std::string img;
-    PutU32(img, 20 + (len ? len + 1 : 0));
-    img += '\0';  // flags
-    img += '\2';  // field count
-    img += '\x05';
-    PutU32(img, static_cast<uint32_t>(type));
-    img += '\x0B';
-    PutU32(img, len);
-    PutU32(img, len ? 20 : 0);
-    if (len) {
-        img += data;
-        img += '\0';
-    }
-    return img;
-}
-inline std::string U32Bytes(uint32_t v) {
-    std::string s;
-    PutU32(s, v);
-    return s;
+    return U32Bytes(20 + (len ? len + 1 : 0)) + std::string("\0\2\5", 3) + U32Bytes(static_cast<uint32_t>(type)) +
+           "\x0B" + U32Bytes(len) + U32Bytes(len ? 20 : 0) + (len ? data + '\0' : std::string());
 }
 inline std::string ControlFrame(int32_t type, const std::string& data) { return Frame(0, 0, ControlImage(type, data)); }
 // The keep-alive frame: type id 0 and a 6-byte image without fields.
@@ -238,24 +279,25 @@ inline std::string KeepAliveFrame() { return Frame(0, 0, std::string("\x06\0\0\0
 
 // ---- raw sockets ------------------------------------------------------
 
-inline int RawConnect(uint32_t port) {
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+inline sockaddr_in Loopback(uint32_t port) {
     sockaddr_in a{};
     a.sin_family = AF_INET;
     a.sin_port = htons(static_cast<uint16_t>(port));
     a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
+    return a;
+}
+
+inline int RawConnect(uint32_t port) {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in a = Loopback(port);
+    if (connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0) return fd;
+    close(fd);
+    return -1;
 }
 
 inline int RawListen(uint32_t* port) {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in a = Loopback(0);
     socklen_t len = sizeof a;
     if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || listen(fd, 8) != 0 ||
         getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) != 0) {
@@ -267,14 +309,12 @@ inline int RawListen(uint32_t* port) {
 }
 
 inline int RawAccept(int lfd, int timeoutMs = 5000) {
-    pollfd p{lfd, POLLIN, 0};
-    if (poll(&p, 1, timeoutMs) != 1) return -1;
+    if (!Readable(lfd, Clock::now() + std::chrono::milliseconds(timeoutMs))) return -1;
     return accept4(lfd, nullptr, nullptr, SOCK_CLOEXEC);
 }
 
 inline bool WriteAll(int fd, const std::string& bytes) {
-    size_t done = 0;
-    while (done < bytes.size()) {
+    for (size_t done = 0; done < bytes.size();) {
         const ssize_t r = send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
         if (r <= 0) return false;
         done += static_cast<size_t>(r);
@@ -282,90 +322,36 @@ inline bool WriteAll(int fd, const std::string& bytes) {
     return true;
 }
 
-// Reads exactly n bytes within timeoutMs; false on end of stream or timeout.
-inline bool ReadExact(int fd, std::string* out, size_t n, int timeoutMs = 5000) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    out->resize(n);
-    size_t done = 0;
-    while (done < n) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
-        if (left.count() <= 0) return false;
-        pollfd p{fd, POLLIN, 0};
-        if (poll(&p, 1, static_cast<int>(left.count())) != 1) return false;
-        const ssize_t r = recv(fd, &(*out)[done], n - done, 0);
+// Appends exactly n bytes read before end; false on end of stream or timeout.
+inline bool ReadExact(int fd, std::string* out, size_t n, Clock::time_point end) {
+    for (size_t want = out->size() + n; out->size() < want;) {
+        char buf[4096];
+        if (!Readable(fd, end)) return false;
+        const ssize_t r = recv(fd, buf, std::min(sizeof buf, want - out->size()), 0);
         if (r <= 0) return false;
-        done += static_cast<size_t>(r);
+        out->append(buf, static_cast<size_t>(r));
     }
     return true;
 }
 
 // One whole frame (prefix and image), or "" on timeout / end of stream.
 inline std::string ReadFrame(int fd, int timeoutMs = 5000) {
-    std::string head, body;
-    if (!ReadExact(fd, &head, 10, timeoutMs)) return {};
-    const uint32_t len = GetU32(head, 4);
-    if (len > 10 && !ReadExact(fd, &body, len - 6, timeoutMs)) return {};
-    return head + body;
+    const auto end = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    std::string f;
+    if (!ReadExact(fd, &f, 10, end)) return {};
+    const uint32_t len = static_cast<uint32_t>(MsgType::GetI32(f, 4));
+    return len <= 10 || ReadExact(fd, &f, len - 6, end) ? f : std::string();
 }
 
 // True when the peer closed the connection within timeoutMs (bytes still
 // arriving before the end are skipped).
 inline bool PeerClosed(int fd, int timeoutMs = 5000) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    const auto end = Clock::now() + std::chrono::milliseconds(timeoutMs);
     char buf[4096];
-    for (;;) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
-        if (left.count() <= 0) return false;
-        pollfd p{fd, POLLIN, 0};
-        if (poll(&p, 1, static_cast<int>(left.count())) != 1) return false;
-        const ssize_t r = recv(fd, buf, sizeof buf, 0);
-        if (r <= 0) return true;
-    }
+    while (Readable(fd, end))
+        if (recv(fd, buf, sizeof buf, 0) <= 0) return true;
+    return false;
 }
-
-// The library's server side of a connection from a raw client: the idn that
-// got event 1 after RawConnect.
-inline uint32_t AcceptedIdn(size_t nth = 1) {
-    auto got = Recorder::Get().WaitCode(SOCK_EV_ACCEPT, 0, nth);
-    return got.size() >= nth ? got[nth - 1].idn : 0;
-}
-
-inline uint32_t ListenPort(uint32_t idn) {
-    uint32_t port = 0;
-    KWSockGetPort(idn, &port);
-    return port;
-}
-
-inline SockState StateOf(uint32_t idn) {
-    SockState st{};
-    KWSockGetState(idn, &st);
-    return st;
-}
-
-// A one-shot gate a callback can wait on (bounded).
-class Gate {
-public:
-    void Open() {
-        {
-            std::lock_guard<std::mutex> lock(mu_);
-            open_ = true;
-        }
-        cv_.notify_all();
-    }
-    bool Wait(int timeoutMs = 5000) {
-        std::unique_lock<std::mutex> lock(mu_);
-        return cv_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return open_; });
-    }
-    void Reset() {
-        std::lock_guard<std::mutex> lock(mu_);
-        open_ = false;
-    }
-
-private:
-    std::mutex mu_;
-    std::condition_variable cv_;
-    bool open_ = false;
-};
 
 // A second process with its stdout on a pipe (posix_spawn), killed when the
 // object goes if it has not ended by then.
@@ -398,29 +384,22 @@ public:
 
     // The next line of the child's output ("" on timeout or end).
     std::string ReadLine(int timeoutMs = 10000) {
-        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-        for (;;) {
-            const size_t nl = buffer_.find('\n');
-            if (nl != std::string::npos) {
-                std::string line = buffer_.substr(0, nl);
-                buffer_.erase(0, nl + 1);
-                return line;
-            }
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
-            if (left.count() <= 0) return {};
-            pollfd p{out_, POLLIN, 0};
-            if (poll(&p, 1, static_cast<int>(left.count())) != 1) return {};
+        const auto end = Clock::now() + std::chrono::milliseconds(timeoutMs);
+        size_t nl;
+        while ((nl = buffer_.find('\n')) == std::string::npos) {
             char chunk[512];
-            const ssize_t r = read(out_, chunk, sizeof chunk);
+            const ssize_t r = Readable(out_, end) ? read(out_, chunk, sizeof chunk) : -1;
             if (r <= 0) return {};
             buffer_.append(chunk, static_cast<size_t>(r));
         }
+        std::string line = buffer_.substr(0, nl);
+        buffer_.erase(0, nl + 1);
+        return line;
     }
     // The exit status, or -1 when the child has not ended within timeoutMs.
     int Wait(int timeoutMs = 10000) {
         int status = 0;
-        const bool ended = WaitUntil([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, timeoutMs);
-        if (!ended) return -1;
+        if (!WaitUntil([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, timeoutMs)) return -1;
         exited_ = true;
         return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <VomKwz.h>
+#include <gtest/gtest.h>
 
 #include <cstring>
 #include <fstream>
@@ -13,8 +14,7 @@
 namespace recarrtest {
 
 inline KWRFieldDef Field(const char* name, uint8_t type, uint8_t width = 0) {
-    KWRFieldDef d;
-    std::memset(&d, 0, sizeof d);
+    KWRFieldDef d{};
     std::strncpy(d.name, name, sizeof d.name - 1);
     d.type = type;
     d.width = width;
@@ -22,24 +22,21 @@ inline KWRFieldDef Field(const char* name, uint8_t type, uint8_t width = 0) {
 }
 
 inline KWAKeyDef Key(const char* expression, uint32_t options = 0) {
-    KWAKeyDef k;
-    std::memset(&k, 0, sizeof k);
+    KWAKeyDef k{};
     std::strncpy(k.expression, expression, sizeof k.expression - 1);
     k.options = options;
     return k;
 }
 
 inline KWRVal Null() {
-    KWRVal v;
-    std::memset(&v, 0, sizeof v);
+    KWRVal v{};
     v.isNull = 1;
     return v;
 }
 
 template <typename T>
 KWRVal Num(uint8_t type, T value) {
-    KWRVal v;
-    std::memset(&v, 0, sizeof v);
+    KWRVal v{};
     v.type = type;
     std::memcpy(v.value, &value, sizeof value);
     return v;
@@ -50,8 +47,7 @@ inline KWRVal F8(double x) { return Num(iFldType_Double, x); }
 
 // A text cell; the pointer must outlive the cell's use.
 inline KWRVal Text(const char* text, uint8_t type = iFldType_Char, int32_t length = -1) {
-    KWRVal v;
-    std::memset(&v, 0, sizeof v);
+    KWRVal v{};
     v.type = type;
     const uint32_t n = length >= 0 ? static_cast<uint32_t>(length) : static_cast<uint32_t>(std::strlen(text));
     std::memcpy(v.value, &n, 4);
@@ -62,16 +58,14 @@ inline KWRVal Text(const char* text, uint8_t type = iFldType_Char, int32_t lengt
 // Owns an array for the length of a test.
 class Array {
 public:
-    explicit Array(const std::vector<KWRFieldDef>& fields, const std::vector<KWAKeyDef>& keys = {}) {
+    explicit Array(const std::vector<KWRFieldDef>& fields = {}, const std::vector<KWAKeyDef>& keys = {}) {
         KWACreate(&a_, nullptr);
         if (!fields.empty()) KWAFldAdd(a_, static_cast<int32_t>(fields.size()), fields.data());
         if (!keys.empty()) KWAKeyAdd(a_, static_cast<int32_t>(keys.size()), keys.data());
     }
-    Array() { KWACreate(&a_, nullptr); }
     ~Array() { KWADestroy(a_); }
     Array(const Array&) = delete;
     Array& operator=(const Array&) = delete;
-    KWArray* get() const { return a_; }
     operator KWArray*() const { return a_; }
     const KWRField* F(const char* name) const { return KWRFldByName(KWAType(a_), name); }
 
@@ -114,6 +108,34 @@ inline KWAKey* KeyOf(KWArray* a, int32_t key) {
         return 0;
     }, &desc, nullptr);
     return desc;
+}
+
+// Seeks under `key` give what KWLSeek gives over the key's order of members,
+// for each value of the key's first (Int32) field; with `field`, a seek by a
+// record holding the value in that field agrees too.
+inline void ExpectSeeksLikeList(KWArray* a, int32_t key, int32_t from, int32_t to, const char* field = nullptr) {
+    KWList list;
+    KWLInit(&list);
+    for (int32_t i = 0; KWRData* r = KWARec(a, key, i); ++i) KWLAdd(&list, r);
+    KWAKey* desc = KeyOf(a, key);
+    for (int32_t v = from; v <= to; ++v) {
+        KWRVal cell = I4(v);
+        int32_t pos = -1, listPos = -2;
+        KWRData* found = KWARecSeekV(a, key, &cell, &pos);
+        const int32_t listFound = KWLSeek(desc, &list, KWAVarComp, &cell, &listPos);
+        ASSERT_EQ(pos, listPos) << "key " << key << " value " << v;
+        ASSERT_EQ(found != nullptr, listFound == 1) << "key " << key << " value " << v;
+        ASSERT_TRUE(!found || found == KWARec(a, key, pos));
+        if (!field) continue;
+        KWRData* probe = KWARecNew(a);
+        KWRSetAsInt32(KWRFldByName(KWAType(a), field), probe, v);
+        int32_t recPos = -3;
+        KWRData* byRecord = KWARecSeek(a, key, probe, &recPos);
+        KWARecDel(probe);
+        ASSERT_EQ(recPos, pos);
+        ASSERT_EQ(byRecord, found);
+    }
+    KWLClear(&list);
 }
 
 inline std::vector<uint8_t> ReadFile(const std::string& path) {

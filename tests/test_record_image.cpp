@@ -42,8 +42,7 @@ TEST(record_image, LoginGolden) {
     ASSERT_EQ(0u, KWRSetAsText(type.F("_Password"), &rec.r, 3, "xyz"));
     ASSERT_EQ(0u, KWRSetAsBool(type.F("_AddType"), &rec.r, 1));
     ASSERT_EQ(0u, KWRRecPack(&type.t, &rec.r, 1, 1));
-    const auto golden = ReadGolden("login_record.bin");
-    ASSERT_EQ(36u, golden.size());
+    const auto golden = ReadGolden("login_record.bin");  // 36 bytes
     EXPECT_EQ(golden, rec.Bytes());
     EXPECT_EQ(0u, KWRRecCheck(&type.t, &rec.r));
 
@@ -79,10 +78,8 @@ TEST(record_image, PackIsIdempotent) {
     EXPECT_EQ(0u, KWRRecPack(&type.t, &rec.r, 0x100, 1));  // flags tested as bytes
     EXPECT_EQ(image, rec.r.image);
     EXPECT_EQ(0x25, rec.Header(type.F("S32")));  // user mark gone, edited kept
-
-    KWRData empty;
-    KWRRecInit(&empty);
-    EXPECT_EQ(KWR_NOIMAGE, KWRRecPack(&type.t, &empty, 0, 0));
+    Rec empty;
+    EXPECT_EQ(KWR_NOIMAGE, KWRRecPack(&type.t, &empty.r, 0, 0));
 }
 
 // Texts go to the variable part in field order, whatever order they were
@@ -120,13 +117,19 @@ TEST(record_image, PackOrderAndShrink) {
 }
 
 // KWRSetBuff builds what KWRRecPack makes of the same values, except that
-// text fields come out without the edited bit.
-TEST(record_image, SetBuffMatchesPack) {
+// text fields come out without the edited bit; KWRRecCheck accepts every
+// packed image, also once adopted by another record.
+TEST(record_image, SetBuffMatchesPackAndCheckAccepts) {
     Type type(kAllDef);
+    const std::string big(300, 'q');
     for (const auto& texts : std::vector<std::pair<std::string, std::string>>{
-             {"", ""}, {"a memo", ""}, {"", std::string("\0\1\2", 3)}, {"m", "bb"}}) {
-        Rec src(type);
+             {"", ""}, {"a memo", ""}, {"", std::string("\0\1\2", 3)}, {"m", "bb"}, {big, "yy"},
+             {std::string(1, '\0'), big}}) {
+        Rec src(type), copy;
         FillAll(type, src, texts.first, texts.second);
+        EXPECT_EQ(0u, KWRRecCheck(&type.t, &src.r));
+        ASSERT_EQ(0u, Adopt(&copy.r, src.Bytes()));
+        EXPECT_EQ(0u, KWRRecCheck(&type.t, &copy.r));
         KWRVal cells[11];
         ASSERT_EQ(0u, KWRGetRec(&type.t, &src.r, cells));
         const double f = 1.25;  // a double cell for the "F4" field
@@ -150,28 +153,10 @@ TEST(record_image, SetBuffMatchesPack) {
     uint32_t size = 0;
     ASSERT_EQ(0u, KWRSetBuff(&type.t, buf.data(), nullptr, &size));
     EXPECT_EQ(fresh.Bytes(), buf);
+    EXPECT_EQ(0u, KWRRecCheck(&type.t, &fresh.r));
     KWRVal bad[11] = {};
     bad[9] = NumCell(iFldType_Int32, "\x01\0\0\0", 4);
     EXPECT_EQ(KWR_BADTYPE, KWRSetBuff(&type.t, buf.data(), bad, &size));
-}
-
-TEST(record_check, AcceptsPackedImages) {
-    Type type(kAllDef);
-    const std::string big(300, 'q');
-    for (const auto& texts : std::vector<std::pair<std::string, std::string>>{
-             {"", ""}, {"x", ""}, {big, "yy"}, {std::string(1, '\0'), big}}) {
-        Rec rec(type);
-        FillAll(type, rec, texts.first, texts.second);
-        EXPECT_EQ(0u, KWRRecCheck(&type.t, &rec.r));
-        Rec copy;
-        ASSERT_EQ(0u, Adopt(&copy.r, rec.Bytes()));
-        EXPECT_EQ(0u, KWRRecCheck(&type.t, &copy.r));
-    }
-    Rec fresh(type);
-    EXPECT_EQ(0u, KWRRecCheck(&type.t, &fresh.r));
-    Type login(kLoginDef);
-    EXPECT_EQ(KWR_CORRUPT, KWRRecCheck(&login.t, &fresh.r));
-    EXPECT_EQ(KWR_CORRUPT, KWRRecCheck(&type.t, nullptr));
 }
 
 TEST(record_check, RefusesDamagedImages) {
@@ -204,16 +189,20 @@ TEST(record_check, RefusesDamagedImages) {
         EXPECT_EQ(KWR_CORRUPT, KWRRecCheck(&type.t, &rec.r)) << c.what;
         if (rec.r.image) Put32(&rec.r, 0, rec.r.length);
     }
-    // A null field's value bytes are not looked at.
+    Type login(kLoginDef);
     Rec rec(type);
     FillAll(type, rec, "hello", "xy");
+    EXPECT_EQ(KWR_CORRUPT, KWRRecCheck(&login.t, &rec.r));  // another type's image
+    EXPECT_EQ(KWR_CORRUPT, KWRRecCheck(&type.t, nullptr));
+    // A null field's value bytes are not looked at.
     rec.r.image[at("Memo") - 1] |= 0x80;
     Put32(&rec.r, at("Memo") + 4, 0xFFFFFFFFu);
     EXPECT_EQ(0u, KWRRecCheck(&type.t, &rec.r));
 }
 
-// A type generated from an image (packed, or changed with texts in owned
-// blocks) equals the original field by field and reads the same values.
+// A type generated from a record (packed, or changed with texts in owned
+// blocks) has the original's layout and reads the same values.  The walk
+// over hand-made and damaged images is pinned in the record type tests.
 TEST(record_typgen, FromRecordImages) {
     Type type(kAllDef);
     Rec rec(type);
@@ -221,9 +210,7 @@ TEST(record_typgen, FromRecordImages) {
     KWRVal want[11], got[11];
     ASSERT_EQ(0u, KWRGetRec(&type.t, &rec.r, want));
     for (bool owned : {false, true}) {
-        if (owned) {
-            ASSERT_EQ(0u, KWRSetAsText(type.F("Memo"), &rec.r, 5, "memo!"));
-        }
+        if (owned) { ASSERT_EQ(0u, KWRSetAsText(type.F("Memo"), &rec.r, 5, "memo!")); }
         KWRType gen;
         KWRTypInit(&gen);
         ASSERT_EQ(0u, KWRTypGen(&gen, "GEN", &rec.r));
@@ -232,7 +219,6 @@ TEST(record_typgen, FromRecordImages) {
         EXPECT_EQ(type.t.dataLength, gen.dataLength);
         for (uint8_t i = 0; i < gen.fieldCount; ++i) {
             const KWRField &a = type.t.fields[i], &g = gen.fields[i];
-            EXPECT_EQ("F" + std::to_string(i), g.name);
             EXPECT_EQ(a.type * 1000 + a.width * 10 + a.offset, g.type * 1000 + g.width * 10 + g.offset);
         }
         if (!owned) {
@@ -244,9 +230,6 @@ TEST(record_typgen, FromRecordImages) {
     }
     KWRType gen;
     KWRTypInit(&gen);
-    rec.r.image[type.F("S16")->offset - 1] = 0x0D;
-    EXPECT_EQ(4u, KWRTypGen(&gen, "BAD", &rec.r));
-    rec.r.image[type.F("S16")->offset - 1] = 0x04;
     Type none("E|0");
     Rec empty(none);
     EXPECT_EQ(0u, KWRTypGen(&gen, nullptr, &empty.r));

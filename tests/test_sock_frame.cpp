@@ -16,21 +16,9 @@ using kwztest::LogCapture;
 
 namespace {
 
-Gate g_gate;
-
-// Holds the sending thread inside a completion callback until g_gate opens.
-extern "C" void BlockingCompletion(int32_t result, uint32_t idn, KWRData* rec) {
-    RecordCompletion(result, idn, rec);
-    g_gate.Wait(10000);
-}
-
 // Records the queue length seen from inside a completion (code 300 + BufNum).
-extern "C" void CountingCompletion(int32_t result, uint32_t idn, KWRData* rec) {
-    SockState st{};
-    KWSockGetState(idn, &st);
-    Event e = FromRecord(300 + static_cast<int32_t>(st.bufNum), idn, rec);
-    (void)result;
-    Recorder::Get().Add(e);
+extern "C" void CountingCompletion(int32_t, uint32_t idn, KWRData* rec) {
+    Recorder::Get().Add(FromRecord(300 + static_cast<int32_t>(StateOf(idn).bufNum), idn, rec));
     KWRRecRelease(rec);
 }
 
@@ -39,41 +27,34 @@ std::string Golden(const char* name) {
     return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
 }
 
-std::string HostName() {
-    char host[256] = {};
-    gethostname(host, sizeof host - 1);
-    return host;
-}
-
-std::string ImageOf(const KWRData* rec) { return std::string(reinterpret_cast<const char*>(rec->image), rec->length); }
-
-class sock_frame : public ::testing::Test {
+class sock_frame : public SockFixture<16> {
 protected:
-    void SetUp() override {
-        Recorder::Get().Reset();
-        g_gate.Reset();
-        ASSERT_EQ(KWSockInit(16), 0);
-    }
     void TearDown() override {
-        g_gate.Open();
         for (int fd : fds_) close(fd);
-        EXPECT_TRUE(ShutdownModule());
+        SockFixture::TearDown();
     }
     int Keep(int fd) {
         fds_.push_back(fd);
         return fd;
     }
-    // A library client connected to a raw server; the raw side's socket.
+    // A library client connected to a raw server; the raw side's socket once
+    // the client's host identification (its first frame) was read off it.
     int ClientToRaw(uint32_t* cli) {
         uint32_t port = 0;
         const int lfd = Keep(RawListen(&port));
         EXPECT_EQ(KWSockCliOpen("127.0.0.1", port, RecordEvent, cli), 0);
-        return Keep(RawAccept(lfd));
+        const int fd = Keep(RawAccept(lfd));
+        EXPECT_EQ(ReadFrame(fd), ControlFrame(1, HostName()));
+        return fd;
     }
     // A raw client connected to a library server; *srv is the server side.
-    int RawToServer(uint32_t* srv, uint32_t* lst = nullptr) {
+    // With limit, the listener's receive limit is set first.
+    int RawToServer(uint32_t* srv, uint32_t* lst = nullptr, uint32_t limit = 0) {
         uint32_t l = 0;
         EXPECT_EQ(KWSockSrvOpen(0, RecordEvent, &l), 0);
+        if (limit) {
+            EXPECT_EQ(KWSockSetRecvLimit(l, limit), 0);
+        }
         if (lst) *lst = l;
         const int fd = Keep(RawConnect(ListenPort(l)));
         *srv = AcceptedIdn();
@@ -87,7 +68,6 @@ protected:
 TEST_F(sock_frame, TheClientIdentifiesItselfFirstAndFramesMatchTheGoldenBytes) {
     uint32_t cli = 0;
     const int raw = ClientToRaw(&cli);
-    EXPECT_EQ(ReadFrame(raw), ControlFrame(1, HostName()));
 
     KWRData* rec = msg_.New(7, "hello");
     rec->editSource = reinterpret_cast<KWRData*>(static_cast<uintptr_t>(0xABCD1234));  // low 16 bits travel
@@ -107,19 +87,17 @@ TEST_F(sock_frame, TheClientIdentifiesItselfFirstAndFramesMatchTheGoldenBytes) {
 TEST_F(sock_frame, PrioritiesLeaveHighestFirstAndEqualOnesInOrder) {
     uint32_t cli = 0;
     const int raw = ClientToRaw(&cli);
-    ReadFrame(raw);  // host identification
     // Hold the sending thread in a completion so that all four are queued
     // before it takes its next batch.
-    ASSERT_EQ(KWSockSendEx(cli, msg_.New(1), BlockingCompletion, 0), 0);
+    ASSERT_TRUE(HoldSender(cli, msg_));
     ASSERT_FALSE(ReadFrame(raw).empty());
-    ASSERT_TRUE(WaitUntil([&] { return (StateOf(cli).flags & 0x04) != 0; }));
     const struct {
         int32_t seq;
         uint32_t priority;
     } queued[] = {{10, 0}, {11, 5}, {12, 5}, {13, 9}};
     for (const auto& q : queued) ASSERT_EQ(KWSockSendEx(cli, msg_.New(q.seq), RecordCompletion, q.priority), 0);
     EXPECT_EQ(StateOf(cli).bufNum, 4u);
-    g_gate.Open();
+    GateOpen() = true;
     std::vector<int32_t> order;
     for (int i = 0; i < 4; ++i) order.push_back(msg_.Seq(ReadFrame(raw).substr(4)));
     EXPECT_EQ(order, (std::vector<int32_t>{13, 11, 12, 10}));
@@ -128,11 +106,9 @@ TEST_F(sock_frame, PrioritiesLeaveHighestFirstAndEqualOnesInOrder) {
 TEST_F(sock_frame, NineRecordsLeaveInTwoBatches) {
     uint32_t cli = 0;
     const int raw = ClientToRaw(&cli);
-    ReadFrame(raw);
-    ASSERT_EQ(KWSockSendEx(cli, msg_.New(1), BlockingCompletion, 0), 0);
-    ASSERT_TRUE(WaitUntil([&] { return (StateOf(cli).flags & 0x04) != 0; }));
+    ASSERT_TRUE(HoldSender(cli, msg_));
     for (int32_t seq = 20; seq < 29; ++seq) ASSERT_EQ(KWSockSendEx(cli, msg_.New(seq), CountingCompletion, 0), 0);
-    g_gate.Open();
+    GateOpen() = true;
     for (int i = 0; i < 10; ++i) ASSERT_FALSE(ReadFrame(raw).empty());
     // While the first batch completes, the ninth record is still queued.
     auto done = Recorder::Get().WaitMatching([](const Event& e) { return e.code >= 300; }, 9);
@@ -143,7 +119,6 @@ TEST_F(sock_frame, NineRecordsLeaveInTwoBatches) {
 TEST_F(sock_frame, AnIdleConnectionSendsKeepAlivesThatThePeerDrops) {
     uint32_t cli = 0;
     const int raw = ClientToRaw(&cli);
-    ReadFrame(raw);
     // 100 ms is raised to 1250; the peer is told 5000.
     EXPECT_EQ(KWSockSetSendTimeout(cli, 100), 1);
     EXPECT_EQ(ReadFrame(raw), ControlFrame(2, U32Bytes(5000)));
@@ -155,20 +130,18 @@ TEST_F(sock_frame, AnIdleConnectionSendsKeepAlivesThatThePeerDrops) {
     // The receiving side reads keep-alives without an event.
     uint32_t srv = 0;
     const int peer = RawToServer(&srv);
-    KWRData* rec = msg_.New(5, "after");
-    ASSERT_TRUE(WriteAll(peer, KeepAliveFrame() + Frame(MsgType::kId, 0, ImageOf(rec))));
+    const std::string image = msg_.Image(5, "after");
+    ASSERT_TRUE(WriteAll(peer, KeepAliveFrame() + Frame(MsgType::kId, 0, image)));
     auto got = Recorder::Get().WaitCode(SOCK_EV_DATA, srv);
     ASSERT_EQ(got.size(), 1u);
     EXPECT_EQ(msg_.Seq(got[0].image), 5);
-    EXPECT_EQ(uint64_t{StateOf(srv).recvBytes}, 10u + 4 + rec->length);  // a copy: the field is 4-aligned
+    EXPECT_EQ(uint64_t{StateOf(srv).recvBytes}, 10u + 4 + image.size());  // a copy: the field is 4-aligned
     EXPECT_EQ(Recorder::Get().Count([&](const Event& e) { return e.code == SOCK_EV_DATA; }), 1u);
-    KWRRecRelease(rec);
 }
 
 TEST_F(sock_frame, TimeoutRequestsCarryTheNegotiatedValues) {
     uint32_t cli = 0;
     const int raw = ClientToRaw(&cli);
-    ReadFrame(raw);
     // KWSockSetRecvTimeout asks the peer for a keep-alive interval (Type 3).
     const struct {
         uint32_t ms, asked;
@@ -227,54 +200,41 @@ TEST_F(sock_frame, AnIdleServerConnectionTimesOut) {
     EXPECT_TRUE(PeerClosed(raw));
 }
 
+// The receive limit is set on the listener and inherited by the accepted
+// connection: a frame of exactly the limit passes, corrupt heads and longer
+// ones abort.
 TEST_F(sock_frame, CorruptHeadsAndOversizedFramesAbortTheConnection) {
+    EXPECT_EQ(KWSockSetRecvLimit(0x7777, 1), SE_NOSOCK);
+    const std::string fits = msg_.Image(1, std::string(19, 'a'));  // 20 + 20 = 40 bytes
     const struct {
         uint32_t length;
         const char* log;
     } cases[] = {{0, "Sock abort. Data corrupt"}, {5, "Sock abort. Data corrupt"},
-                 {65, "Sock abort. Record too long"}, {0xFFFFFFFFu, "Sock abort. Record too long"}};
+                 {41, "Sock abort. Record too long"}, {0xFFFFFFFFu, "Sock abort. Record too long"}};
     for (const auto& c : cases) {
         Recorder::Get().Reset();
         uint32_t srv = 0;
-        const int raw = RawToServer(&srv);
-        ASSERT_EQ(KWSockSetRecvLimit(srv, 64), 0);
+        const int raw = RawToServer(&srv, nullptr, 40);
         LogCapture log;
-        std::string image = U32Bytes(c.length) + std::string(2, '\0');
-        ASSERT_TRUE(WriteAll(raw, Frame(MsgType::kId, 0, image)));
+        ASSERT_TRUE(WriteAll(raw, Frame(MsgType::kId, 0, fits)));
+        EXPECT_EQ(Recorder::Get().WaitCode(SOCK_EV_DATA, srv).size(), 1u);
+        ASSERT_TRUE(WriteAll(raw, Frame(MsgType::kId, 0, U32Bytes(c.length) + std::string(2, '\0'))));
         EXPECT_EQ(Recorder::Get().WaitCode(SOCK_EV_ABORT, srv).size(), 1u) << c.length;
         EXPECT_TRUE(log.Has("Kwz.kwSock.SockRecvThread", c.log)) << c.length;
         EXPECT_TRUE(PeerClosed(raw));
     }
 }
 
-TEST_F(sock_frame, TheReceiveLimitPassesFramesUpToItAndIsInherited) {
-    uint32_t lst = 0;
-    ASSERT_EQ(KWSockSrvOpen(0, RecordEvent, &lst), 0);
-    ASSERT_EQ(KWSockSetRecvLimit(lst, 40), 0);
-    EXPECT_EQ(KWSockSetRecvLimit(0x7777, 1), SE_NOSOCK);
-    const int raw = Keep(RawConnect(ListenPort(lst)));
-    const uint32_t srv = AcceptedIdn();
-    KWRData* fits = msg_.New(1, std::string(13, 'a'));  // 20 + 14 = 34 bytes
-    KWRData* over = msg_.New(2, std::string(20, 'b'));  // 41 bytes
-    ASSERT_TRUE(WriteAll(raw, Frame(MsgType::kId, 0, ImageOf(fits))));
-    EXPECT_EQ(Recorder::Get().WaitCode(SOCK_EV_DATA, srv).size(), 1u);
-    ASSERT_TRUE(WriteAll(raw, Frame(MsgType::kId, 0, ImageOf(over))));
-    EXPECT_EQ(Recorder::Get().WaitCode(SOCK_EV_ABORT, srv).size(), 1u);
-    KWRRecRelease(fits);
-    KWRRecRelease(over);
-}
-
 TEST_F(sock_frame, PrefixWordsArriveSignExtended) {
     uint32_t srv = 0;
     const int raw = RawToServer(&srv);
-    KWRData* rec = msg_.New(9, "x");
-    ASSERT_TRUE(WriteAll(raw, Frame(0xFFFE, 0x8001, ImageOf(rec))));
+    const std::string image = msg_.Image(9, "x");
+    ASSERT_TRUE(WriteAll(raw, Frame(0xFFFE, 0x8001, image)));
     auto got = Recorder::Get().WaitCode(SOCK_EV_DATA, srv);
     ASSERT_EQ(got.size(), 1u);
     EXPECT_EQ(got[0].typeId, 0xFFFFFFFEu);
     EXPECT_EQ(got[0].reserved, -32767);
-    EXPECT_EQ(got[0].image, ImageOf(rec));
-    KWRRecRelease(rec);
+    EXPECT_EQ(got[0].image, image);
 }
 
 TEST_F(sock_frame, ControlRecordsNeverReachTheCaller) {
@@ -289,9 +249,7 @@ TEST_F(sock_frame, ControlRecordsNeverReachTheCaller) {
     std::string three = ControlImage(1, "three");
     three[5] = 3;  // three fields: neither control nor keep-alive, dropped
     ASSERT_TRUE(WriteAll(raw, Frame(0, 0, three)));
-    KWRData* rec = msg_.New(4, "still open");
-    ASSERT_TRUE(WriteAll(raw, Frame(MsgType::kId, 0, ImageOf(rec))));
-    KWRRecRelease(rec);
+    ASSERT_TRUE(WriteAll(raw, Frame(MsgType::kId, 0, msg_.Image(4, "still open"))));
     ASSERT_EQ(Recorder::Get().WaitCode(SOCK_EV_DATA, srv).size(), 1u);
     GetPeerHostName(srv, name, sizeof name);
     EXPECT_STREQ(name, "");
@@ -314,29 +272,24 @@ TEST_F(sock_frame, ATimeRequestIsAnsweredWithTheStampedTime) {
     const std::string answer = ReadFrame(raw);
     ASSERT_EQ(answer.size(), 4u + 20 + 25);
     const std::string data = answer.substr(4 + 20, 24);
-    EXPECT_EQ(GetU32(data, 0), 0xCAFEF00Du);
+    EXPECT_EQ(MsgType::GetI32(data, 0), static_cast<int32_t>(0xCAFEF00D));
     int64_t secs = 0;
     std::memcpy(&secs, data.data() + 8, 8);
     EXPECT_LE(std::llabs(secs - CTimeNow()), 2);
-    uint16_t millis = 0;
-    int16_t zone1 = 0, zone2 = 0;
-    std::memcpy(&millis, data.data() + 16, 2);
-    std::memcpy(&zone1, data.data() + 18, 2);
-    std::memcpy(&zone2, data.data() + 20, 2);
-    EXPECT_LT(millis, 1000);
-    EXPECT_EQ(zone1, 180);
-    EXPECT_EQ(zone2, 1);
+    int16_t w[3] = {};  // milliseconds, zone minutes, daylight flag
+    std::memcpy(w, data.data() + 16, 6);
+    EXPECT_LT(static_cast<uint16_t>(w[0]), 1000);
+    EXPECT_EQ(w[1], 180);
+    EXPECT_EQ(w[2], 1);
 }
 
 TEST_F(sock_frame, RecordsStillQueuedAtCloseComeBackDropped) {
     uint32_t cli = 0;
-    const int raw = ClientToRaw(&cli);
-    ReadFrame(raw);
-    ASSERT_EQ(KWSockSendEx(cli, msg_.New(1), BlockingCompletion, 0), 0);
-    ASSERT_TRUE(WaitUntil([&] { return (StateOf(cli).flags & 0x04) != 0; }));
+    ClientToRaw(&cli);
+    ASSERT_TRUE(HoldSender(cli, msg_));
     for (int32_t seq = 2; seq <= 4; ++seq) ASSERT_EQ(KWSockSendEx(cli, msg_.New(seq), RecordCompletion, 0), 0);
     EXPECT_EQ(KWSockClose(cli), 0);
-    g_gate.Open();
+    GateOpen() = true;
     auto dropped = Recorder::Get().WaitCode(kCompletion + SOCK_EV_DROPPED, cli, 3);
     ASSERT_EQ(dropped.size(), 3u);
     for (int i = 0; i < 3; ++i) EXPECT_EQ(msg_.Seq(dropped[i].image), i + 2);
@@ -349,7 +302,6 @@ TEST_F(sock_frame, RecordsStillQueuedAtCloseComeBackDropped) {
 TEST_F(sock_frame, APeerResetAbortsAndEveryRecordComesBack) {
     uint32_t cli = 0;
     const int raw = ClientToRaw(&cli);
-    ReadFrame(raw);
     const linger reset{1, 0};
     setsockopt(raw, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
     const int small = 65536;

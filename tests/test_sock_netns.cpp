@@ -47,17 +47,13 @@ public:
         Ip({"netns", "del", a_});
         Ip({"netns", "del", b_});
     }
-    bool ok() const { return ok_; }
-    std::string A() const { return a_; }
-    std::string B() const { return b_; }
     std::string Addr(int host) const { return net_ + std::to_string(host); }
-    std::vector<std::string> In(const std::string& ns, const std::vector<std::string>& cmd) const {
-        std::vector<std::string> argv{IpTool(), "netns", "exec", ns};
+    // cmd run inside namespace A (a) or B.
+    std::vector<std::string> In(bool a, const std::vector<std::string>& cmd) const {
+        std::vector<std::string> argv{IpTool(), "netns", "exec", a ? a_ : b_};
         argv.insert(argv.end(), cmd.begin(), cmd.end());
         return argv;
     }
-
-private:
     std::string a_, b_, net_;
     bool created_ = false, ok_ = false;
 };
@@ -67,14 +63,14 @@ protected:
     void SetUp() override {
         if (IpTool().empty()) GTEST_SKIP() << "no ip tool (iproute2) on this machine";
         hosts_ = std::make_unique<TwoHosts>();
-        if (!hosts_->ok())
+        if (!hosts_->ok_)
             GTEST_SKIP() << "the kernel refuses network namespaces here (ip netns add failed; needs CAP_SYS_ADMIN)";
     }
     // Starts a receiver in A, then a sender in B; the receiver's report.
     std::string Exchange(const std::vector<std::string>& recvArgs, const std::vector<std::string>& sendArgs) {
-        Child receiver(hosts_->In(hosts_->A(), recvArgs));
+        Child receiver(hosts_->In(true, recvArgs));
         if (receiver.ReadLine() != "READY") return "receiver not ready";
-        Child sender(hosts_->In(hosts_->B(), sendArgs));
+        Child sender(hosts_->In(false, sendArgs));
         const std::string sent = sender.ReadLine();
         if (sender.Wait() != 0) return "sender failed: " + sent;
         const std::string got = receiver.ReadLine(5000);
