@@ -165,6 +165,9 @@ int32_t FindMember(const KWAKey* key, const KWRData* rec);
 // Where a new record goes under the post rules; false (and *position set to
 // the match) when a Unique key already holds equal values.
 bool PlaceNew(const KWAKey* key, const KWRData* rec, int32_t* position);
+// Inserts rec into every key at the positions PlaceNew found (one per key);
+// false, with no key changed, when memory runs out.
+bool InsertInKeys(KWArray* array, KWRData* rec, const int32_t* positions);
 
 // ---- keys (kwRecArrKey.cpp) -----------------------------------------------
 

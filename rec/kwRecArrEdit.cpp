@@ -52,16 +52,7 @@ int32_t PostNew(KWArray* array, KWRData* rec, KWRData** out) {
         }
     }
     if (KWRRecPack(&array->type, rec, 1, 0) == KWR_NOMEM) return -1;
-    size_t done = 0;
-    try {
-        for (; done < array->keys.size(); ++done) {
-            KWAKey* key = array->keys[done].get();
-            key->order.Insert(positions[done], MakeEntry(key, rec));
-        }
-    } catch (const std::bad_alloc&) {
-        while (done-- > 0) array->keys[done]->order.Erase(positions[done]);
-        return -1;
-    }
+    if (!InsertInKeys(array, rec, positions)) return -1;
     rec->editSource = MemberMark();
     ++array->changes;
     *out = rec;

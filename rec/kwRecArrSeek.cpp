@@ -5,6 +5,8 @@
 // plain pointer list gave: mid = (lo + hi) >> 1, a Unique key stops at the
 // first match met, the position is lo.  The members' 64-bit prefixes decide
 // most probes without reading their images.
+#include <new>
+
 #include "rec/kwRecArr.h"
 
 namespace kwz::recarr {
@@ -93,6 +95,20 @@ bool PlaceNew(const KWAKey* key, const KWRData* rec, int32_t* position) {
         return true;
     }
     return !(SeekRecord(key, rec, position) && key->Unique());
+}
+
+bool InsertInKeys(KWArray* array, KWRData* rec, const int32_t* positions) {
+    size_t done = 0;
+    try {
+        for (; done < array->keys.size(); ++done) {
+            KWAKey* key = array->keys[done].get();
+            key->order.Insert(positions[done], MakeEntry(key, rec));
+        }
+    } catch (const std::bad_alloc&) {
+        while (done-- > 0) array->keys[done]->order.Erase(positions[done]);
+        return false;
+    }
+    return true;
 }
 
 }  // namespace kwz::recarr

@@ -338,14 +338,7 @@ KWZ_API KWRData* KWARecAddPack(KWArray* array, const KWRVal* cells) {
             return nullptr;
         }
     }
-    size_t done = 0;
-    try {
-        for (; done < array->keys.size(); ++done) {
-            KWAKey* key = array->keys[done].get();
-            key->order.Insert(positions[done], MakeEntry(key, rec));
-        }
-    } catch (const std::bad_alloc&) {
-        while (done-- > 0) array->keys[done]->order.Erase(positions[done]);
+    if (!InsertInKeys(array, rec, positions)) {
         LogNoMemory(kTag);
         return nullptr;
     }

@@ -180,6 +180,10 @@ SockItem* FindSlot(uint32_t idn, bool allocated);
 // for a slot that is not SOCK_SRV/SOCK_CLI; null then.
 SockItem* FindSlotLogged(uint32_t idn, bool allocated, const char* tag, bool withIdnText = true,
                          bool streamOnly = false);
+// The slot of an open function (ModCrit held): SockGetFreeIdx, then the
+// caller's callback and port; logs "There are no available sockets" at the
+// given level and returns null when the table is full.
+SockItem* AllocOpenSlot(uint8_t type, void* event, uint32_t port, const char* tag, int32_t level);
 // Allocates the first free slot with a new generation (ModCrit held); null
 // when the module is not active or the table is full.
 SockItem* SockGetFreeIdx(uint8_t type);

@@ -74,6 +74,18 @@ SockItem* FindSlot(uint32_t idn, bool allocated) {
     return s;
 }
 
+SockItem* AllocOpenSlot(uint8_t type, void* event, uint32_t port, const char* tag, int32_t level) {
+    Module& m = Mod();
+    SockItem* s = SockGetFreeIdx(type);
+    if (!s) {
+        LogMessageF(level, tag, "There are no available sockets (all=%d, use=%d)", m.SockNum, m.SockUse.load());
+        return nullptr;
+    }
+    s->Event = event;
+    s->Port = port;
+    return s;
+}
+
 SockItem* FindSlotLogged(uint32_t idn, bool allocated, const char* tag, bool withIdnText, bool streamOnly) {
     if (Mod().SockNum == 0) {
         LogMessage(3, tag, "SE_NOINIT");

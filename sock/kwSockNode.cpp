@@ -218,13 +218,8 @@ KWZ_API int32_t KWSockNodeOpen(uint32_t port, SockNodeEventFn callback, uint32_t
             LogMessage(3, tag, "SE_NOINIT");
             return SE_NOINIT;
         }
-        s = SockGetFreeIdx(SOCK_NODE);
-        if (!s) {
-            LogMessageF(2, tag, "There are no available sockets (all=%d, use=%d)", m.SockNum, m.SockUse.load());
-            return SE_OPEN;
-        }
-        s->Event = FnPtr(callback);
-        s->Port = port;
+        s = AllocOpenSlot(SOCK_NODE, FnPtr(callback), port, tag, 2);  // nodes log a full table at level 2
+        if (!s) return SE_OPEN;
         std::memcpy(host, m.HostName, sizeof host);
     }
     const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);

@@ -208,13 +208,8 @@ KWZ_API int32_t KWSockCliOpen(const char* address, uint32_t port, SockEventFn ca
             LogMessage(3, tag, "SE_NOINIT");
             return SE_NOINIT;
         }
-        s = SockGetFreeIdx(SOCK_CLI);
-        if (!s) {
-            LogMessageF(3, tag, "There are no available sockets (all=%d, use=%d)", m.SockNum, m.SockUse.load());
-            return SE_OPEN;
-        }
-        s->Event = FnPtr(callback);
-        s->Port = port;
+        s = AllocOpenSlot(SOCK_CLI, FnPtr(callback), port, tag, 3);
+        if (!s) return SE_OPEN;
         // Only the name is compared: a numeric loop-back address is allowed.
         refused = !address || !*address || strcasecmp(address, m.HostName) == 0;
     }
@@ -306,13 +301,8 @@ KWZ_API int32_t KWSockSrvOpen(uint32_t port, SockEventFn callback, uint32_t* idn
             LogMessage(3, tag, "SE_NOINIT");
             return SE_NOINIT;
         }
-        s = SockGetFreeIdx(SOCK_LISTEN);
-        if (!s) {
-            LogMessageF(3, tag, "There are no available sockets (all=%d, use=%d)", m.SockNum, m.SockUse.load());
-            return SE_OPEN;
-        }
-        s->Port = port;
-        s->Event = FnPtr(callback);
+        s = AllocOpenSlot(SOCK_LISTEN, FnPtr(callback), port, tag, 3);
+        if (!s) return SE_OPEN;
         index = static_cast<int32_t>(s->Idn & 0xFFFF);
     }
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
