@@ -200,14 +200,7 @@ int32_t DataHash(int32_t n, const void* data, char* out, const char* key) {
 // throw (a corrupt record); nothing crosses the C edge.
 template <typename Fn>
 int32_t Guard(const char* tag, Fn fn) {
-    try {
-        return fn();
-    } catch (const std::exception& e) {
-        LogMessageF(2, tag, "exception: %s", e.what());
-    } catch (...) {
-        LogMessage(2, tag, "unknown exception");
-    }
-    return kNoMem;
+    return Guarded(tag, false, kNoMem, fn);
 }
 
 }  // namespace

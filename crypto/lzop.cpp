@@ -189,7 +189,7 @@ extern "C" {
 // least Bound(inputLength); it is left alone on failure.
 KWZ_API bool LZOPCompress_(const void* input, uint32_t inputLength, void* output,
                            uint32_t* outputSize, void* work) {
-    try {
+    return Guarded(kTagCompress, false, false, [&] {
         if (!LzoReady()) return false;
         if (!input || !output || !outputSize) {
             LogMessage(3, kTagCompress, "null argument");
@@ -209,12 +209,7 @@ KWZ_API bool LZOPCompress_(const void* input, uint32_t inputLength, void* output
         }
         *outputSize = uint32_t(written);
         return true;
-    } catch (const std::exception& e) {
-        LogMessageF(2, kTagCompress, "exception: %s", e.what());
-    } catch (...) {
-        LogMessage(2, kTagCompress, "unknown exception");
-    }
-    return false;
+    });
 }
 
 // The container has no length of its own here: the reader trusts its chunk
@@ -229,7 +224,7 @@ KWZ_API bool LZOPCompress_(const void* input, uint32_t inputLength, void* output
 KWZ_API bool LZOPDecompress_(const void* container, void* output, uint32_t* outputLength,
                              int32_t option) {
     (void)option;
-    try {
+    return Guarded(kTagDecompress, false, false, [&] {
         if (!LzoReady()) return false;
         if (!container || !outputLength) {
             LogMessage(3, kTagDecompress, "null argument");
@@ -252,12 +247,7 @@ KWZ_API bool LZOPDecompress_(const void* container, void* output, uint32_t* outp
         }
         *outputLength = uint32_t(written);
         return true;
-    } catch (const std::exception& e) {
-        LogMessageF(2, kTagDecompress, "exception: %s", e.what());
-    } catch (...) {
-        LogMessage(2, kTagDecompress, "unknown exception");
-    }
-    return false;
+    });
 }
 
 }  // extern "C"

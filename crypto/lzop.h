@@ -24,6 +24,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <exception>
 
 namespace kwz::lzop {
 
@@ -103,5 +104,21 @@ bool DecodeContainer(const uint8_t* p, size_t limit, uint8_t* out, uint64_t room
 // room < Bound(n) or the compressor fails.  *written is the container size.
 bool EncodeContainer(const uint8_t* in, uint64_t n, uint8_t* out, uint64_t room, void* work,
                      uint64_t* written);
+
+// Runs fn at the C edge: an exception (from a caller's callback, or a corrupt
+// record met while packing) is logged at level 2 under tag -- read when it
+// is caught, so a reader can switch to the older format's tag midway -- and
+// `failed` is returned.  Nothing crosses into the caller.
+template <typename R, typename Fn>
+R Guarded(const char* const& tag, bool inCallback, R failed, Fn&& fn) {
+    try {
+        return fn();
+    } catch (const std::exception& e) {
+        LogMessageF(2, tag, inCallback ? "exception in a callback: %s" : "exception: %s", e.what());
+    } catch (...) {
+        LogMessage(2, tag, inCallback ? "exception in a callback: unknown" : "unknown exception");
+    }
+    return failed;
+}
 
 }  // namespace kwz::lzop

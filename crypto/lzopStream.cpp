@@ -118,10 +118,6 @@ bool StreamDecompress(void* context, LZOPReadFn read, LZOPWriteFn write, const c
     }
 }
 
-void LogException(const char* tag, const char* what) {
-    LogMessageF(2, tag, "exception in a callback: %s", what);
-}
-
 }  // namespace
 }  // namespace kwz::lzop
 
@@ -130,30 +126,20 @@ using namespace kwz::lzop;
 extern "C" {
 
 KWZ_API bool LZOPCompress(void* context, LZOPReadFn read, LZOPWriteFn write) {
-    try {
+    return Guarded(kTagCompress, true, false, [&] {
         if (!read || !write) return Fail(kTagCompress, "null callback");
         return LzoReady() && StreamCompress(context, read, write);
-    } catch (const std::exception& e) {
-        LogException(kTagCompress, e.what());
-    } catch (...) {
-        LogException(kTagCompress, "unknown");
-    }
-    return false;
+    });
 }
 
 // option is reserved and ignored; callers pass 0.
 KWZ_API bool LZOPDecompress(void* context, LZOPReadFn read, LZOPWriteFn write, int32_t option) {
     (void)option;
     const char* tag = kTagDecompress;  // becomes the "#LZP" tag once that magic is seen
-    try {
+    return Guarded(tag, true, false, [&] {
         if (!read || !write) return Fail(tag, "null callback");
         return LzoReady() && StreamDecompress(context, read, write, &tag);
-    } catch (const std::exception& e) {
-        LogException(tag, e.what());
-    } catch (...) {
-        LogException(tag, "unknown");
-    }
-    return false;
+    });
 }
 
 }  // extern "C"
