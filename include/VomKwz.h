@@ -465,8 +465,9 @@ typedef void (*SockEventFn)(int32_t event, uint32_t idn, KWRData* record);
 typedef void (*SockNodeEventFn)(int32_t event, uint32_t idn, int32_t port,
                                 const char* address, const void* data, int32_t length);
 
-/* recvTick/sendTick: the transport's millisecond tick (low 32 bits of
-   CTimeTick64) of the last receive and send. */
+/* recvTick/sendTick: GetTickCount at the last receive and send (which adds
+   microseconds to seconds x 1000: compare them with GetTickCount, do not take
+   them for durations). */
 #pragma pack(push, 4)
 typedef struct SockState {
     uint8_t type;

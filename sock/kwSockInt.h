@@ -109,8 +109,10 @@ struct SockItem {
     std::atomic<void*> Event{nullptr};       // SockEventFn, or SockNodeEventFn for SOCK_NODE
     std::atomic<uint32_t> Flags{0};
     std::atomic<void*> Dat{nullptr};
-    std::atomic<uint32_t> RecvTick{0};
-    std::atomic<uint32_t> SendTick{0};
+    std::atomic<uint32_t> RecvTick{0};       // GetTickCount of the last receive (see SockTick)
+    std::atomic<uint32_t> SendTick{0};       // GetTickCount of the last transmission
+    std::atomic<uint32_t> RecvMs{0};         // SockMs of the last receive: for time-outs
+    std::atomic<uint32_t> SendMs{0};         // SockMs of the last transmission: for keep-alive
     std::atomic<uint32_t> RecvTimeout{0};
     std::atomic<uint32_t> SendTimeout{0};
     std::atomic<int32_t> LastError{0};
@@ -165,11 +167,27 @@ Module& Mod();
 inline void* FnPtr(SockEventFn f) { return reinterpret_cast<void*>(f); }
 inline void* FnPtr(SockNodeEventFn f) { return reinterpret_cast<void*>(f); }
 
-// The transport's own 32-bit millisecond tick (RecvTick, SendTick, the time
-// request's stamp).  The library's GetTickCount adds microseconds to the
-// second count and jumps within every second, so differences of it are no
-// durations; the steady clock's milliseconds are.
-inline uint32_t SockTick() { return static_cast<uint32_t>(CTimeTick64()); }
+// Each slot keeps two clocks.  RecvTick, SendTick and the time request's
+// stamp are the library's 32-bit tick, GetTickCount: callers read the first
+// two through KWSockGetState and peers echo the stamp.  That tick adds
+// microseconds to the second count, so its differences are no durations (4 ms
+// steps of the coarse clock, a jump back at every second).  On the platform
+// this transport comes from the tick was a true millisecond count and
+// "now - RecvTick > RecvTimeout" measured idle time; to keep that meaning the
+// time-out and keep-alive decisions use RecvMs/SendMs, the low 32 bits of the
+// steady clock's milliseconds, taken at the same moments.  The time
+// synchronisation measures its round trip with the tick itself, as peers
+// expect.
+inline uint32_t SockTick() { return GetTickCount(); }
+inline uint32_t SockMs() { return static_cast<uint32_t>(CTimeTick64()); }
+inline void MarkRecv(SockItem* s) {
+    s->RecvMs = SockMs();
+    s->RecvTick = SockTick();
+}
+inline void MarkSend(SockItem* s) {
+    s->SendMs = SockMs();
+    s->SendTick = SockTick();
+}
 
 // Slot lookup (ModCrit held): the slot named by idn (15-bit index mask, exact
 // Idn match), or null.  allocated: also require Type != SOCK_FREE.

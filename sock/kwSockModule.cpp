@@ -113,6 +113,8 @@ SockItem* SockGetFreeIdx(uint8_t type) {
         s->Dat = nullptr;
         s->RecvTick = 0;
         s->SendTick = 0;
+        s->RecvMs = 0;
+        s->SendMs = 0;
         s->LastError = 0;
         s->Head = s->Tail = nullptr;
         s->BufNum = 0;

@@ -110,7 +110,7 @@ int32_t SendNode_Net(SockItem* s, KWRData* rec) {
         LogMessageF(2, tag, "sendto (err=%d)", errno);
         return SOCK_EV_NOSEND;
     }
-    s->SendTick = SockTick();
+    MarkSend(s);
     s->SendBytes += rec->length;
     return 0;
 }
@@ -157,7 +157,7 @@ void SockRecvNodeThread(SockItem* s) {
             }
             buf[r] = 0;
             s->RecvBytes += static_cast<uint64_t>(r);
-            s->RecvTick = SockTick();
+            MarkRecv(s);
             char addr[INET_ADDRSTRLEN] = {};
             inet_ntop(AF_INET, &from.sin_addr, addr, sizeof addr);
             if (SockNodeEventFn event = s->NodeEvent()) {
@@ -255,7 +255,8 @@ KWZ_API int32_t KWSockNodeOpen(uint32_t port, SockNodeEventFn callback, uint32_t
     {
         std::lock_guard<std::mutex> lock(m.ModCrit);
         s->Port = ntohs(addr.sin_port);  // port 0 asked the system to choose
-        s->RecvTick = s->SendTick = SockTick();
+        MarkRecv(s);
+        MarkSend(s);
         given = s->Idn;
     }
     s->ThreadNum += 2;

@@ -152,12 +152,13 @@ void SockListenThreadNet(SockItem* ls, SockListenPrm* raw) {
             uint32_t idn = 0;
             {
                 std::lock_guard<std::mutex> lock(m.ModCrit);
-                s->RecvTick = s->SendTick = SockTick();
+                MarkRecv(s);
+                MarkSend(s);
                 idn = s->Idn;
             }
             StartStreamThreads(s);
             if (LogEnabled(5)) LogMessageF(5, tag, "New SRV connection (idn=%d, port=%d)", idn, ls->Port);
-            ls->RecvTick = SockTick();
+            MarkRecv(ls);
         }
     } catch (const std::exception&) {
         LogMessageF(1, tag, "Catch (Type(0x%x), flags(0x%x), bufnum(%ld), bufsize(%ld))", ls->Type,
@@ -273,7 +274,8 @@ KWZ_API int32_t KWSockCliOpen(const char* address, uint32_t port, SockEventFn ca
     uint32_t given = 0;
     {
         std::lock_guard<std::mutex> lock(m.ModCrit);
-        s->RecvTick = s->SendTick = SockTick();
+        MarkRecv(s);
+        MarkSend(s);
         given = s->Idn;
     }
     StartStreamThreads(s);
@@ -338,7 +340,8 @@ KWZ_API int32_t KWSockSrvOpen(uint32_t port, SockEventFn callback, uint32_t* idn
     {
         std::lock_guard<std::mutex> lock(m.ModCrit);
         s->Port = ntohs(bound.sin_port);  // port 0 asked the system to choose
-        s->RecvTick = s->SendTick = SockTick();
+        MarkRecv(s);
+        MarkSend(s);
         given = s->Idn;
     }
     s->ThreadNum += 1;

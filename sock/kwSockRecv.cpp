@@ -52,7 +52,7 @@ int RecvTimedOut(SockItem* s) {
     if (!s->IsStream()) return -1;
     const uint32_t tmo = s->RecvTimeout;
     if (tmo == 0) return 1;
-    const uint32_t since = SockTick() - s->RecvTick;
+    const uint32_t since = SockMs() - s->RecvMs;
     if (since <= tmo) return 1;
     const PeerTexts t = PeerTextsOf(s);
     LogMessageF(3, KWSOCK_TAG("Recv_All"),
@@ -90,7 +90,7 @@ int Recv_All(SockItem* s, int fd, BuffRecvDsc& b, uint8_t* dst, uint32_t n) {
         if (r > 0) {
             // Taken when bytes arrive rather than per call: one clock read
             // per recv, and a slow large frame still counts as traffic.
-            s->RecvTick = SockTick();
+            MarkRecv(s);
             auto got = static_cast<uint32_t>(r);
             if (direct) {
                 const uint32_t body = got < n ? got : n;
@@ -242,7 +242,7 @@ void SockRecvThread(SockItem* s) {
                     s->Flags.fetch_and(~kFlagEvent);
                 }
             }
-            s->RecvTick = SockTick();
+            MarkRecv(s);
             RecvLoop(s, fd, b);
         }
     } catch (const std::exception& e) {

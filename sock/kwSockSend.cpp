@@ -230,19 +230,19 @@ void Complete(SockItem* s, Batch& b, int32_t result) {
 void KeepAlive(SockItem* s, uint32_t waited, uint32_t waitStart) {
     const uint32_t tmo = s->SendTimeout;
     if (!s->IsStream() || tmo == 0) return;
-    if (SockTick() - s->SendTick < tmo) return;
-    const uint32_t start = SockTick();
+    if (SockMs() - s->SendMs < tmo) return;
+    const uint32_t start = SockMs();
     {
         std::lock_guard<std::mutex> lock(Mod().ModCrit);
         if (s->Head == nullptr) SockBufAdd(s, &Mod().KeepAlive, nullptr, 0);
     }
-    const uint32_t end = SockTick();
+    const uint32_t end = SockMs();
     const uint32_t delay = end - start;
     if (delay < tmo) return;
     const PeerTexts t = PeerTextsOf(s);
     LogMessageF(3, kTag, "Delay when setting a data to the queue (IDN=0x%X, TYPE=%u, IP=%s, NM=%s, DLT=%u)", s->Idn,
                 s->Type, t.Addr, t.Name, delay);
-    const uint32_t sendTick = s->SendTick;
+    const uint32_t sendTick = s->SendMs;
     if (end - sendTick >= 4 * tmo) {
         LogMessageF(3, kTag,
                     "Timeout exceeded on transmission (IDN=0x%X, TYPE=%u, IP=%s, NM=%s, TMO1=%u, TMO2=%u, TM1=%u, "
@@ -277,7 +277,7 @@ void SendLoop(SockItem* s, int fd) {
                 if (s->Type == SOCK_NODE) {
                     result = SendNode_Net(s, b.Nodes[0]->Rec);
                 } else if (Send_Net(s, fd, b)) {
-                    s->SendTick = SockTick();
+                    MarkSend(s);
                     s->SendBytes += b.Bytes;
                 } else {
                     result = SOCK_EV_NOSEND;
@@ -287,7 +287,7 @@ void SendLoop(SockItem* s, int fd) {
             }
             if (!idle) continue;
             const uint32_t waited = s->SendTimeout ? s->SendTimeout.load() : kIdleWait;
-            const uint32_t waitStart = SockTick();
+            const uint32_t waitStart = SockMs();
             {
                 std::unique_lock<std::mutex> lock(s->SendLock);
                 s->SendCond.wait_for(lock, std::chrono::milliseconds(waited), [s] { return s->SendWake; });
@@ -315,7 +315,7 @@ void SockSendThread(SockItem* s) {
     const uint32_t idn = s->Idn;
     const int type = s->Type;
     if (LogEnabled(5)) LogMessageF(5, kTag, "Start Thread (idn=%d, type=%d)", idn, type);
-    s->SendTick = SockTick();
+    MarkSend(s);
     SendLoop(s, fd);
     if (LogEnabled(5)) LogMessageF(5, kTag, "Stop Thread (idn=%d, type=%d)", idn, type);
     CLEANUP_FIN(s);

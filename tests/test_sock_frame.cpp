@@ -82,6 +82,12 @@ TEST_F(sock_frame, TheClientIdentifiesItselfFirstAndFramesMatchTheGoldenBytes) {
     // Counted with their 4-byte prefixes.
     const uint64_t sent = ControlFrame(1, HostName()).size() + 30 + 29;
     EXPECT_TRUE(WaitUntil([&] { return StateOf(cli).sendBytes == sent; }));
+    // The ticks are GetTickCount values: within a second's jump of it.
+    const SockState st = StateOf(cli);
+    for (uint32_t tick : {st.sendTick, st.recvTick}) {
+        const auto age = static_cast<int32_t>(GetTickCount() - tick);
+        EXPECT_TRUE(age > -1010000 && age < 1010000) << age;
+    }
 }
 
 TEST_F(sock_frame, PrioritiesLeaveHighestFirstAndEqualOnesInOrder) {
@@ -281,6 +287,46 @@ TEST_F(sock_frame, ATimeRequestIsAnsweredWithTheStampedTime) {
     EXPECT_LT(static_cast<uint16_t>(w[0]), 1000);
     EXPECT_EQ(w[1], 180);
     EXPECT_EQ(w[2], 1);
+}
+
+// The request carries GetTickCount (the library's tick, seconds x 1000 plus
+// microseconds), and the answer gives D - R / 2: here the peer's clock is an
+// hour and 250 ms ahead and it echoes a tick 2,000 older than the one sent, so
+// R counts 2,000 more and the difference comes out 1,000 below 3,600,250.
+// The round trip itself adds a step of 4,000 when it crosses one of the coarse
+// clock: a few exchanges give one that does not.
+TEST_F(sock_frame, ATimeAnswerGivesDMinusHalfTheRoundTrip) {
+    uint32_t cli = 0;
+    const int raw = ClientToRaw(&cli);
+    int64_t best = INT64_MAX;
+    for (int16_t tag = 1; tag <= 6 && std::llabs(best - 3599250) > 50; ++tag) {
+        ASSERT_EQ(KWSockTimeSynchro(cli), 1);
+        const std::string request = ReadFrame(raw);
+        ASSERT_EQ(request.size(), 4u + 20 + 5);
+        const auto tick = static_cast<uint32_t>(MsgType::GetI32(request.substr(4 + 20, 4), 0));
+        const auto age = static_cast<int32_t>(GetTickCount() - tick);
+        EXPECT_TRUE(age > -1010000 && age < 1010000) << age;  // a GetTickCount value
+        KWTimeStamp now{};
+        CTimeUTC(&now);
+        std::string data(24, '\0');
+        const uint32_t echoed = tick - 2000;
+        const int64_t ahead = now.seconds * 1000 + now.millis + 3600250;
+        const int64_t secsOut = ahead / 1000;
+        const int16_t w[3] = {static_cast<int16_t>(ahead % 1000), tag, 0};  // milliseconds, zone values
+        std::memcpy(&data[0], &echoed, 4);
+        std::memcpy(&data[8], &secsOut, 8);
+        std::memcpy(&data[16], w, 6);
+        ASSERT_TRUE(WriteAll(raw, ControlFrame(5, data)));
+        ASSERT_TRUE(WaitUntil([&] {
+            uint32_t z1 = 0, z2 = 0;
+            return KWSockTimeZone(cli, &z1, &z2) == 1 && static_cast<int32_t>(z1) == tag;
+        }));
+        uint32_t s = 0, ms = 0;
+        ASSERT_EQ(KWSockTimeDlt(cli, &s, &ms), 1);
+        const int64_t d = int64_t{static_cast<int32_t>(s)} * 1000 + static_cast<int32_t>(ms);
+        if (std::llabs(d - 3599250) < std::llabs(best - 3599250)) best = d;
+    }
+    EXPECT_NEAR(static_cast<double>(best), 3599250.0, 50.0);
 }
 
 TEST_F(sock_frame, RecordsStillQueuedAtCloseComeBackDropped) {
