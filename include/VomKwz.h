@@ -513,7 +513,22 @@ KWZ_API int32_t KWSockNodeOpen(uint32_t port, SockNodeEventFn callback, uint32_t
 /* address "*" broadcasts, "" or NULL reaches the own host. */
 KWZ_API int32_t KWSockSendNode(uint32_t idn, int32_t port, const char* address, const void* data,
                                int32_t length, SockNodeEventFn completion);
+/* Multicast options on a node's socket (value in brackets):
+     1  join a group   ("group" or "group,interface", dotted addresses)
+     2  leave a group  (the same text)
+     3  time-to-live   (const int32_t* hops: the TTL becomes hops + 1)
+     4  outgoing interface for multicast ("interface"; "" or NULL: any)
+     5  multicast loop-back (const int32_t*: 1 on, 0 off)
+   -5 for a text that is not a dotted address or an option the system
+   refuses; an option number outside 1..5 is ignored (0). */
 KWZ_API int32_t KWSockNodeSetOpt(uint32_t idn, int32_t option, const void* value);
+/* Clock synchronisation on a stream connection (SOCK_CLI or SOCK_SRV).
+   KWSockTimeSynchro queues a time request (1 queued, 0 not); the answer comes
+   asynchronously.  Once it has, KWSockTimeDlt gives the peer's clock minus
+   ours less half the round trip, as seconds and milliseconds of the same sign
+   (int32 values in uint32 outputs), and KWSockTimeZone the peer's two zone
+   values, or the pair set with KWSockTimeZoneSet (zone1 = -1 removes it).
+   They return 1 when synchronised, else 0 with zeros. */
 KWZ_API int32_t KWSockTimeSynchro(uint32_t idn);
 KWZ_API int32_t KWSockTimeDlt(uint32_t idn, uint32_t* seconds, uint32_t* millis);
 KWZ_API int32_t KWSockTimeZone(uint32_t idn, uint32_t* zone1, uint32_t* zone2);
