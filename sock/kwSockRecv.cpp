@@ -10,6 +10,8 @@
 // are the same either way; only the copies differ.
 #include <pthread.h>
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -45,6 +47,19 @@ struct FlagScope {
     FlagScope(SockItem* s, uint32_t bit) : S(s), Bit(bit) { S->Flags.fetch_or(Bit); }
     ~FlagScope() { S->Flags.fetch_and(~Bit); }
 };
+
+// True when end of stream on fd was a reset rather than the peer's orderly
+// close.  A Linux socket keeps one pending error after a reset, and whichever
+// call comes first takes it: when the send thread's sendmsg did, recv sees
+// only the end of the stream.  The state tells them apart: the peer's close
+// leaves CLOSE_WAIT, a reset CLOSE.  Where this transport comes from, every
+// call after a reset fails with the reset code, so a reset is a failure here
+// too, whichever thread met it first.
+bool WasReset(int fd) {
+    tcp_info info{};
+    socklen_t len = sizeof info;
+    return getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &len) == 0 && info.tcpi_state == TCP_CLOSE;
+}
 
 // Time-out branch of Recv_All: 0 to give up quietly, -1 to give up, 1 to wait on.
 int RecvTimedOut(SockItem* s) {
@@ -104,8 +119,8 @@ int Recv_All(SockItem* s, int fd, BuffRecvDsc& b, uint8_t* dst, uint32_t n) {
             }
             continue;
         }
-        if (r == 0) return 0;
-        const int err = errno;
+        if (r == 0 && (s->Closing() || !WasReset(fd))) return 0;
+        const int err = r == 0 ? ECONNRESET : errno;
         const int fl = fcntl(fd, F_GETFL);
         const bool nonBlocking = fl != -1 && (fl & O_NONBLOCK);
         // 10060 is the socket time-out where the protocol comes from; on Linux
