@@ -9,11 +9,7 @@
 
 namespace kwztest {
 
-struct LogLine {
-    int32_t level;
-    std::string tag;
-    std::string text;
-};
+struct LogLine { int32_t level; std::string tag, text; };
 
 // Collects every log line while alive (threshold 5 unless given).  The lines
 // live in one process-wide store that is never destroyed, so a worker thread
@@ -34,15 +30,8 @@ public:
     }
     // True when some line has this tag and contains this text.
     bool Has(const std::string& tag, const std::string& text) const {
-        std::lock_guard<std::mutex> lock(Store().mutex);
-        for (const auto& l : Store().lines)
+        for (const auto& l : Lines())
             if (l.tag == tag && l.text.find(text) != std::string::npos) return true;
-        return false;
-    }
-    bool HasText(const std::string& text) const {
-        std::lock_guard<std::mutex> lock(Store().mutex);
-        for (const auto& l : Store().lines)
-            if (l.text.find(text) != std::string::npos) return true;
         return false;
     }
     void Clear() {
@@ -51,10 +40,7 @@ public:
     }
 
 private:
-    struct LineStore {
-        std::mutex mutex;
-        std::vector<LogLine> lines;
-    };
+    struct LineStore { std::mutex mutex; std::vector<LogLine> lines; };
     static LineStore& Store() {
         static LineStore* store = new LineStore;  // never destroyed: see above
         return *store;

@@ -74,11 +74,5 @@ inline KWRVal TextCell(uint8_t type, const char* text, uint32_t n) {
     std::memcpy(c.value + 4, &text, sizeof text);
     return c;
 }
-inline KWRVal NullCell(uint8_t type) {
-    KWRVal c{};
-    c.type = type;
-    c.isNull = 1;
-    return c;
-}
 
 }  // namespace rectest

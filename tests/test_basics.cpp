@@ -10,6 +10,7 @@
 #include <random>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -53,7 +54,7 @@ TEST(basics_Ticks, CoarseFormulaAndSteadyClock) {
         clock_gettime(CLOCK_REALTIME_COARSE, &after);
         if (before.tv_sec != after.tv_sec || before.tv_nsec != after.tv_nsec) continue;
         const uint64_t expect = uint64_t(before.tv_sec) * 1000 + uint64_t(before.tv_nsec) / 1000;
-        EXPECT_TRUE(t64 == expect && t32 == uint32_t(expect) && c32 == uint32_t(expect));
+        EXPECT_EQ(std::make_tuple(t64, t32, c32), std::make_tuple(expect, uint32_t(expect), uint32_t(expect)));
         break;
     }
     EXPECT_LT(tries, 1000) << "the coarse clock never held still";
@@ -78,13 +79,9 @@ struct basics_Time : ::testing::Test {
 
 TEST_F(basics_Time, ZoneStampAndConversions) {
     const std::string z32(32, 'Z');  // a 32-character name fills the field, unterminated
-    const struct {
-        std::string tz;
-        int64_t bias;
-        int32_t result;
-        std::string name;
-    } zones[] = {{"EST5EDT,M3.2.0,M11.1.0", 300, 2, "EST"}, {"AAA3:30:30", 210, 0, "AAA"},
-                 {"BBB-3:30:30", -210, 0, "BBB"}, {"<" + z32 + ">0", 0, 0, z32}};
+    const struct { std::string tz; int64_t bias; int32_t result; std::string name; } zones[] = {
+        {"EST5EDT,M3.2.0,M11.1.0", 300, 2, "EST"}, {"AAA3:30:30", 210, 0, "AAA"},
+        {"BBB-3:30:30", -210, 0, "BBB"}, {"<" + z32 + ">0", 0, 0, z32}};
     for (const auto& z : zones) {
         setenv("TZ", z.tz.c_str(), 1);
         KWTimeZone info;
@@ -101,12 +98,11 @@ TEST_F(basics_Time, ZoneStampAndConversions) {
     struct tm tm{};
     const int64_t july = 1720000000;  // 2024-07-03 09:46:40 UTC
     ASSERT_EQ(CTimeLocal(july, &tm), 1);
-    EXPECT_TRUE(tm.tm_hour == 5 && tm.tm_isdst == 1 && tm.tm_gmtoff == -4 * 3600);
+    EXPECT_EQ(std::make_tuple(tm.tm_hour, tm.tm_isdst, tm.tm_gmtoff), std::make_tuple(5, 1, -4L * 3600));
     int64_t back = 0;
     ASSERT_EQ(CTimeMake(&tm, &back), 1);
     EXPECT_EQ(back, july);
-    EXPECT_EQ(CTimeMake(nullptr, &back), 0);
-    EXPECT_EQ(back, -1);
+    EXPECT_TRUE(CTimeMake(nullptr, &back) == 0 && back == -1);
 }
 
 void* P(intptr_t v) { return reinterpret_cast<void*>(v); }
@@ -124,29 +120,24 @@ TEST(basics_List, GrowthSteps) {
     KWLClear(&l);
     KWLCount(&l, 3);  // exactly 3 slots of null items
     EXPECT_EQ(KWLInsert(&l, 1000, P(7)), 3);
-    EXPECT_TRUE(l.capacity == 19 && !l.items[0]);
+    EXPECT_EQ(std::make_tuple(l.capacity, l.items[0]), std::make_tuple(19, nullptr));
     KWLClear(&l);
 }
 
 // Edits that move items, with out-of-range indexes ignored.
 TEST(basics_List, MoveDeleteRemove) {
-    const struct {
-        int op;  // 0 move(a, b), 1 delete(a), 2 remove(item a)
-        int32_t a, b;
-        std::vector<intptr_t> after;
-    } cases[] = {{0, 0, 3, {2, 3, 4, 1, 5}}, {0, 4, 1, {1, 5, 2, 3, 4}}, {0, 2, 2, {1, 2, 3, 4, 5}},
-                 {0, 1, 5, {1, 2, 3, 4, 5}}, {1, 0, 0, {2, 3, 4, 5}},      {1, 4, 0, {1, 2, 3, 4}},
-                 {1, 5, 0, {1, 2, 3, 4, 5}}, {2, 3, 2, {1, 2, 4, 5}},      {2, 9, -1, {1, 2, 3, 4, 5}}};
+    // op: 0 move(a, b), 1 delete(a), 2 remove(item a)
+    const struct { int op; int32_t a, b; std::vector<intptr_t> after; } cases[] = {
+        {0, 0, 3, {2, 3, 4, 1, 5}}, {0, 4, 1, {1, 5, 2, 3, 4}}, {0, 2, 2, {1, 2, 3, 4, 5}},
+        {0, 1, 5, {1, 2, 3, 4, 5}}, {1, 0, 0, {2, 3, 4, 5}},      {1, 4, 0, {1, 2, 3, 4}},
+        {1, 5, 0, {1, 2, 3, 4, 5}}, {2, 3, 2, {1, 2, 4, 5}},      {2, 9, -1, {1, 2, 3, 4, 5}}};
     for (const auto& c : cases) {
         KWList l;
         KWLInit(&l);
         for (intptr_t v = 1; v <= 5; ++v) KWLAdd(&l, P(v));
         if (c.op == 0) KWLMove(&l, c.a, c.b);
-        if (c.op == 1) {
-            EXPECT_EQ(KWLDel(&l, c.a), c.a < 5 ? P(c.a + 1) : nullptr);
-        } else if (c.op == 2) {
-            EXPECT_EQ(KWLRemove(&l, P(c.a)), c.b);
-        }
+        if (c.op == 1) { EXPECT_EQ(KWLDel(&l, c.a), c.a < 5 ? P(c.a + 1) : nullptr); }
+        if (c.op == 2) { EXPECT_EQ(KWLRemove(&l, P(c.a)), c.b); }
         std::vector<void*> after;
         for (intptr_t v : c.after) after.push_back(P(v));
         EXPECT_EQ(std::vector<void*>(l.items, l.items + l.count), after) << c.op << " " << c.a << " " << c.b;
@@ -165,19 +156,13 @@ TEST(basics_List, Seek) {
     KWList l;
     KWLInit(&l);
     int32_t pos = -9;
-    EXPECT_EQ(KWLSeek(nullptr, &l, CompareInts, &key, &pos), 0);
-    EXPECT_EQ(pos, 0);
+    EXPECT_TRUE(KWLSeek(nullptr, &l, CompareInts, &key, &pos) == 0 && pos == 0);  // an empty list
     for (int& v : values) KWLAdd(&l, &v);
     // A key descriptor begins with its option word, the only part KWLSeek reads.
-    struct KeyOptions {
-        uint32_t options;
-    } plain{iKeyOpt_Primary | iKeyOpt_Descending}, unique{iKeyOpt_Unique};
-    const struct {
-        KeyOptions* context;
-        int key;
-        int32_t found, position;
-    } cases[] = {{nullptr, 2, 1, 1}, {nullptr, 3, 0, 4}, {nullptr, 0, 0, 0}, {nullptr, 6, 0, 5},
-                 {&plain, 2, 1, 1},  {&unique, 2, 1, 2}, {&unique, 3, 0, 4}, {&unique, 1, 1, 0}};
+    struct KeyOptions { uint32_t options; } plain{iKeyOpt_Primary | iKeyOpt_Descending}, unique{iKeyOpt_Unique};
+    const struct { KeyOptions* context; int key; int32_t found, position; } cases[] = {
+        {nullptr, 2, 1, 1}, {nullptr, 3, 0, 4}, {nullptr, 0, 0, 0}, {nullptr, 6, 0, 5},
+        {&plain, 2, 1, 1},  {&unique, 2, 1, 2}, {&unique, 3, 0, 4}, {&unique, 1, 1, 0}};
     for (const auto& c : cases) {
         key = c.key;
         EXPECT_EQ(KWLSeek(c.context, &l, CompareInts, &key, &pos), c.found) << c.key;
@@ -208,10 +193,7 @@ TEST(basics_Sort, QuickSortAgreesWithStdSort) {
 }
 
 TEST(basics_Sort, StricmpRus) {
-    const struct {
-        const char *a, *b;
-        int32_t result;
-    } cases[] = {
+    const struct { const char *a, *b; int32_t result; } cases[] = {
         {"Abc", "aBC", 0}, {"a", "", 1}, {"abc", "ABCD", -1},
         {"\xFF", "\xDF", 0}, {"\xE0\xE1", "\xC0\xC1", 0},  // я Я, аб АБ
         {"\xB8", "\xA8", 1},                               // ё and Ё stay apart

