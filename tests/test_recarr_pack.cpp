@@ -12,19 +12,6 @@ namespace {
 
 const std::string kData = KWZ_TEST_DATA_DIR;
 
-// The array pinned by tests/data/recarr_table_*.bin: A I4, B CH10, key "A"
-// Unique; rows (-1, null) and (7, "hi") when `rows`.
-void BuildSmall(KWArray* a, bool rows) {
-    const KWRFieldDef fields[] = {Field("A", iFldType_Int32), Field("B", iFldType_Char, 10)};
-    const KWAKeyDef key = Key("A", iKeyOpt_Unique);
-    KWAFldAdd(a, 2, fields);
-    KWAKeyAdd(a, 1, &key);
-    if (rows) {
-        Add(a, {I4(7), Text("hi")});
-        Add(a, {I4(-1), Null()});
-    }
-}
-
 // Every field type, three keys, texts in and out of the images.
 void BuildWide(KWArray* a, int rows) {
     const KWRFieldDef fields[] = {
@@ -64,20 +51,21 @@ std::vector<uint8_t> PackBuff(KWArray* a) {
 
 }  // namespace
 
+// The tables pinned by tests/data/recarr_table_*.bin: fields A I4 and B CH10,
+// key "A" Unique, without records and with (-1, null) and (7, "hi").  The
+// older layout reads to the same array, which writes version "2".
 TEST(recarr_Pack, GoldenTables) {
-    Array empty;
-    BuildSmall(empty, false);
+    Array a({Field("A", iFldType_Int32), Field("B", iFldType_Char, 10)}, {Key("A", iKeyOpt_Unique)});
     const std::vector<uint8_t> expectEmpty = ReadFile(kData + "/recarr_table_empty.bin");
-    EXPECT_EQ(KWAPack(empty, nullptr), expectEmpty.size());
-    EXPECT_EQ(Pack(empty), expectEmpty);
+    EXPECT_EQ(KWAPack(a, nullptr), expectEmpty.size());
+    EXPECT_EQ(Pack(a), expectEmpty);
 
-    Array rows;
-    BuildSmall(rows, true);
+    Add(a, {I4(7), Text("hi")});
+    Add(a, {I4(-1), Null()});
     const std::vector<uint8_t> expectRows = ReadFile(kData + "/recarr_table_rows.bin");
-    EXPECT_EQ(Pack(rows), expectRows);
-    EXPECT_EQ(PackBuff(rows), expectRows);
+    EXPECT_EQ(Pack(a), expectRows);
+    EXPECT_EQ(PackBuff(a), expectRows);
 
-    // The older layout reads to the same array, which writes version "2".
     for (const char* file : {"/recarr_table_rows.bin", "/recarr_table_rows_old.bin"}) {
         const std::vector<uint8_t> table = ReadFile(kData + file);
         for (bool forRead : {false, true}) {
@@ -91,6 +79,8 @@ TEST(recarr_Pack, GoldenTables) {
     }
 }
 
+// A table of every field type reads back (either way) and converts between
+// the storages keeping the table's bytes and every key's order.
 TEST(recarr_Pack, RoundTripsByteForByte) {
     Array a;
     BuildWide(a, 3000);
@@ -102,13 +92,11 @@ TEST(recarr_Pack, RoundTripsByteForByte) {
         Array back;
         ASSERT_EQ(forRead ? KWAUnpackForRead(back, table.data()) : static_cast<int64_t>(KWAUnpack(back, table.data())),
                   static_cast<int64_t>(table.size()));
-        EXPECT_EQ(Pack(back), table);
-        EXPECT_EQ(Ints(back, 0, "id"), Ints(a, 0, "id"));
+        EXPECT_EQ(Pack(back), table);  // key-0 order and images
         EXPECT_EQ(Texts(back, 1, "name"), Texts(a, 1, "name"));
         EXPECT_EQ(Texts(back, 2, "memo"), Texts(a, 2, "memo"));
     }
 
-    // Converting in both directions keeps every key's order.
     Array converted;
     KWAUnpack(converted, table.data());
     EXPECT_EQ(KWAPackForRead(converted), 0);
@@ -119,84 +107,71 @@ TEST(recarr_Pack, RoundTripsByteForByte) {
     EXPECT_EQ(Texts(converted, 2, "memo"), Texts(a, 2, "memo"));
 }
 
+// A wrong magic is refused; a table with records but no keys gives the
+// fields only.
 TEST(recarr_Pack, RefusedAndPartialTables) {
     std::vector<uint8_t> table = ReadFile(kData + "/recarr_table_rows.bin");
     Array a;
     table[2] = 'a';
     EXPECT_EQ(KWAUnpack(a, table.data()), 0u);
     EXPECT_EQ(KWAUnpackForRead(a, table.data()), 0);
-    table[2] = 'A';
 
-    // A table with records but no keys gives the fields only.
-    Array keyless;
-    KWAFldAdd(keyless, 1, std::vector<KWRFieldDef>{Field("x", iFldType_Int32)}.data());
+    Array keyless({Field("x", iFldType_Int32)});
     Add(keyless, {I4(1)});
     KWAKeyDel(keyless, 0);
     std::vector<uint8_t> t = Pack(keyless);
-    ASSERT_EQ(t[5], 1);  // the emptied key 0 is still there; drop it by hand
-    std::vector<uint8_t> noKeys(t.begin(), t.begin() + 18 + 4);
-    noKeys.insert(noKeys.end(), t.begin() + 18 + 4 + 5, t.end());
-    noKeys[5] = 0;
-    const uint32_t total = static_cast<uint32_t>(noKeys.size());
-    std::memcpy(&noKeys[10], &total, 4);
-    Array back;
-    EXPECT_EQ(KWAUnpack(back, noKeys.data()), total);
-    EXPECT_EQ(KWAType(back)->fieldCount, 1);
-    EXPECT_EQ(KWARecCount(back), 0);
+    ASSERT_EQ(t[5], 1);  // the emptied key 0 is still there: drop its descriptor ("\0", options) by hand
+    t.erase(t.begin() + 18 + 4, t.begin() + 18 + 4 + 5);
+    t[5] = 0;
+    const uint32_t total = static_cast<uint32_t>(t.size());
+    std::memcpy(&t[10], &total, 4);
+    for (bool forRead : {false, true}) {
+        Array back;
+        EXPECT_EQ(KWAUnpackChecked(back, t.data(), t.size(), forRead), total);
+        EXPECT_EQ(KWAType(back)->fieldCount, 1);
+        EXPECT_EQ(KWARecCount(back), 0);
+    }
 }
 
-TEST(recarr_Store, AddPostAndDeleteInReadMode) {
-    Array src;
-    BuildSmall(src, true);
+// In read mode additions go to the shared blocks, placed as posts place
+// them; a post of the same length is written into place and one of another
+// length refused; a delete converts the storage back, keeping positions.
+TEST(recarr_Store, PostsAndDeletesInReadMode) {
+    Array src({Field("A", iFldType_Int32), Field("memo", iFldType_Memo)}, {Key("A")});
+    Add(src, {I4(7), Text("abc", iFldType_Memo)});
+    Add(src, {I4(-1), Null()});
     const std::vector<uint8_t> table = Pack(src);
     Array a;
     ASSERT_GT(KWAUnpackForRead(a, table.data()), 0);
-
-    // Additions go to the shared blocks, placed as posts place them.
-    for (int v : {5, 100, -7, 3}) ASSERT_NE(Add(a, {I4(v), Text("x")}), nullptr);
+    for (int v : {5, 100, -7, 3}) ASSERT_NE(Add(a, {I4(v), Text("x", iFldType_Memo)}), nullptr);
     EXPECT_EQ(Ints(a, 0, "A"), (std::vector<int64_t>{-7, -1, 3, 5, 7, 100}));
 
-    // A working copy of the same length is written into place.
     KWRData* m7 = KWARec(a, 0, 4);
     KWRData* copy = KWARecEdit(m7);
+    KWRSetAsText(a.F("memo"), copy, 5, "abcde");
+    EXPECT_EQ(KWARecPost(copy, nullptr), -2);
+    KWARecDel(copy);
+    copy = KWARecEdit(m7);
     KWRSetAsInt32(a.F("A"), copy, 50);
     KWRData* out = nullptr;
     ASSERT_EQ(KWARecPost(copy, &out), 0);
     EXPECT_EQ(out, m7);
     EXPECT_EQ(Ints(a, 0, "A"), (std::vector<int64_t>{-7, -1, 3, 5, 50, 100}));
-    // A change in place is packed into place too.
-    KWRSetAsText(a.F("B"), m7, 5, "hello");
+    // In place: a longer text moves out of the image; the same length packs back.
+    KWRSetAsText(a.F("memo"), m7, 6, "longer");
+    EXPECT_EQ(KWARecPost(m7, &out), -2);
+    KWRSetAsText(a.F("memo"), m7, 3, "xyz");
     EXPECT_EQ(KWARecPost(m7, &out), 0);
-    EXPECT_EQ(AsText(a, m7, "B"), "hello");
+    EXPECT_EQ(AsText(a, m7, "memo"), "xyz");
     EXPECT_EQ(KWARec(a, 0, 4), m7);  // still stored: no conversion so far
 
-    // Deleting converts the storage back; positions are kept.
     EXPECT_EQ(KWARecDel(KWARec(a, 0, 1)), 0);
     EXPECT_EQ(Ints(a, 0, "A"), (std::vector<int64_t>{-7, 3, 5, 50, 100}));
-    EXPECT_EQ(AsText(a, KWARec(a, 0, 3), "B"), "hello");
+    EXPECT_EQ(AsText(a, KWARec(a, 0, 3), "memo"), "xyz");
 }
 
-TEST(recarr_Store, LengthChangeInReadModeIsRefused) {
-    Array src({Field("id", iFldType_Int32), Field("memo", iFldType_Memo)}, {Key("id")});
-    Add(src, {I4(1), Text("abc", iFldType_Memo)});
-    Add(src, {I4(2), Text("def", iFldType_Memo)});
-    const std::vector<uint8_t> table = Pack(src);
-    Array a;
-    ASSERT_GT(KWAUnpackForRead(a, table.data()), 0);
-    KWRData* m = KWARec(a, 0, 0);
-    KWRData* copy = KWARecEdit(m);
-    KWRSetAsText(a.F("memo"), copy, 5, "abcde");
-    EXPECT_EQ(KWARecPost(copy, nullptr), -2);
-    KWARecDel(copy);
-    // In place: a longer text moves out of the image; same length packs back.
-    KWRSetAsText(a.F("memo"), m, 6, "longer");
-    EXPECT_EQ(KWARecPost(m, nullptr), -2);
-    KWRSetAsText(a.F("memo"), m, 3, "xyz");
-    EXPECT_EQ(KWARecPost(m, nullptr), 0);
-    EXPECT_EQ(AsText(a, m, "memo"), "xyz");
-    EXPECT_EQ(Pack(a).size(), table.size());
-}
-
+// Thousands of additions in read mode, some needing a data block of their
+// own, keep their order and pack like the converted array.
 TEST(recarr_Store, ManyAdditionsSpanBlocks) {
     Array a({Field("id", iFldType_Int32), Field("memo", iFldType_Memo)},
             {Key("id"), Key("memo", iKeyOpt_CaseInsensitive)});
@@ -220,16 +195,18 @@ TEST(recarr_Store, ManyAdditionsSpanBlocks) {
     EXPECT_EQ(Pack(a), table);
 }
 
+// The checked reader takes a good table, refuses every truncation and
+// each damage below, and survives random damage.
 TEST(table_Checked, RefusesMalformedTables) {
     Array src;
     BuildWide(src, 40);
     const std::vector<uint8_t> table = Pack(src);
     Array a;
-    EXPECT_EQ(KWAUnpackChecked(a, table.data(), table.size(), false), static_cast<int64_t>(table.size()));
-    EXPECT_EQ(KWAUnpackChecked(a, table.data(), table.size(), true), static_cast<int64_t>(table.size()));
+    for (bool forRead : {false, true})
+        EXPECT_EQ(KWAUnpackChecked(a, table.data(), table.size(), forRead), static_cast<int64_t>(table.size()));
     EXPECT_EQ(Pack(a), table);
 
-    // Truncated, with the total patched to the cut length: every cut is refused.
+    // Truncated, with the total patched to the cut length.
     for (size_t n = 0; n < table.size(); ++n) {
         std::vector<uint8_t> cut(table.begin(), table.begin() + static_cast<std::ptrdiff_t>(n));
         if (n >= 14) {
@@ -239,23 +216,16 @@ TEST(table_Checked, RefusesMalformedTables) {
         ASSERT_EQ(KWAUnpackChecked(a, cut.data(), cut.size(), n & 1), -2) << n;
     }
 
-    // Specific damage.
-    struct Damage { const char* what; size_t at; uint8_t value; };
     const size_t firstType = 18 + 3 + 1;  // "id\0", width, type
     const char nameField[] = "name";
     const size_t nameWidth =
         static_cast<size_t>(std::search(table.begin(), table.end(), nameField, nameField + 5) - table.begin()) + 5;
-    const std::vector<Damage> damages = {
-        {"magic", 1, 'r'},
-        {"type code 0", firstType, 0},
-        {"type code 12", firstType, 12},
-        {"CH width 0", nameWidth, 0},
-        {"total beyond length", 13, 1},
-    };
-    for (const auto& d : damages) {
+    // The magic, type codes 0 and 12, "CH" width 0, a total beyond the length.
+    const std::pair<size_t, uint8_t> damages[] = {{1, 'r'}, {firstType, 0}, {firstType, 12}, {nameWidth, 0}, {13, 1}};
+    for (const auto& [at, value] : damages) {
         std::vector<uint8_t> bad = table;
-        bad[d.at] = d.value;
-        EXPECT_EQ(KWAUnpackChecked(a, bad.data(), bad.size(), false), -2) << d.what;
+        bad[at] = value;
+        EXPECT_EQ(KWAUnpackChecked(a, bad.data(), bad.size(), false), -2) << at;
     }
 
     // Random damage never crashes (the sanitizer build watches the reads).
@@ -268,22 +238,19 @@ TEST(table_Checked, RefusesMalformedTables) {
     }
 }
 
+// A table whose key-0 order is not sorted (written elsewhere, or damaged):
+// seeks still give what KWLSeek gives over that order, until it is sorted.
 TEST(recarr_Pack, UnsortedTableSeeksLikeTheListSearch) {
-    // A table whose key-0 order is not sorted (written elsewhere, or
-    // damaged): seeks must still give what KWLSeek gives over that order.
     Array src({Field("id", iFldType_Int32)}, {Key("id", iKeyOpt_Unique)});
     for (int i = 0; i < 300; ++i) Add(src, {I4(i * 2)});
     std::vector<uint8_t> table = Pack(src);
     const size_t first = 18 + 5 + 7, size = 6 + 5;  // "id" descriptor, key descriptor; image length
     for (size_t i = 0; i < 40; ++i)  // swap images i and 299 - i
-        std::swap_ranges(table.begin() + static_cast<std::ptrdiff_t>(first + i * size),
-                         table.begin() + static_cast<std::ptrdiff_t>(first + (i + 1) * size),
-                         table.begin() + static_cast<std::ptrdiff_t>(first + (299 - i) * size));
+        std::swap_ranges(&table[first + i * size], &table[first + (i + 1) * size], &table[first + (299 - i) * size]);
     for (bool forRead : {false, true}) {
         Array a;
         ASSERT_EQ(KWAUnpackChecked(a, table.data(), table.size(), forRead), static_cast<int64_t>(table.size()));
         ExpectSeeksLikeList(a, 0, -1, 600);
-        // Sorting makes it a sorted key again.
         ASSERT_EQ(KWARecSort(a, 0), 0);
         KWRVal cell = I4(8);
         int32_t pos = -1;
@@ -292,13 +259,14 @@ TEST(recarr_Pack, UnsortedTableSeeksLikeTheListSearch) {
     }
 }
 
+// A copy of a read-mode source takes a stored member's change made in
+// place, and leaves the source's stored image alone.
 TEST(recarr_Store, CopyOfAReadModeSource) {
     Array src;
     BuildWide(src, 200);
     const std::vector<uint8_t> table = Pack(src);
     Array a;
     ASSERT_GT(KWAUnpackForRead(a, table.data()), 0);
-    // A stored member changed in place (text moved out of the shared block).
     KWRData* m = KWARec(a, 0, 5);
     KWRSetAsText(a.F("memo"), m, 50, std::string(50, 'q').c_str());
     Array copy;
@@ -306,6 +274,5 @@ TEST(recarr_Store, CopyOfAReadModeSource) {
     EXPECT_EQ(AsText(copy, KWARec(copy, 0, 5), "memo"), std::string(50, 'q'));
     EXPECT_EQ(Ints(copy, 0, "id"), Ints(a, 0, "id"));
     EXPECT_EQ(Texts(copy, 1, "name"), Texts(a, 1, "name"));
-    // The source's stored image is untouched until it is posted.
     EXPECT_EQ(m->state, 255);
 }

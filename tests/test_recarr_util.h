@@ -14,30 +14,22 @@
 namespace recarrtest {
 
 inline KWRFieldDef Field(const char* name, uint8_t type, uint8_t width = 0) {
-    KWRFieldDef d{};
+    KWRFieldDef d{{}, width, type};
     std::strncpy(d.name, name, sizeof d.name - 1);
-    d.type = type;
-    d.width = width;
     return d;
 }
 
 inline KWAKeyDef Key(const char* expression, uint32_t options = 0) {
-    KWAKeyDef k{};
+    KWAKeyDef k{{}, {}, options};
     std::strncpy(k.expression, expression, sizeof k.expression - 1);
-    k.options = options;
     return k;
 }
 
-inline KWRVal Null() {
-    KWRVal v{};
-    v.isNull = 1;
-    return v;
-}
+inline KWRVal Null() { return KWRVal{0, 1, {}}; }
 
 template <typename T>
 KWRVal Num(uint8_t type, T value) {
-    KWRVal v{};
-    v.type = type;
+    KWRVal v{type, 0, {}};
     std::memcpy(v.value, &value, sizeof value);
     return v;
 }
@@ -47,8 +39,7 @@ inline KWRVal F8(double x) { return Num(iFldType_Double, x); }
 
 // A text cell; the pointer must outlive the cell's use.
 inline KWRVal Text(const char* text, uint8_t type = iFldType_Char, int32_t length = -1) {
-    KWRVal v{};
-    v.type = type;
+    KWRVal v{type, 0, {}};
     const uint32_t n = length >= 0 ? static_cast<uint32_t>(length) : static_cast<uint32_t>(std::strlen(text));
     std::memcpy(v.value, &n, 4);
     std::memcpy(v.value + 4, &text, sizeof text);
@@ -84,8 +75,7 @@ inline std::string AsText(KWArray* a, const KWRData* rec, const char* field) {
     uint32_t n = 0;
     const char* p = nullptr;
     const uint32_t rc = KWRGetTextRef(KWRFldByName(KWAType(a), field), rec, &n, &p);
-    if (rc == 2) return "<null>";
-    return p ? std::string(p, n) : std::string();
+    return rc == 2 ? "<null>" : p ? std::string(p, n) : std::string();
 }
 
 // The field's values in the order of a key, nulls as INT64_MIN.
@@ -117,24 +107,21 @@ inline void ExpectSeeksLikeList(KWArray* a, int32_t key, int32_t from, int32_t t
     KWList list;
     KWLInit(&list);
     for (int32_t i = 0; KWRData* r = KWARec(a, key, i); ++i) KWLAdd(&list, r);
-    KWAKey* desc = KeyOf(a, key);
+    KWRData* probe = field ? KWARecNew(a) : nullptr;
     for (int32_t v = from; v <= to; ++v) {
         KWRVal cell = I4(v);
-        int32_t pos = -1, listPos = -2;
+        int32_t pos = -1, listPos = -2, recPos = -3;
         KWRData* found = KWARecSeekV(a, key, &cell, &pos);
-        const int32_t listFound = KWLSeek(desc, &list, KWAVarComp, &cell, &listPos);
+        const int32_t listFound = KWLSeek(KeyOf(a, key), &list, KWAVarComp, &cell, &listPos);
         ASSERT_EQ(pos, listPos) << "key " << key << " value " << v;
         ASSERT_EQ(found != nullptr, listFound == 1) << "key " << key << " value " << v;
         ASSERT_TRUE(!found || found == KWARec(a, key, pos));
-        if (!field) continue;
-        KWRData* probe = KWARecNew(a);
+        if (!probe) continue;
         KWRSetAsInt32(KWRFldByName(KWAType(a), field), probe, v);
-        int32_t recPos = -3;
-        KWRData* byRecord = KWARecSeek(a, key, probe, &recPos);
-        KWARecDel(probe);
+        ASSERT_EQ(KWARecSeek(a, key, probe, &recPos), found);
         ASSERT_EQ(recPos, pos);
-        ASSERT_EQ(byRecord, found);
     }
+    KWARecDel(probe);
     KWLClear(&list);
 }
 
