@@ -5,13 +5,14 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "kwz_test_util.h"
@@ -23,23 +24,16 @@ constexpr uint32_t kChunk = 64480;
 
 // Lines of text that LZO shrinks well; the same bytes on every run.
 Bytes Text(size_t n) {
-    Bytes out;
-    char line[128];
-    for (unsigned i = 0; out.size() < n; ++i) {
-        int len = std::snprintf(line, sizeof line,
-                                "%05u the quick brown fox jumps over the lazy dog; record %u\n", i,
-                                i * 7919 % 1000);
-        out.insert(out.end(), line, line + len);
-    }
-    out.resize(n);
-    out.shrink_to_fit();
-    return out;
+    std::string s;
+    for (unsigned i = 0; s.size() < n; ++i)
+        s += std::to_string(100000 + i).substr(1) + " the quick brown fox jumps over the lazy dog; record " +
+             std::to_string(i * 7919 % 1000) + "\n";
+    return Bytes(s.begin(), s.begin() + long(n));
 }
 
-// Bytes that do not compress (xorshift32).
-Bytes Random(size_t n, uint32_t seed) {
+// Bytes that do not compress (xorshift32; x is not 0 unless n is).
+Bytes Random(size_t n, uint32_t x) {
     Bytes out(n);
-    uint32_t x = seed ? seed : 1;
     for (auto& b : out) {
         x ^= x << 13;
         x ^= x >> 17;
@@ -79,16 +73,16 @@ Bytes Compress(const Bytes& in) {
 }
 
 // KWZDataDeCompress over an exact-size copy, so that a read past the end is
-// a sanitizer report.
-int32_t Decompress(const Bytes& container, Bytes* out) {
+// a sanitizer report.  The call must return `want`; its output.
+Bytes Decompress(const Bytes& container, int32_t want = 0) {
     Bytes exact(container);
     exact.shrink_to_fit();
     int32_t len = -1;
     void* block = reinterpret_cast<void*>(1);
-    int32_t rc = KWZDataDeCompress(int32_t(exact.size()), exact.data(), &len, &block);
+    const int32_t rc = KWZDataDeCompress(int32_t(exact.size()), exact.data(), &len, &block);
+    EXPECT_EQ(rc, want);
     EXPECT_TRUE(rc == 0 || block == nullptr) << "failure left a block";
-    *out = rc == 0 ? Take(block, len) : Bytes();
-    return rc;
+    return rc == 0 ? Take(block, len) : Bytes();
 }
 
 struct Chunk {
@@ -98,9 +92,8 @@ struct Chunk {
 // Parses the chunk headers the test's own way (sscanf), for checks.
 std::vector<Chunk> Chunks(const Bytes& c) {
     std::vector<Chunk> out;
-    EXPECT_GE(c.size(), 12u);
-    EXPECT_EQ(std::string(c.begin(), c.begin() + 4), "#LZ2");
-    for (size_t pos = 4; pos + 8 <= c.size();) {
+    EXPECT_EQ(std::string(c.begin(), c.begin() + long(std::min<size_t>(4, c.size()))), "#LZ2");
+    for (size_t pos = 4; pos + 8 <= c.size(); pos += 8 + out.back().stored) {
         std::string head(c.begin() + long(pos), c.begin() + long(pos) + 8);
         unsigned s = 0, l = 0;
         EXPECT_EQ(std::sscanf(head.c_str(), "%4X%4X", &s, &l), 2) << head;
@@ -109,7 +102,6 @@ std::vector<Chunk> Chunks(const Bytes& c) {
             return out;
         }
         out.push_back({s, l});
-        pos += 8 + s;
     }
     ADD_FAILURE() << "no terminator";
     return out;
@@ -119,11 +111,9 @@ std::vector<Chunk> Chunks(const Bytes& c) {
 // out in pieces whose sizes cycle through `reads`, and the output, taken in
 // pieces of at most the next `writes` size.
 struct Pipe {
-    explicit Pipe(const Bytes* input, std::vector<int32_t> r = {1 << 30}, std::vector<int32_t> w = {1 << 30})
-        : in(input), reads(std::move(r)), writes(std::move(w)) {}
     const Bytes* in;
-    std::vector<int32_t> reads, writes;
-    Bytes out;
+    std::vector<int32_t> reads = {1 << 30}, writes = {1 << 30};
+    Bytes out = {};
     size_t pos = 0, readTurn = 0, writeTurn = 0;
 };
 
@@ -144,15 +134,13 @@ int32_t WritePieces(void* context, const void* buffer, int32_t size) {
     return n;
 }
 
-// The streaming writer or reader over `in`; *consumed is the input it read.
-bool Stream(bool compress, const Bytes& in, Bytes* out, std::vector<int32_t> reads = {1 << 30},
-            std::vector<int32_t> writes = {1 << 30}, size_t* consumed = nullptr) {
-    Pipe pipe(&in, std::move(reads), std::move(writes));
-    bool ok = compress ? LZOPCompress(&pipe, ReadPieces, WritePieces)
-                       : LZOPDecompress(&pipe, ReadPieces, WritePieces, 0);
-    *out = pipe.out;
-    if (consumed) *consumed = pipe.pos;
-    return ok;
+// The streaming writer or reader over `in`, which must return `ok`; its output.
+Bytes Stream(bool compress, const Bytes& in, bool ok = true, std::vector<int32_t> reads = {1 << 30},
+             std::vector<int32_t> writes = {1 << 30}) {
+    Pipe pipe{&in, std::move(reads), std::move(writes)};
+    EXPECT_EQ(ok, compress ? LZOPCompress(&pipe, ReadPieces, WritePieces)
+                           : LZOPDecompress(&pipe, ReadPieces, WritePieces, 0));
+    return pipe.out;
 }
 
 // ============================================================ container layout
@@ -186,46 +174,31 @@ TEST(lzopContainer, ChunksStoredChunksAndBound) {
                 const uint32_t raw = chunks[i].length ? chunks[i].length : chunks[i].stored;
                 EXPECT_EQ(raw, std::min<size_t>(kChunk, n - i * kChunk)) << "chunk " << i;
                 EXPECT_TRUE(chunks[i].length == 0 || chunks[i].stored < chunks[i].length);
-                EXPECT_TRUE(!random || chunks[i].length == 0);
             }
-            // Stored data costs its headers; text shrinks once there is enough of it.
+            // Stored data costs its headers (with the checks above: every chunk
+            // of random data is stored); text shrinks once there is enough of it.
             EXPECT_TRUE(random ? c.size() == n + 8 * chunks.size() + 12 : c.size() < n || n < kChunk / 2);
-            Bytes back;
-            ASSERT_EQ(Decompress(c, &back), 0);
-            EXPECT_EQ(back, in);
+            EXPECT_EQ(Decompress(c), in);
         }
     }
 }
 
-// The bytes written are pinned by golden files (LZO1X-1 output is stable).
-// The older "#LZP" container carries the same chunk stream; only the
-// streaming reader takes it.
+// The bytes written are pinned by golden files (LZO1X-1 output is stable),
+// which the streaming reader decodes in odd pieces.  The older "#LZP"
+// container carries the same chunk stream; to the data helper it is not a
+// container at all, so it comes back as it is.
 TEST(lzopContainer, GoldenFiles) {
-    const struct {
-        const char* file;
-        Bytes input;
-    } cases[] = {
-        {"lzop_text.lz2", Text(150000)},
-        {"lzop_stored.lz2", Random(100, 1)},
-        {"lzop_old.lzp", Text(1000)},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.file);
-        const bool old = std::strstr(c.file, ".lzp") != nullptr;
-        Bytes container = Compress(c.input), back;
+    const std::pair<const char*, Bytes> cases[] = {
+        {"lzop_text.lz2", Text(150000)}, {"lzop_stored.lz2", Random(100, 1)}, {"lzop_old.lzp", Text(1000)}};
+    for (const auto& [file, input] : cases) {
+        SCOPED_TRACE(file);
+        const bool old = std::strstr(file, ".lzp") != nullptr;
+        const Bytes golden = Golden(file);
+        Bytes container = Compress(input);
         if (old) std::memcpy(container.data(), "#LZP", 4);
-        if (std::getenv("KWZ_WRITE_GOLDEN")) {
-            std::ofstream(std::string(KWZ_TEST_DATA_DIR) + "/" + c.file, std::ios::binary)
-                .write(reinterpret_cast<const char*>(container.data()), long(container.size()));
-        }
-        const Bytes golden = Golden(c.file);
         EXPECT_EQ(container, golden);
-        if (old) {
-            ASSERT_TRUE(Stream(false, golden, &back, {5, 11}));
-        } else {
-            ASSERT_EQ(Decompress(golden, &back), 0);
-        }
-        EXPECT_EQ(back, c.input);
+        EXPECT_EQ(Decompress(golden), old ? golden : input);
+        EXPECT_EQ(Stream(false, golden, true, {5, 11}), input);
     }
 }
 
@@ -234,15 +207,13 @@ TEST(lzopContainer, GoldenFiles) {
 // The size query and the fill walk the same chunks; the fill keeps to the
 // room it is given in *outputLength.  Only "#LZ2" is taken.
 TEST(lzopReader, SizeQueryFillAndMagic) {
-    const Bytes in = Concat(Text(70000), Random(70000, 3));
-    const Bytes c = Compress(in);
+    const Bytes in = Concat(Text(70000), Random(70000, 3)), c = Compress(in);
     uint32_t len = 0;
     ASSERT_TRUE(LZOPDecompress_(c.data(), nullptr, &len, 0));
     ASSERT_EQ(len, in.size());
 
     Bytes out(len);
     ASSERT_TRUE(LZOPDecompress_(c.data(), out.data(), &len, 0));
-    EXPECT_EQ(len, in.size());
     EXPECT_EQ(out, in);
 
     Bytes small(in.size() - 1);
@@ -251,6 +222,7 @@ TEST(lzopReader, SizeQueryFillAndMagic) {
     EXPECT_FALSE(LZOPDecompress_(c.data(), small.data(), &room, 0));
     EXPECT_TRUE(log.Has("Kwz.lzop.LZOPDecompress_", "cannot be decoded"));
 
+    // With more room than needed, *outputLength becomes the bytes written.
     Bytes big(in.size() + 100);
     room = uint32_t(big.size());
     ASSERT_TRUE(LZOPDecompress_(c.data(), big.data(), &room, 0));
@@ -271,8 +243,7 @@ TEST(lzopReader, CorruptAndCutContainersAreRefused) {
     const Chunk first = Chunks(good)[0];
     auto with = [&](size_t at, const char* text) {
         Bytes b = good;
-        const size_t n = std::strlen(text);
-        if (at + n <= b.size()) std::copy(text, text + n, b.begin() + long(at));
+        std::copy(text, text + std::strlen(text), b.begin() + long(at));
         return b;
     };
     auto head = [&](unsigned stored, unsigned length) {
@@ -280,10 +251,7 @@ TEST(lzopReader, CorruptAndCutContainersAreRefused) {
         std::snprintf(h, sizeof h, "%04X%04X", stored, length);
         return with(4, h);
     };
-    const struct {
-        const char* what;
-        Bytes data;
-    } cases[] = {
+    const std::pair<const char*, Bytes> cases[] = {
         {"non-hex header", with(4, "00G00000")},
         {"header ends in space", with(4, "FBE0 000")},
         {"declared length too long", head(first.stored, first.length + 1)},
@@ -293,15 +261,16 @@ TEST(lzopReader, CorruptAndCutContainersAreRefused) {
         {"garbage compressed bytes", with(12, "\xff\xff\xff\xff\xff\xff\xff\xff")},
         {"broken terminator", with(good.size() - 8, "0000000G")},
     };
-    for (const auto& c : cases) {
-        Bytes out;
-        EXPECT_EQ(Decompress(c.data, &out), -4) << c.what;
-        EXPECT_FALSE(Stream(false, c.data, &out)) << c.what;
+    for (const auto& [what, data] : cases) {
+        SCOPED_TRACE(what);
+        Decompress(data, -4);
+        Stream(false, data, false);
     }
     for (size_t n = 12; n < good.size(); n += (n < 40 || n > good.size() - 40) ? 1 : 97) {
-        Bytes cut(good.begin(), good.begin() + long(n)), out;
-        ASSERT_EQ(Decompress(cut, &out), -4) << "cut at " << n;
-        ASSERT_FALSE(Stream(false, cut, &out)) << "cut at " << n;
+        SCOPED_TRACE("cut at " + std::to_string(n));
+        const Bytes cut(good.begin(), good.begin() + long(n));
+        Decompress(cut, -4);
+        Stream(false, cut, false);
     }
 }
 
@@ -310,13 +279,11 @@ TEST(lzopReader, CorruptAndCutContainersAreRefused) {
 // refused, even when the bytes after it happen to complete the container.
 TEST(lzopReader, TerminatorAndGivenLength) {
     const Bytes in = Text(90000), c = Compress(in), followed = Concat(c, Bytes(10, 'z'));
-    Bytes back;
-    size_t consumed = 0;
-    ASSERT_TRUE(Stream(false, followed, &back, {1 << 30}, {1 << 30}, &consumed));
-    EXPECT_EQ(back, in);
-    EXPECT_EQ(consumed, c.size());
-    ASSERT_EQ(Decompress(followed, &back), 0);
-    EXPECT_EQ(back, in);
+    Pipe pipe{&followed};
+    ASSERT_TRUE(LZOPDecompress(&pipe, ReadPieces, WritePieces, 0));
+    EXPECT_EQ(pipe.out, in);
+    EXPECT_EQ(pipe.pos, c.size());
+    EXPECT_EQ(Decompress(followed), in);
 
     int32_t len = 0;
     void* block = nullptr;
@@ -339,11 +306,8 @@ TEST(lzopStream, MatchesBufferOutputWithOddPieces) {
                 if (in.size() > 100000 && (pieces[r][0] == 1 || pieces[w][0] == 1)) continue;
                 SCOPED_TRACE(std::to_string(in.size()) + " bytes, pieces " + std::to_string(r) +
                              "/" + std::to_string(w));
-                Bytes streamed, back;
-                ASSERT_TRUE(Stream(true, in, &streamed, pieces[r], pieces[w]));
-                EXPECT_EQ(streamed, buffered);
-                ASSERT_TRUE(Stream(false, buffered, &back, pieces[r], pieces[w]));
-                EXPECT_EQ(back, in);
+                EXPECT_EQ(Stream(true, in, true, pieces[r], pieces[w]), buffered);
+                EXPECT_EQ(Stream(false, buffered, true, pieces[r], pieces[w]), in);
             }
         }
     }
@@ -357,80 +321,64 @@ int32_t WriteFail(void*, const void*, int32_t) { return -1; }
 int32_t ReadTooMuch(void*, void*, int32_t size) { return size + 1; }
 int32_t ReadFail(void*, void*, int32_t) { return -1; }
 
-// Callbacks that fail, take nothing or hand out too much make the call
-// fail.  Exceptions from C++ callbacks stop at the library edge: false and a
-// log line at level 2 with the function's tag.
+// Callbacks that are null, fail, take nothing or hand out too much make the
+// call fail.  Exceptions from C++ callbacks stop at the library edge: false
+// and a log line at level 2 with the function's tag.
 TEST(lzopStream, BadCallbacksFail) {
     const Bytes in = Text(1000), c = Compress(in), old = Golden("lzop_old.lzp");
     auto run = [&](const Bytes* input, LZOPReadFn read, LZOPWriteFn write) {
-        Pipe pipe(input);  // the plain input is compressed, containers decompressed
+        Pipe pipe{input};  // the plain input is compressed, containers decompressed
         return input == &in ? LZOPCompress(&pipe, read, write) : LZOPDecompress(&pipe, read, write, 0);
     };
+    const std::pair<LZOPReadFn, LZOPWriteFn> bad[] = {{ReadTooMuch, WritePieces}, {ReadFail, WritePieces},
+                                                      {nullptr, WritePieces},     {ReadPieces, WriteNothing},
+                                                      {ReadPieces, WriteFail},    {ReadPieces, nullptr}};
     for (const Bytes* input : {&in, &c}) {
-        SCOPED_TRACE(input == &in ? "compress" : "decompress");
-        EXPECT_FALSE(run(input, ReadTooMuch, WritePieces));
-        EXPECT_FALSE(run(input, ReadFail, WritePieces));
-        EXPECT_FALSE(run(input, ReadPieces, WriteNothing));
-        EXPECT_FALSE(run(input, ReadPieces, WriteFail));
+        for (size_t i = 0; i < std::size(bad); ++i)
+            EXPECT_FALSE(run(input, bad[i].first, bad[i].second)) << (input == &in ? "compress " : "decompress ") << i;
     }
-    EXPECT_FALSE(run(&in, nullptr, WritePieces));
-    EXPECT_FALSE(run(&c, ReadPieces, nullptr));
-    const struct {
-        const Bytes* input;
-        LZOPReadFn read;
-        LZOPWriteFn write;
-        const char *tag, *text;
-    } throwing[] = {
+    const std::tuple<const Bytes*, LZOPReadFn, LZOPWriteFn, const char*, const char*> throwing[] = {
         {&in, ThrowStd, WritePieces, "Kwz.lzop.LZOPCompress", "disk gone"},
         {&in, ThrowInt, WritePieces, "Kwz.lzop.LZOPCompress", "unknown"},
         {&c, ReadPieces, WriteThrow, "Kwz.lzop.LZOPDecompress", "pipe closed"},
         {&old, ReadPieces, WriteThrow, "Kwz.lzop.OldDecompress", "pipe closed"},
     };
-    for (const auto& t : throwing) {
+    for (const auto& [input, read, write, tag, text] : throwing) {
         kwztest::LogCapture log(2);
-        EXPECT_FALSE(run(t.input, t.read, t.write)) << t.tag;
-        EXPECT_TRUE(log.Has(t.tag, t.text)) << t.text;
-        for (const auto& line : log.Lines()) EXPECT_EQ(line.level, 2) << t.tag;
+        EXPECT_FALSE(run(input, read, write)) << tag;
+        EXPECT_TRUE(log.Has(tag, text)) << text;
+        for (const auto& line : log.Lines()) EXPECT_EQ(line.level, 2) << tag;
     }
 }
 
 // The writers keep per-thread scratch: threads compressing at once must not
-// see each other's chunks.
+// see each other's chunks, in any round.
 TEST(lzopStream, ThreadsCompressAtOnce) {
-    std::vector<Bytes> inputs, results(4);
+    std::vector<Bytes> inputs;
     for (uint32_t t = 0; t < 4; ++t) inputs.push_back(Concat(Text(90000 + t * 1000), Random(70000, t + 1)));
     std::vector<std::thread> threads;
     for (size_t t = 0; t < 4; ++t) {
         threads.emplace_back([&, t] {
-            for (int round = 0; round < 5; ++round) {
-                Bytes c, back;
-                if (!Stream(true, inputs[t], &c) || Decompress(c, &back) != 0) return;
-                results[t] = back;
-            }
+            for (int round = 0; round < 5; ++round)
+                EXPECT_EQ(Decompress(Stream(true, inputs[t])), inputs[t]) << "thread " << t << " round " << round;
         });
     }
     for (auto& th : threads) th.join();
-    for (size_t t = 0; t < 4; ++t) EXPECT_EQ(results[t], inputs[t]) << "thread " << t;
 }
 
 // ============================================================ data helpers
 
 TEST(lzopData, IsCompress) {
     const char container[] = "#LZ200000000";
-    const struct {
-        int32_t n;
-        const void* data;
-        int32_t rc;
-        bool flag;
-    } cases[] = {
+    const std::tuple<int32_t, const void*, int32_t, bool> cases[] = {  // n, data, rc, flag
         {12, container, 0, true},       {11, container, 0, false}, {12, "#LZ300000000", 0, false},
         {12, "#LZP00000000", 0, false}, {0, container, -2, false}, {-1, container, -2, false},
         {12, nullptr, -2, false},
     };
-    for (const auto& c : cases) {
-        bool flag = !c.flag;
-        EXPECT_EQ(KWZDataIsCompress(c.n, c.data, &flag), c.rc) << c.n;
-        EXPECT_EQ(flag, c.flag) << c.n;
+    for (const auto& [n, data, rc, want] : cases) {
+        bool flag = !want;
+        EXPECT_EQ(KWZDataIsCompress(n, data, &flag), rc) << n;
+        EXPECT_EQ(flag, want) << n;
     }
     EXPECT_EQ(KWZDataIsCompress(12, container, nullptr), -2);
 }
@@ -438,17 +386,14 @@ TEST(lzopData, IsCompress) {
 // Data that is not a container is copied with a terminating 0 byte; the
 // 11-byte head of a container is such data.  The length output is optional.
 TEST(lzopData, NonContainersAreCopied) {
-    const struct {
-        int32_t n;
-        const char* data;
-    } cases[] = {{11, "#LZ20000000"}, {0, ""}, {5, "hello"}, {14, "#LZ3 whatever!"}, {12, "#LZP00000000"}};
-    for (const auto& c : cases) {
+    for (const std::string data : {"#LZ20000000", "", "hello", "#LZ3 whatever!", "#LZP00000000"}) {
+        const int32_t n = int32_t(data.size());
         int32_t len = -1;
         void* block = nullptr;
-        ASSERT_EQ(KWZDataDeCompress(c.n, c.data, &len, &block), 0) << c.data;
-        EXPECT_EQ(len, c.n);
-        EXPECT_EQ(std::memcmp(block, c.data, size_t(c.n)), 0);
-        EXPECT_EQ(static_cast<uint8_t*>(block)[c.n], 0);
+        ASSERT_EQ(KWZDataDeCompress(n, data.data(), &len, &block), 0) << data;
+        EXPECT_EQ(len, n);
+        EXPECT_EQ(std::memcmp(block, data.data(), data.size()), 0);
+        EXPECT_EQ(static_cast<uint8_t*>(block)[n], 0);
         KWMemFree(block);
     }
     void* block = nullptr;
@@ -465,6 +410,7 @@ TEST(lzopData, BadArguments) {
     EXPECT_EQ(block, nullptr);
     EXPECT_EQ(KWZDataCompress(1, nullptr, &len, &block), -2);
     EXPECT_EQ(KWZDataDeCompress(1, nullptr, &len, &block), -2);
+    EXPECT_EQ(KWZArrayPack(nullptr, &len, &block, true), -2);
 }
 
 // ============================================================ record arrays
@@ -472,17 +418,13 @@ TEST(lzopData, BadArguments) {
 // An array keyed on one Int32 field A holding n..1.
 KWArray* MakeArray(int32_t n) {
     KWArray* array = nullptr;
-    KWRFieldDef field = {};
-    KWAKeyDef key = {};
-    std::strcpy(field.name, "A");
-    std::strcpy(key.expression, "A");
-    field.type = iFldType_Int32;
+    KWRFieldDef field = {"A", 0, iFldType_Int32};
+    KWAKeyDef key = {"A", {}, 0};
     EXPECT_EQ(KWACreate(&array, nullptr), 0);
     EXPECT_EQ(KWAFldAdd(array, 1, &field), 0);
     EXPECT_EQ(KWAKeyAdd(array, 1, &key), 0);
     for (int32_t a = n; a > 0; --a) {
-        KWRVal cell = {};
-        cell.type = iFldType_Int32;
+        KWRVal cell = {iFldType_Int32, 0, {}};
         std::memcpy(cell.value, &a, 4);
         EXPECT_NE(KWARecAdd(array, &cell), nullptr);
     }
@@ -496,14 +438,15 @@ Bytes Pack(KWArray* array, bool compress) {
     return Take(block, len);
 }
 
-// A table packed through a container unpacks to the same table, for reading
-// or not; a broken container is -4, a container of anything else -1.
+// A table packed through a container is the container of the plain packed
+// table and unpacks to the same table, for reading or not; a broken
+// container is -4, a container of anything else -1.
 TEST(lzopArray, PackThroughContainers) {
     KWArray* array = MakeArray(3000);
     const Bytes plain = Pack(array, false), packed = Pack(array, true);
-    ASSERT_TRUE(plain.size() > 12 && packed.size() > 12);
+    ASSERT_GT(plain.size(), 4u);
     EXPECT_EQ(std::memcmp(plain.data(), "#RA2", 4), 0);
-    EXPECT_EQ(std::memcmp(packed.data(), "#LZ2", 4), 0);
+    EXPECT_EQ(Decompress(packed), plain);
     EXPECT_LT(packed.size(), plain.size());
     for (bool forRead : {false, true}) {
         for (const Bytes* data : {&plain, &packed}) {
@@ -514,9 +457,6 @@ TEST(lzopArray, PackThroughContainers) {
             KWADestroy(copy);
         }
     }
-    int32_t len = 0;
-    void* block = nullptr;
-    EXPECT_EQ(KWZArrayPack(nullptr, &len, &block, true), -2);
     Bytes bad = packed;
     bad[4] = 'G';  // first chunk header
     EXPECT_EQ(KWZArrayUnPack(array, bad.data(), false), -4);
