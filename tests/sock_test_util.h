@@ -56,13 +56,12 @@ inline bool ShutdownModule(int timeoutMs = 10000) {
 
 // One callback delivery as seen by a test.
 struct Event {
-    explicit Event(int32_t c = 0, uint32_t i = 0) : code(c), idn(i) {}
-    int32_t code;
-    uint32_t idn, typeId = 0;
+    int32_t code = 0;
+    uint32_t idn = 0, typeId = 0;
     intptr_t reserved = 0;
-    std::string image;  // the record's image bytes (stream), the payload (node)
-    int32_t port = 0;   // node events
-    std::string addr;   // node events
+    std::string image{};  // the record's image bytes (stream), the payload (node)
+    int32_t port = 0;     // node events
+    std::string addr{};   // node events
 };
 using Match = std::function<bool(const Event&)>;
 
@@ -96,8 +95,7 @@ public:
     }
     // Events with this code for idn (any idn when 0).
     std::vector<Event> WaitCode(int32_t code, uint32_t idn, size_t n = 1, int timeoutMs = 5000) {
-        return WaitMatching([=](const Event& e) { return e.code == code && (idn == 0 || e.idn == idn); }, n,
-                            timeoutMs);
+        return WaitMatching([=](const Event& e) { return e.code == code && (idn == 0 || e.idn == idn); }, n, timeoutMs);
     }
     size_t Count(const Match& match) { return WaitMatching(match, SIZE_MAX, 0).size(); }
 
@@ -108,7 +106,7 @@ private:
 };
 
 inline Event FromRecord(int32_t code, uint32_t idn, const KWRData* rec) {
-    Event e(code, idn);
+    Event e{code, idn};
     if (rec) {
         e.typeId = rec->typeId;
         e.reserved = reinterpret_cast<intptr_t>(rec->editSource);
@@ -132,7 +130,7 @@ extern "C" inline void RecordCompletion(int32_t result, uint32_t idn, KWRData* r
 
 extern "C" inline void RecordNodeEvent(int32_t code, uint32_t idn, int32_t port, const char* addr, const void* data,
                                        int32_t length) {
-    Event e(code, idn);
+    Event e{code, idn};
     e.port = port;
     e.addr = addr ? addr : "(null)";
     if (data) e.image.assign(static_cast<const char*>(data), static_cast<size_t>(length));
@@ -213,13 +211,8 @@ public:
         KWRRecRelease(r);
         return img;
     }
-    // Seq and Text read back from a received image.
+    // Seq read back from a received image.
     static int32_t Seq(const std::string& image) { return image.size() < 12 ? -1 : GetI32(image, 7); }
-    static std::string Text(const std::string& image) {
-        if (image.size() < 20) return {};
-        const uint32_t len = GetI32(image, 12), off = GetI32(image, 16);
-        return off == 0 || off + len > image.size() ? std::string() : image.substr(off, len);
-    }
     static int32_t GetI32(const std::string& s, size_t at) {
         int32_t v = 0;
         std::memcpy(&v, s.data() + at, 4);
@@ -229,6 +222,20 @@ public:
 private:
     KWRType t_;
 };
+
+// KWSockTimeDlt's result and the difference (seconds * 1000 + milliseconds).
+inline std::pair<int32_t, int32_t> SyncDifference(uint32_t idn) {
+    uint32_t s = 7, ms = 7;
+    const int32_t result = KWSockTimeDlt(idn, &s, &ms);
+    return {result, static_cast<int32_t>(s) * 1000 + static_cast<int32_t>(ms)};
+}
+
+// The zone values KWSockTimeZone reports, or -99 twice when it refuses.
+inline std::pair<int32_t, int32_t> SyncZone(uint32_t idn) {
+    uint32_t z1 = 7, z2 = 7;
+    if (!KWSockTimeZone(idn, &z1, &z2)) return {-99, -99};
+    return {static_cast<int32_t>(z1), static_cast<int32_t>(z2)};
+}
 
 // Sends record 1 with BlockingCompletion and waits until the sending thread
 // sits in it (state flag 0x04), so that what is sent next stays queued.
@@ -245,9 +252,7 @@ protected:
     void SetUp() override {
         Recorder::Get().Reset();
         GateOpen() = false;
-        if (kSlots) {
-            ASSERT_EQ(KWSockInit(kSlots), 0);
-        }
+        ASSERT_EQ(kSlots ? KWSockInit(kSlots) : 0, 0);
     }
     void TearDown() override {
         GateOpen() = true;
@@ -279,68 +284,44 @@ inline std::string KeepAliveFrame() { return Frame(0, 0, std::string("\x06\0\0\0
 
 // ---- raw sockets ------------------------------------------------------
 
-inline sockaddr_in Loopback(uint32_t port) {
+// A loop-back TCP socket connected to *port, or, with listening, listening
+// on a port the system chose (returned in *port); -1 on failure.
+inline int RawSocket(uint32_t* port, bool listening = false) {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in a{};
     a.sin_family = AF_INET;
-    a.sin_port = htons(static_cast<uint16_t>(port));
+    a.sin_port = htons(static_cast<uint16_t>(listening ? 0 : *port));
     a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return a;
-}
-
-inline int RawConnect(uint32_t port) {
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in a = Loopback(port);
-    if (connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0) return fd;
-    close(fd);
-    return -1;
-}
-
-inline int RawListen(uint32_t* port) {
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in a = Loopback(0);
+    auto* sa = reinterpret_cast<sockaddr*>(&a);
     socklen_t len = sizeof a;
-    if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || listen(fd, 8) != 0 ||
-        getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) != 0) {
+    if (listening ? bind(fd, sa, len) != 0 || listen(fd, 8) != 0 || getsockname(fd, sa, &len) != 0
+                  : connect(fd, sa, len) != 0) {
         close(fd);
         return -1;
     }
-    *port = ntohs(a.sin_port);
+    if (listening) *port = ntohs(a.sin_port);
     return fd;
 }
+inline int RawConnect(uint32_t port) { return RawSocket(&port); }
 
-inline int RawAccept(int lfd, int timeoutMs = 5000) {
-    if (!Readable(lfd, Clock::now() + std::chrono::milliseconds(timeoutMs))) return -1;
-    return accept4(lfd, nullptr, nullptr, SOCK_CLOEXEC);
-}
-
+// A blocking send: it returns once every byte is in the socket.
 inline bool WriteAll(int fd, const std::string& bytes) {
-    for (size_t done = 0; done < bytes.size();) {
-        const ssize_t r = send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
-        if (r <= 0) return false;
-        done += static_cast<size_t>(r);
-    }
-    return true;
+    return send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
 }
 
-// Appends exactly n bytes read before end; false on end of stream or timeout.
-inline bool ReadExact(int fd, std::string* out, size_t n, Clock::time_point end) {
-    for (size_t want = out->size() + n; out->size() < want;) {
-        char buf[4096];
-        if (!Readable(fd, end)) return false;
-        const ssize_t r = recv(fd, buf, std::min(sizeof buf, want - out->size()), 0);
-        if (r <= 0) return false;
-        out->append(buf, static_cast<size_t>(r));
-    }
-    return true;
-}
-
-// One whole frame (prefix and image), or "" on timeout / end of stream.
+// One whole frame (prefix and image), or "" on timeout / end of stream: the
+// 10-byte head first, then as much more as its image length says.
 inline std::string ReadFrame(int fd, int timeoutMs = 5000) {
     const auto end = Clock::now() + std::chrono::milliseconds(timeoutMs);
     std::string f;
-    if (!ReadExact(fd, &f, 10, end)) return {};
-    const uint32_t len = static_cast<uint32_t>(MsgType::GetI32(f, 4));
-    return len <= 10 || ReadExact(fd, &f, len - 6, end) ? f : std::string();
+    for (size_t want = 10; f.size() < want;) {
+        char buf[4096];
+        const ssize_t r = Readable(fd, end) ? recv(fd, buf, std::min(sizeof buf, want - f.size()), 0) : -1;
+        if (r <= 0) return {};
+        f.append(buf, static_cast<size_t>(r));
+        if (f.size() == 10) want = std::max<size_t>(10, 4 + static_cast<uint32_t>(MsgType::GetI32(f, 4)));
+    }
+    return f;
 }
 
 // True when the peer closed the connection within timeoutMs (bytes still
@@ -353,8 +334,9 @@ inline bool PeerClosed(int fd, int timeoutMs = 5000) {
     return false;
 }
 
-// A second process with its stdout on a pipe (posix_spawn), killed when the
-// object goes if it has not ended by then.
+// A second process with its stdout on a pipe (posix_spawnp: argv[0] without
+// a slash is looked up on the PATH), killed when the object goes if it has
+// not ended by then.
 class Child {
 public:
     explicit Child(const std::vector<std::string>& argv) {
@@ -366,7 +348,7 @@ public:
         std::vector<char*> args;
         for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
         args.push_back(nullptr);
-        if (posix_spawn(&pid_, args[0], &actions, nullptr, args.data(), environ) != 0) pid_ = -1;
+        if (posix_spawnp(&pid_, args[0], &actions, nullptr, args.data(), environ) != 0) pid_ = -1;
         posix_spawn_file_actions_destroy(&actions);
         close(fds[1]);
         out_ = fds[0];
@@ -382,19 +364,14 @@ public:
     Child& operator=(const Child&) = delete;
     bool Started() const { return pid_ > 0; }
 
-    // The next line of the child's output ("" on timeout or end).
+    // The next line of the child's output ("" on timeout or end), read a
+    // byte at a time so that nothing past the line is taken from the pipe.
     std::string ReadLine(int timeoutMs = 10000) {
         const auto end = Clock::now() + std::chrono::milliseconds(timeoutMs);
-        size_t nl;
-        while ((nl = buffer_.find('\n')) == std::string::npos) {
-            char chunk[512];
-            const ssize_t r = Readable(out_, end) ? read(out_, chunk, sizeof chunk) : -1;
-            if (r <= 0) return {};
-            buffer_.append(chunk, static_cast<size_t>(r));
-        }
-        std::string line = buffer_.substr(0, nl);
-        buffer_.erase(0, nl + 1);
-        return line;
+        std::string line;
+        for (char c; Readable(out_, end) && read(out_, &c, 1) == 1; line += c)
+            if (c == '\n') return line;
+        return {};
     }
     // The exit status, or -1 when the child has not ended within timeoutMs.
     int Wait(int timeoutMs = 10000) {
@@ -408,7 +385,6 @@ private:
     pid_t pid_ = -1;
     int out_ = -1;
     bool exited_ = false;
-    std::string buffer_;
 };
 
 inline std::string HelperPath() { return std::string(KWZ_TEST_BIN_DIR) + "/helper_sock_peer"; }

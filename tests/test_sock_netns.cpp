@@ -10,89 +10,69 @@ using namespace socktest;
 
 namespace {
 
-std::string IpTool() {
-    for (const char* p : {"/usr/sbin/ip", "/sbin/ip", "/usr/bin/ip", "/bin/ip"})
-        if (access(p, X_OK) == 0) return p;
-    return {};
-}
-
-// Runs `ip args...`; true when it exits with 0.
-bool Ip(const std::vector<std::string>& args) {
-    std::vector<std::string> argv{IpTool()};
-    argv.insert(argv.end(), args.begin(), args.end());
-    Child c(argv);
+// Runs `ip args...` (found on the PATH); true when it exits with 0.
+bool Ip(std::vector<std::string> args) {
+    args.insert(args.begin(), "ip");
+    Child c(args);
     return c.Started() && c.Wait(10000) == 0;
 }
 
-// Namespaces "<tag>a" and "<tag>b", addresses <net>.1 and <net>.2.
-class TwoHosts {
-public:
-    TwoHosts() {
-        const std::string tag = "kwz" + std::to_string(getpid());
-        a_ = tag + "a";
-        b_ = tag + "b";
+// Namespaces "kwz<pid>a" and "kwz<pid>b", addresses <net>.1 and <net>.2.
+class sock_netns : public ::testing::Test {
+protected:
+    void SetUp() override {
+        const std::string id = std::to_string(getpid()), va = "kva" + id, vb = "kvb" + id;
+        a_ = "kwz" + id + "a";
+        b_ = "kwz" + id + "b";
         net_ = "10.201." + std::to_string(getpid() % 250) + ".";
-        const std::string va = "kva" + std::to_string(getpid()), vb = "kvb" + std::to_string(getpid());
-        if (!Ip({"netns", "add", a_})) return;
-        created_ = true;
-        ok_ = Ip({"netns", "add", b_}) && Ip({"link", "add", va, "netns", a_, "type", "veth", "peer", "name", vb, "netns", b_}) &&
-              Ip({"-n", a_, "addr", "add", net_ + "1/24", "dev", va}) && Ip({"-n", b_, "addr", "add", net_ + "2/24", "dev", vb}) &&
-              Ip({"-n", a_, "link", "set", va, "up"}) && Ip({"-n", b_, "link", "set", vb, "up"}) &&
-              Ip({"-n", a_, "link", "set", "lo", "up"}) && Ip({"-n", b_, "link", "set", "lo", "up"}) &&
-              // The limited broadcast address leaves by the default route.
-              Ip({"-n", b_, "route", "add", "default", "dev", vb});
+        created_ = Ip({"netns", "add", a_});
+        const bool ok =
+            created_ && Ip({"netns", "add", b_}) &&
+            Ip({"link", "add", va, "netns", a_, "type", "veth", "peer", "name", vb, "netns", b_}) &&
+            Ip({"-n", a_, "addr", "add", net_ + "1/24", "dev", va}) &&
+            Ip({"-n", b_, "addr", "add", net_ + "2/24", "dev", vb}) && Ip({"-n", a_, "link", "set", va, "up"}) &&
+            Ip({"-n", b_, "link", "set", vb, "up"}) && Ip({"-n", a_, "link", "set", "lo", "up"}) &&
+            Ip({"-n", b_, "link", "set", "lo", "up"}) &&
+            // The limited broadcast address leaves by the default route.
+            Ip({"-n", b_, "route", "add", "default", "dev", vb});
+        if (!ok) GTEST_SKIP() << "no ip tool (iproute2), or the kernel refuses network namespaces (CAP_SYS_ADMIN)";
     }
-    ~TwoHosts() {
+    void TearDown() override {
         if (!created_) return;
         Ip({"netns", "del", a_});
         Ip({"netns", "del", b_});
     }
     std::string Addr(int host) const { return net_ + std::to_string(host); }
-    // cmd run inside namespace A (a) or B.
-    std::vector<std::string> In(bool a, const std::vector<std::string>& cmd) const {
-        std::vector<std::string> argv{IpTool(), "netns", "exec", a ? a_ : b_};
-        argv.insert(argv.end(), cmd.begin(), cmd.end());
-        return argv;
-    }
-    std::string a_, b_, net_;
-    bool created_ = false, ok_ = false;
-};
-
-class sock_netns : public ::testing::Test {
-protected:
-    void SetUp() override {
-        if (IpTool().empty()) GTEST_SKIP() << "no ip tool (iproute2) on this machine";
-        hosts_ = std::make_unique<TwoHosts>();
-        if (!hosts_->ok_)
-            GTEST_SKIP() << "the kernel refuses network namespaces here (ip netns add failed; needs CAP_SYS_ADMIN)";
-    }
-    // Starts a receiver in A, then a sender in B; the receiver's report.
-    std::string Exchange(const std::vector<std::string>& recvArgs, const std::vector<std::string>& sendArgs) {
-        Child receiver(hosts_->In(true, recvArgs));
+    // Starts helper_sock_peer with recvArgs in A, then with sendArgs in B;
+    // the receiver's report.
+    std::string Exchange(std::vector<std::string> recvArgs, std::vector<std::string> sendArgs) {
+        recvArgs.insert(recvArgs.begin(), {"ip", "netns", "exec", a_, HelperPath()});
+        sendArgs.insert(sendArgs.begin(), {"ip", "netns", "exec", b_, HelperPath()});
+        Child receiver(recvArgs);
         if (receiver.ReadLine() != "READY") return "receiver not ready";
-        Child sender(hosts_->In(false, sendArgs));
+        Child sender(sendArgs);
         const std::string sent = sender.ReadLine();
         if (sender.Wait() != 0) return "sender failed: " + sent;
         const std::string got = receiver.ReadLine(5000);
         receiver.Wait(5000);
         return got;
     }
-    std::unique_ptr<TwoHosts> hosts_;
+    std::string a_, b_, net_;
+    bool created_ = false;
 };
 
 constexpr const char* kPort = "40123";
 
 TEST_F(sock_netns, ABroadcastReachesTheOtherHost) {
-    const std::string got =
-        Exchange({HelperPath(), "node-recv", kPort}, {HelperPath(), "node-send", "*", kPort, "hello-broadcast"});
-    EXPECT_EQ(got, "DGRAM " + hosts_->Addr(2) + " hello-broadcast");
+    EXPECT_EQ(Exchange({"node-recv", kPort}, {"node-send", "*", kPort, "hello-broadcast"}),
+              "DGRAM " + Addr(2) + " hello-broadcast");
 }
 
 TEST_F(sock_netns, AMulticastGroupMemberOnTheOtherHostReceives) {
     const std::string group = "239.77.0.1";
-    const std::string got = Exchange({HelperPath(), "node-recv", kPort, group + "," + hosts_->Addr(1)},
-                                     {HelperPath(), "node-send", group, kPort, "hello-multicast", hosts_->Addr(2)});
-    EXPECT_EQ(got, "DGRAM " + hosts_->Addr(2) + " hello-multicast");
+    EXPECT_EQ(Exchange({"node-recv", kPort, group + "," + Addr(1)},
+                       {"node-send", group, kPort, "hello-multicast", Addr(2)}),
+              "DGRAM " + Addr(2) + " hello-multicast");
 }
 
 }  // namespace

@@ -21,29 +21,25 @@ TEST(sock_peer, TwoProcessesExchangeRecordsBothWays) {
     MsgType msg;
     uint32_t cli = 0;
     ASSERT_EQ(KWSockCliOpen("127.0.0.1", port, RecordEvent, &cli), 0);
+    // The record of each seq (and its echo, the text reversed, seq + 1000).
+    const auto Text = [](int32_t seq) { return "record " + std::to_string(seq) + std::string(seq * 37u, 'z'); };
     constexpr int kCount = 40;
-    for (int32_t seq = 1; seq <= kCount; ++seq) {
-        const std::string text = "record " + std::to_string(seq) + std::string(static_cast<size_t>(seq * 37), 'z');
-        ASSERT_EQ(KWSockSendEx(cli, msg.New(seq, text), RecordCompletion, static_cast<uint32_t>(seq % 4)), 0);
-    }
+    for (int32_t seq = 1; seq <= kCount; ++seq)
+        ASSERT_EQ(KWSockSendEx(cli, msg.New(seq, Text(seq)), RecordCompletion, static_cast<uint32_t>(seq % 4)), 0);
     auto data = Recorder::Get().WaitCode(SOCK_EV_DATA, cli, kCount + 5, 10000);
     ASSERT_EQ(data.size(), static_cast<size_t>(kCount + 5));
-    std::set<int32_t> greetings, echoes;
+    // Five greetings (500 to 504) and an echo of each record.
+    std::set<int32_t> seqs, expected{500, 501, 502, 503, 504};
+    for (int32_t seq = 1; seq <= kCount; ++seq) expected.insert(1000 + seq);
     for (const auto& e : data) {
-        EXPECT_EQ(e.typeId, MsgType::kId);
         const int32_t seq = msg.Seq(e.image);
-        if (seq >= 1000) {
-            echoes.insert(seq - 1000);
-            std::string text = msg.Text(e.image);
-            std::reverse(text.begin(), text.end());
-            EXPECT_EQ(text.rfind("record " + std::to_string(seq - 1000), 0), 0u);
-        } else {
-            greetings.insert(seq);
-            EXPECT_EQ(msg.Text(e.image), "greeting");
-        }
+        std::string text = seq >= 1000 ? Text(seq - 1000) : "greeting";
+        if (seq >= 1000) std::reverse(text.begin(), text.end());
+        EXPECT_EQ(e.typeId, MsgType::kId);
+        EXPECT_EQ(e.image, msg.Image(seq, text)) << seq;
+        seqs.insert(seq);
     }
-    EXPECT_EQ(greetings, (std::set<int32_t>{500, 501, 502, 503, 504}));
-    EXPECT_EQ(echoes.size(), static_cast<size_t>(kCount));
+    EXPECT_EQ(seqs, expected);
     EXPECT_EQ(Recorder::Get().WaitCode(kCompletion + 0, cli, kCount).size(), static_cast<size_t>(kCount));
 
     EXPECT_EQ(KWSockClose(cli), 0);

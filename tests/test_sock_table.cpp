@@ -42,23 +42,19 @@ protected:
 };
 
 TEST_F(sock_table, InitSizesOnceAndFreeReleasesAnEmptyTable) {
+    LogCapture log;
     EXPECT_EQ(KWSockInit(0), SE_NOINIT);
     EXPECT_EQ(KWSockInit(-3), SE_NOINIT);
-    EXPECT_EQ(KWSockIsActive(), SE_NOINIT);
     ASSERT_EQ(KWSockInit(2), 0);
     EXPECT_EQ(KWSockInit(50), 0);  // active: no resize
     EXPECT_EQ(KWSockIsActive(), 0);
     EXPECT_EQ(KWSockGetIdn(0), 0x10000u);
     EXPECT_EQ(KWSockGetIdn(1), 0x20001u);
-    {
-        LogCapture log;
-        EXPECT_EQ(KWSockGetIdn(2), 0u);  // the second init kept 2 slots
-        EXPECT_TRUE(log.Has("Kwz.kwSock.KWSockGetIdn", "SE_NOSOCK (all=2, idx=2)"));
-    }
+    EXPECT_EQ(KWSockGetIdn(2), 0u);  // the second init kept 2 slots
+    EXPECT_TRUE(log.Has("Kwz.kwSock.KWSockGetIdn", "SE_NOSOCK (all=2, idx=2)"));
     EXPECT_EQ(KWSockFree(), 0);  // nothing open: the table goes at once
     EXPECT_EQ(KWSockIsActive(), SE_NOINIT);
     EXPECT_EQ(KWSockFree(), 0);
-    LogCapture log;
     void* dat = &dat;
     EXPECT_EQ(KWSockGetDat(0x10000, &dat), SE_NOINIT);
     EXPECT_EQ(dat, nullptr);
@@ -87,17 +83,14 @@ TEST_F(sock_table, GenerationsAdvanceWrapAndRefuseStaleIdns) {
     EXPECT_EQ(KWSockCliOpen("", 1, nullptr, &idn), SE_OPEN);
     EXPECT_EQ(idn, 0u);
     const uint32_t second = KWSockGetIdn(0);
-    EXPECT_EQ(second, 2u << 16);
-    EXPECT_EQ(second & 0xFFFF, first & 0xFFFF);  // only the generation differs
+    EXPECT_EQ(second, first + (1u << 16));  // only the generation differs
 
     // The slot is free again but its Idn still matches: the state answers,
     // the port does not, a close is a no-op.
     SockState st{};
     EXPECT_EQ(KWSockGetState(second, &st), 1);
     EXPECT_EQ(st.type, SOCK_FREE);
-    uint32_t port = 9;
-    EXPECT_EQ(KWSockGetPort(second, &port), 0);
-    EXPECT_EQ(port, 0u);
+    EXPECT_EQ(KWSockGetPort(second, nullptr), 0);
     EXPECT_EQ(KWSockClose(second), 0);
 
     for (int g = 3; g <= 16383; ++g) KWSockCliOpen(nullptr, 1, nullptr, &idn);
@@ -105,63 +98,40 @@ TEST_F(sock_table, GenerationsAdvanceWrapAndRefuseStaleIdns) {
     KWSockCliOpen(nullptr, 1, nullptr, &idn);
     EXPECT_EQ(KWSockGetIdn(0), 1u << 16);  // wrapped
 
-    EXPECT_EQ(KWSockClose(second), SE_NOSOCK);  // stale now (texts: UnknownIdnsAreRefusedWithTheirOwnTexts)
+    EXPECT_EQ(KWSockClose(second), SE_NOSOCK);  // stale now
     EXPECT_EQ(KWSockGetState(second, &st), 0);
 }
 
 TEST_F(sock_table, UnknownIdnsAreRefusedWithTheirOwnTexts) {
     ASSERT_EQ(KWSockInit(4), 0);
     const uint32_t bad = 0x50003;  // slot 3, a generation it never had
-    LogCapture log;
     void* dat = &dat;
     uint32_t port = 1;
     int32_t fd = 7;
     SockState st{};
-    EXPECT_EQ(KWSockSetDat(bad, nullptr), SE_NOSOCK);
-    EXPECT_EQ(KWSockGetDat(bad, &dat), SE_NOSOCK);
-    EXPECT_EQ(dat, nullptr);
-    EXPECT_EQ(KWSockGetState(bad, &st), 0);
-    EXPECT_EQ(KWSockGetPort(bad, &port), 0);
-    EXPECT_EQ(port, 0u);
-    EXPECT_EQ(KWSockGetId(bad, &fd), 0);
-    EXPECT_EQ(fd, -1);
-    EXPECT_EQ(KWSockRecvEventGet(bad), nullptr);
-    EXPECT_EQ(KWSockRecvEventSet(bad, RecordEvent), nullptr);
-    EXPECT_EQ(KWSockClose(bad), SE_NOSOCK);
     char buf[8] = "xxxxxxx";
-    EXPECT_EQ(GetPeerHostName(bad, buf, sizeof buf), 0);
-    EXPECT_EQ(buf[0], 0);
+    // Each call: refused with its out value cleared, and the line it logs
+    // (the event getter logs under the tag of KWSockGetId).
     const struct {
         const char* fn;
         const char* text;
-    } expected[] = {
-        {"KWSockSetDat", "SE_NOSOCK (327683)"},      {"KWSockGetDat", "SE_NOSOCK (327683)"},
-        {"KWSockGetState", "SE_NOSOCK (idn=327683)"}, {"KWSockGetPort", "SE_NOSOCK (idn=327683)"},
-        {"KWSockGetId", "SE_NOSOCK (idn=327683)"},    {"KWSockRecvEventSet", "SE_NOSOCK (idn=327683)"},
-        {"KWSockClose", "SE_NOSOCK (327683)"},        {"GetPeerHostName", "SE_NOSOCK (327683)"},
+        std::function<bool()> refused;
+    } calls[] = {
+        {"KWSockSetDat", "SE_NOSOCK (327683)", [&] { return KWSockSetDat(bad, nullptr) == SE_NOSOCK; }},
+        {"KWSockGetDat", "SE_NOSOCK (327683)", [&] { return KWSockGetDat(bad, &dat) == SE_NOSOCK && !dat; }},
+        {"KWSockGetState", "SE_NOSOCK (idn=327683)", [&] { return KWSockGetState(bad, &st) == 0; }},
+        {"KWSockGetPort", "SE_NOSOCK (idn=327683)", [&] { return KWSockGetPort(bad, &port) == 0 && port == 0; }},
+        {"KWSockGetId", "SE_NOSOCK (idn=327683)", [&] { return KWSockGetId(bad, &fd) == 0 && fd == -1; }},
+        {"KWSockGetId", "SE_NOSOCK (idn=327683)", [&] { return KWSockRecvEventGet(bad) == nullptr; }},
+        {"KWSockRecvEventSet", "SE_NOSOCK (idn=327683)", [&] { return !KWSockRecvEventSet(bad, RecordEvent); }},
+        {"KWSockClose", "SE_NOSOCK (327683)", [&] { return KWSockClose(bad) == SE_NOSOCK; }},
+        {"GetPeerHostName", "SE_NOSOCK (327683)", [&] { return GetPeerHostName(bad, buf, 8) == 0 && !buf[0]; }},
     };
-    for (const auto& e : expected)
-        EXPECT_TRUE(log.Has(std::string("Kwz.kwSock.") + e.fn, e.text)) << e.fn;
-    // The event getter reports under the tag of KWSockGetId.
-    EXPECT_FALSE(log.Has("Kwz.kwSock.KWSockRecvEventGet", "SE_NOSOCK"));
-}
-
-TEST_F(sock_table, TheLocalHostNameIsRefusedInAnyCase) {
-    ASSERT_EQ(KWSockInit(4), 0);
-    const uint32_t srv = Listen();
-    std::string upper = HostName(), lower = HostName();
-    std::transform(upper.begin(), upper.end(), upper.begin(), ::toupper);
-    std::transform(lower.begin(), lower.end(), lower.begin(), ::tolower);
-    for (const std::string& name : {HostName(), upper, lower}) {
+    for (const auto& c : calls) {
         LogCapture log;
-        uint32_t idn = 5;
-        EXPECT_EQ(KWSockCliOpen(name.c_str(), ListenPort(srv), RecordEvent, &idn), SE_OPEN) << name;
-        EXPECT_EQ(idn, 0u);
-        EXPECT_TRUE(log.Has("Kwz.kwSock.KWSockCliOpen", "Incorrect server address"));
+        EXPECT_TRUE(c.refused()) << c.fn;
+        EXPECT_TRUE(log.Has(std::string("Kwz.kwSock.") + c.fn, c.text)) << c.fn;
     }
-    uint32_t idn = 0;
-    EXPECT_EQ(KWSockCliOpen("127.0.0.1", ListenPort(srv), RecordEvent, &idn), 0);  // numeric loop-back is fine
-    EXPECT_NE(idn, 0u);
 }
 
 TEST_F(sock_table, AConnectionKnowsItsPeerBothWays) {
@@ -186,10 +156,9 @@ TEST_F(sock_table, AConnectionKnowsItsPeerBothWays) {
     EXPECT_STREQ(addr, "127.0.0.1");
 
     // A bounded copy: not terminated when the text fills the buffer.
-    char small[6];
-    std::memset(small, 'X', sizeof small);
+    char small[7] = "XXXXXX";
     GetPeerHostAddr(cli, small, 4);
-    EXPECT_EQ(std::string(small, 6), "127.XX");
+    EXPECT_STREQ(small, "127.XX");
 
     // type, send and receive time-out, port: the defaults of each side.
     const auto Row = [](const SockState& st) {
@@ -210,28 +179,28 @@ TEST_F(sock_table, AConnectionKnowsItsPeerBothWays) {
     EXPECT_EQ(KWSockRecvEventGet(cli), RecordEvent);
     EXPECT_EQ(KWSockRecvEventSet(cli, BlockingEvent), RecordEvent);
     EXPECT_EQ(KWSockRecvEventGet(cli), BlockingEvent);
-    KWSockRecvEventSet(cli, RecordEvent);
-
-    // An orderly close reaches both sides as event 2.
-    EXPECT_EQ(KWSockClose(cli), 0);
-    EXPECT_EQ(Recorder::Get().WaitCode(SOCK_EV_CLOSE, cli).size(), 1u);
-    EXPECT_EQ(Recorder::Get().WaitCode(SOCK_EV_CLOSE, srv).size(), 1u);
-    EXPECT_TRUE(WaitUntil([&] { return StateOf(srv).type == SOCK_FREE; }));
 }
 
+// Opens that fail leave their slot free: to a port nothing listens on (that
+// of a listener that was closed), to a name that does not resolve, and to the
+// local host's own name in any case, which is refused outright.
 TEST_F(sock_table, AnOpenThatFailsLeavesTheSlotFree) {
     ASSERT_EQ(KWSockInit(2), 0);
     uint32_t idn = 1;
-    // Nothing listens on the port of a listener that was closed.
     const uint32_t lst = Listen();
     const uint32_t port = ListenPort(lst);
     KWSockClose(lst);
     ASSERT_TRUE(WaitUntil([&] { return StateOf(lst).type == SOCK_FREE; }));
     EXPECT_EQ(KWSockCliOpen("127.0.0.1", port, RecordEvent, &idn), SE_OPEN);
     EXPECT_EQ(KWSockCliOpen("no-such-host.invalid", port, RecordEvent, &idn), SE_OPEN);
-    EXPECT_EQ(idn, 0u);
-    EXPECT_EQ(StateOf(KWSockGetIdn(0)).type, SOCK_FREE);
-    EXPECT_EQ(StateOf(KWSockGetIdn(1)).type, SOCK_FREE);
+    std::string upper = HostName(), lower = HostName();
+    std::transform(upper.begin(), upper.end(), upper.begin(), ::toupper);
+    std::transform(lower.begin(), lower.end(), lower.begin(), ::tolower);
+    for (const std::string& name : {HostName(), upper, lower}) {
+        LogCapture log;
+        EXPECT_EQ(KWSockCliOpen(name.c_str(), port, RecordEvent, &idn), SE_OPEN) << name;
+        EXPECT_TRUE(log.Has("Kwz.kwSock.KWSockCliOpen", "Incorrect server address")) << name;
+    }
     // Both slots can still be used.
     const uint32_t again = Listen();
     EXPECT_EQ(KWSockCliOpen("127.0.0.1", ListenPort(again), RecordEvent, &idn), 0);
@@ -241,7 +210,6 @@ TEST_F(sock_table, AFullTableRefusesConnectionsButKeepsListening) {
     ASSERT_EQ(KWSockInit(2), 0);
     const uint32_t lst = Listen();
     const int first = RawConnect(ListenPort(lst));
-    ASSERT_GE(first, 0);
     const uint32_t srv = AcceptedIdn();
     ASSERT_NE(srv, 0u);
     {
@@ -256,16 +224,13 @@ TEST_F(sock_table, AFullTableRefusesConnectionsButKeepsListening) {
     EXPECT_EQ(Recorder::Get().WaitCode(SOCK_EV_CLOSE, srv).size(), 1u);
     ASSERT_TRUE(WaitUntil([&] { return StateOf(srv).type == SOCK_FREE; }));
     const int third = RawConnect(ListenPort(lst));
-    ASSERT_GE(third, 0);
     EXPECT_NE(AcceptedIdn(2), 0u);
-    EXPECT_EQ(StateOf(lst).type, SOCK_LISTEN);
     close(third);
 }
 
 // A slot whose receiving thread is inside a callback stays closing until the
-// callback returns; closes meanwhile are no-ops, and once the slot is reused
-// the old idn is unknown.
-TEST_F(sock_table, ClosingTwiceAndAfterReuse) {
+// callback returns; closes meanwhile are no-ops.
+TEST_F(sock_table, ClosingTwiceWhileACallbackRuns) {
     ASSERT_EQ(KWSockInit(4), 0);
     const uint32_t lst = Listen(BlockingEvent);
     int raw = -1;
@@ -278,17 +243,8 @@ TEST_F(sock_table, ClosingTwiceAndAfterReuse) {
     EXPECT_EQ(StateOf(srv).type, SOCK_SRV);  // not final while the callback runs
     GateOpen() = true;
     EXPECT_EQ(Recorder::Get().WaitCode(SOCK_EV_CLOSE, srv).size(), 1u);
-    ASSERT_TRUE(WaitUntil([&] { return StateOf(srv).type == SOCK_FREE; }));
-    EXPECT_EQ(KWSockClose(srv), 0);  // free, but its Idn still matches
+    EXPECT_TRUE(WaitUntil([&] { return StateOf(srv).type == SOCK_FREE; }));
     close(raw);
-
-    const int next = RawConnect(ListenPort(lst));
-    const uint32_t reused = AcceptedIdn(2);
-    ASSERT_NE(reused, 0u);
-    EXPECT_EQ(reused & 0xFFFF, srv & 0xFFFF);  // the same slot, a new generation
-    EXPECT_NE(reused, srv);
-    EXPECT_EQ(KWSockClose(srv), SE_NOSOCK);
-    close(next);
 }
 
 // KWSockFree while a slot cannot finish yet: the module is suspended, new
@@ -307,9 +263,8 @@ TEST_F(sock_table, FreeWhileConnectionsFinish) {
     EXPECT_EQ(KWSockIsActive(), SE_SUSPEND);
     EXPECT_EQ(KWSockInit(4), SE_SUSPEND);
     EXPECT_EQ(KWSockClose(srv), SE_SUSPEND);
-    uint32_t idn = 0;
-    EXPECT_EQ(KWSockCliOpen("127.0.0.1", ListenPort(lst), RecordEvent, &idn), SE_NOINIT);
-    EXPECT_EQ(KWSockSrvOpen(0, RecordEvent, &idn), SE_NOINIT);
+    EXPECT_EQ(KWSockCliOpen("127.0.0.1", ListenPort(lst), RecordEvent, nullptr), SE_NOINIT);
+    EXPECT_EQ(KWSockSrvOpen(0, RecordEvent, nullptr), SE_NOINIT);
     EXPECT_EQ(KWSockSendEx(srv, rec, nullptr, 0), SE_NOINIT);
     KWRRecRelease(rec);
     EXPECT_TRUE(PeerClosed(raw));  // the socket was shut down at once

@@ -1,6 +1,8 @@
 // Time synchronisation between the two ends of a connection on one host:
 // the measured difference, the synchronised flags, the zone values and their
 // override, and the stamping of the request when it is sent.
+#include <tuple>
+
 #include "kwz_test_util.h"
 #include "sock_test_util.h"
 
@@ -8,25 +10,6 @@ using namespace socktest;
 using kwztest::LogCapture;
 
 namespace {
-
-struct Sync {
-    int32_t result = 0;
-    int32_t millis = 0;  // seconds * 1000 + milliseconds
-};
-
-Sync Difference(uint32_t idn) {
-    uint32_t s = 7, ms = 7;
-    Sync d;
-    d.result = KWSockTimeDlt(idn, &s, &ms);
-    d.millis = static_cast<int32_t>(s) * 1000 + static_cast<int32_t>(ms);
-    return d;
-}
-
-std::pair<int32_t, int32_t> Zone(uint32_t idn) {
-    uint32_t z1 = 7, z2 = 7;
-    if (!KWSockTimeZone(idn, &z1, &z2)) return {-99, -99};
-    return {static_cast<int32_t>(z1), static_cast<int32_t>(z2)};
-}
 
 class sock_time : public SockFixture<8> {
 protected:
@@ -37,9 +20,7 @@ protected:
         srv_ = AcceptedIdn();
         ASSERT_NE(srv_, 0u);
     }
-    bool Synced(uint32_t idn) {
-        return WaitUntil([&] { return Difference(idn).result == 1; });
-    }
+    bool Synced(uint32_t idn) { return WaitUntil([&] { return SyncDifference(idn).first == 1; }); }
     // The round trip is measured with GetTickCount, which moves in steps of
     // 4,000 (4 ms of the coarse clock) and jumps back at every second: a sync
     // whose round trip crosses a step is 2 s off, one across a second wildly
@@ -59,8 +40,8 @@ protected:
                 std::this_thread::sleep_for(300ms);
                 GateOpen() = true;
             }
-            if (!WaitUntil([&] { return Zone(idn).first == tag; })) break;
-            const int64_t d = Difference(idn).millis;
+            if (!WaitUntil([&] { return SyncZone(idn).first == tag; })) break;
+            const int64_t d = SyncDifference(idn).second;
             if (std::llabs(d) < std::llabs(best)) best = d;
         }
         EXPECT_EQ(KWSockTimeZoneSet(peer, -1, 0), 1);
@@ -70,27 +51,25 @@ protected:
 };
 
 TEST_F(sock_time, BothEndsMeasureASmallDifference) {
+    EXPECT_EQ(SyncDifference(cli_), std::make_pair(0, 0));  // nothing before an answer
     uint32_t s = 7, ms = 7, z = 7;
-    EXPECT_EQ(KWSockTimeDlt(cli_, &s, &ms), 0);  // nothing before an answer
-    EXPECT_EQ(s, 0u);
-    EXPECT_EQ(ms, 0u);
     EXPECT_EQ(KWSockTimeDltAbo(cli_, &s, &ms, &z), 0);
-    EXPECT_EQ(z, 0u);
-    EXPECT_EQ(Zone(cli_).first, -99);
+    EXPECT_EQ(std::make_tuple(s, ms, z), std::make_tuple(0u, 0u, 0u));
+    EXPECT_EQ(SyncZone(cli_).first, -99);
 
     ASSERT_EQ(KWSockTimeSynchro(cli_), 1);
     ASSERT_TRUE(Synced(cli_));
     KWTimeStamp local{};
     CTimeUTC(&local);
-    EXPECT_EQ(Zone(cli_), std::make_pair(int32_t{local.zoneMinutes}, int32_t{local.daylight}));
+    EXPECT_EQ(SyncZone(cli_), std::make_pair(int32_t{local.zoneMinutes}, int32_t{local.daylight}));
     EXPECT_EQ(KWSockTimeDltAbo(cli_, &s, &ms, &z), 1);
-    EXPECT_EQ(static_cast<int32_t>(s) * 1000 + static_cast<int32_t>(ms), Difference(cli_).millis);
+    EXPECT_EQ(static_cast<int32_t>(s) * 1000 + static_cast<int32_t>(ms), SyncDifference(cli_).second);
     EXPECT_EQ(static_cast<int32_t>(z), int32_t{local.zoneMinutes});
 
     // A request clears the flag of the answering side only.  The answering
     // side clears it just after queueing the answer, so the requester may
     // see the answer first: the check waits (bounded) for the flag to drop.
-    const auto Unsynced = [](uint32_t idn) { return WaitUntil([&] { return Difference(idn).result == 0; }); };
+    const auto Unsynced = [](uint32_t idn) { return WaitUntil([&] { return SyncDifference(idn).first == 0; }); };
     ASSERT_EQ(KWSockTimeSynchro(srv_), 1);
     ASSERT_TRUE(Synced(srv_));
     EXPECT_TRUE(Unsynced(cli_));
@@ -115,22 +94,22 @@ TEST_F(sock_time, ZoneValuesCanBeOverriddenOnEitherSide) {
     ASSERT_EQ(KWSockTimeZoneSet(srv_, 120, 1), 1);
     ASSERT_EQ(KWSockTimeSynchro(cli_), 1);
     ASSERT_TRUE(Synced(cli_));
-    EXPECT_EQ(Zone(cli_), std::make_pair(120, 1));
+    EXPECT_EQ(SyncZone(cli_), std::make_pair(120, 1));
     // Set on the reading side: shown instead of the peer's, until removed.
     ASSERT_EQ(KWSockTimeZoneSet(cli_, 3, 0), 1);
-    EXPECT_EQ(Zone(cli_), std::make_pair(3, 0));
+    EXPECT_EQ(SyncZone(cli_), std::make_pair(3, 0));
     uint32_t s = 0, ms = 0, z = 0;
     EXPECT_EQ(KWSockTimeDltAbo(cli_, &s, &ms, &z), 1);
     EXPECT_EQ(z, 3u);
     ASSERT_EQ(KWSockTimeZoneSet(cli_, -1, 0), 1);
-    EXPECT_EQ(Zone(cli_), std::make_pair(120, 1));
+    EXPECT_EQ(SyncZone(cli_), std::make_pair(120, 1));
     // Removing the answering side's override: its own zone again.
     ASSERT_EQ(KWSockTimeZoneSet(srv_, -1, 0), 1);
     ASSERT_EQ(KWSockTimeSynchro(cli_), 1);
     KWTimeStamp local{};
     CTimeUTC(&local);
     EXPECT_TRUE(WaitUntil([&] {
-        return Zone(cli_) == std::make_pair(int32_t{local.zoneMinutes}, int32_t{local.daylight});
+        return SyncZone(cli_) == std::make_pair(int32_t{local.zoneMinutes}, int32_t{local.daylight});
     }));
 }
 
@@ -141,7 +120,7 @@ TEST_F(sock_time, OnlyStreamConnectionsSynchronise) {
     for (uint32_t idn : {lst_, node, 0x7777u}) {
         EXPECT_EQ(KWSockTimeSynchro(idn), 0);
         EXPECT_EQ(KWSockTimeZoneSet(idn, 1, 1), 0);
-        EXPECT_EQ(Difference(idn).result, 0);
+        EXPECT_EQ(SyncDifference(idn).first, 0);
         EXPECT_TRUE(log.Has("Kwz.kwSock.KWSockTimeSynchro", "SE_NOSOCK (idn=" + std::to_string(idn) + ")"));
     }
 }
