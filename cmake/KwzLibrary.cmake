@@ -1,14 +1,63 @@
-# The shared library libVomKwz_x64.so.1.  Every module folder contributes its
-# .cpp files; only the functions marked KWZ_API in include/VomKwz.h are exported.
+# The shared library libVomKwz_x64.so.1, built from one object library per
+# module.  Only the functions marked KWZ_API in include/VomKwz.h are exported.
+#
+# Layers: each module sees the headers of the modules below it and no others.
+#   base                     memory, logging, ticks, time, lists, sorting, C edge
+#   rec     -> base          record types, records, image, record arrays
+#   crypto  -> rec           "#LZ2" container, data helpers, MD5, RC4
+#   sock    -> rec           the record transport
+#   graph   -> base          graphs
+#   text    -> base          KString
+#   xml     -> text          XML documents
+#   calc    -> graph         the calculator and its object types
+#   client  -> sock          client sessions
+# The rule is enforced by the include path: a module's sources are compiled
+# with one include root per module it may see (a folder holding a link named
+# after the module), never with the project root, so "#include "calc/x.h""
+# from graph/ does not find the file.
 
-set(KWZ_MODULE_DIRS rec sock client calc graph xml crypto text)
-set(KWZ_LIB_SOURCES "")
-foreach(_dir IN LISTS KWZ_MODULE_DIRS)
-  file(GLOB _src CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/${_dir}/*.cpp")
-  list(APPEND KWZ_LIB_SOURCES ${_src})
+set(KWZ_MODULES base rec crypto sock graph text xml calc client)
+set(KWZ_DEPS_rec base)
+set(KWZ_DEPS_crypto rec)
+set(KWZ_DEPS_sock rec)
+set(KWZ_DEPS_graph base)
+set(KWZ_DEPS_text base)
+set(KWZ_DEPS_xml text)
+set(KWZ_DEPS_calc graph)
+set(KWZ_DEPS_client sock)
+
+set(KWZ_LIB_OBJECTS "")
+foreach(_mod IN LISTS KWZ_MODULES)
+  file(GLOB _src CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/${_mod}/*.cpp")
+  if(NOT _src)
+    continue()
+  endif()
+  set(_root "${PROJECT_BINARY_DIR}/kwz_include/${_mod}")
+  file(MAKE_DIRECTORY "${_root}")
+  file(CREATE_LINK "${PROJECT_SOURCE_DIR}/${_mod}" "${_root}/${_mod}" SYMBOLIC)
+  add_library(kwz_${_mod} OBJECT ${_src})
+  set_target_properties(kwz_${_mod} PROPERTIES
+    POSITION_INDEPENDENT_CODE ON
+    C_VISIBILITY_PRESET hidden
+    CXX_VISIBILITY_PRESET hidden
+    VISIBILITY_INLINES_HIDDEN ON)
+  target_include_directories(kwz_${_mod}
+    PUBLIC "${_root}" "${PROJECT_SOURCE_DIR}/include")
+  target_compile_definitions(kwz_${_mod} PUBLIC KWZ_BUILDING_LIBRARY _GNU_SOURCE)
+  target_link_libraries(kwz_${_mod} PRIVATE kwz_warnings)
+  foreach(_dep IN LISTS KWZ_DEPS_${_mod})
+    if(TARGET kwz_${_dep})
+      target_link_libraries(kwz_${_mod} PUBLIC kwz_${_dep})
+    endif()
+  endforeach()
+  list(APPEND KWZ_LIB_OBJECTS $<TARGET_OBJECTS:kwz_${_mod}>)
 endforeach()
+target_link_libraries(kwz_crypto PRIVATE PkgConfig::LZO2)
+if(TARGET kwz_sock)
+  target_link_libraries(kwz_sock PRIVATE Threads::Threads)
+endif()
 
-add_library(VomKwz SHARED ${KWZ_LIB_SOURCES})
+add_library(VomKwz SHARED ${KWZ_LIB_OBJECTS})
 add_library(VomKwz::VomKwz ALIAS VomKwz)
 set_target_properties(VomKwz PROPERTIES
   OUTPUT_NAME VomKwz_x64
@@ -20,16 +69,25 @@ set_target_properties(VomKwz PROPERTIES
 target_include_directories(VomKwz
   PUBLIC
     $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
-    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>
-  PRIVATE
-    ${PROJECT_SOURCE_DIR})
-target_compile_definitions(VomKwz PRIVATE KWZ_BUILDING_LIBRARY _GNU_SOURCE)
+    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 target_link_libraries(VomKwz PRIVATE kwz_warnings PkgConfig::LZO2 Threads::Threads)
 target_link_options(VomKwz PRIVATE -Wl,--exclude-libs,ALL)
 if(NOT KWZ_SANITIZE AND NOT KWZ_BUILD_FUZZERS)
   # Every symbol the library needs must be resolved by its own dependencies.
   target_link_options(VomKwz PRIVATE -Wl,--no-undefined)
 endif()
+
+# Tests that reach inside the library (fault injection, internal classes) link
+# this static copy of the same objects instead of the shared object.
+add_library(kwz_internal STATIC ${KWZ_LIB_OBJECTS})
+target_include_directories(kwz_internal INTERFACE "${PROJECT_SOURCE_DIR}/include")
+foreach(_mod IN LISTS KWZ_MODULES)
+  if(TARGET kwz_${_mod})
+    target_include_directories(kwz_internal INTERFACE "${PROJECT_BINARY_DIR}/kwz_include/${_mod}")
+  endif()
+endforeach()
+target_compile_definitions(kwz_internal INTERFACE KWZ_BUILDING_LIBRARY _GNU_SOURCE)
+target_link_libraries(kwz_internal PUBLIC PkgConfig::LZO2 Threads::Threads)
 
 # Export exactly the functions that the header marks KWZ_API: -fvisibility=hidden
 # alone still lets weak instantiations of std:: templates out, so a version

@@ -6,7 +6,7 @@
 #include <exception>
 
 #include "crypto/lzop.h"
-#include "rec/kwBase.h"
+#include "base/kwBase.h"
 
 namespace kwz::lzop {
 namespace {

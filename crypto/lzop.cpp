@@ -11,7 +11,7 @@
 #include <mutex>
 #include <new>
 
-#include "rec/kwBase.h"
+#include "base/kwBase.h"
 
 namespace kwz::lzop {
 

@@ -12,7 +12,7 @@
 #include <new>
 
 #include "crypto/lzop.h"
-#include "rec/kwBase.h"
+#include "base/kwBase.h"
 
 namespace kwz::lzop {
 namespace {

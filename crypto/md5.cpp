@@ -5,7 +5,7 @@
 // four chaining words, buf the block being filled (count tells how full).
 #include <cstring>
 
-#include "rec/kwBase.h"
+#include "base/kwBase.h"
 
 namespace kwz::md5 {
 namespace {

@@ -4,7 +4,7 @@
 //
 // RC4Key holds the 256-byte permutation and the two indexes x (i) and y (j).
 // Encryption and decryption are the same operation.
-#include "rec/kwBase.h"
+#include "base/kwBase.h"
 
 #include <utility>
 

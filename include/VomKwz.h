@@ -583,8 +583,42 @@ typedef struct RC4Key {
 KWZ_API void RC4CodePrepare_Key(const uint8_t* key, int32_t keyLength, RC4Key* state);
 KWZ_API void RC4Code(uint8_t* data, int32_t length, RC4Key* state);
 
+/* ======================================================================== */
+/* Calculator: values, registry, compiler, engine, object types               */
+/* ======================================================================== */
+
+/* (calculator declarations go here) */
+
+
+/* ======================================================================== */
+/* Graphs                                                                     */
+/* ======================================================================== */
+
+/* (graph declarations go here) */
+
+
+/* ======================================================================== */
+/* XML documents                                                              */
+/* ======================================================================== */
+
+/* (XML declarations go here) */
+
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif
+
+/* ======================================================================== */
+/* C++ classes (graphs, XML nodes, KString)                                   */
+/* ======================================================================== */
+#ifdef __cplusplus
+
+/* (graph classes go here) */
+
+
+/* (XML and KString classes go here) */
+
+
+#endif /* __cplusplus */
 
 #endif /* VOMKWZ_H */

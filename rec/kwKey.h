@@ -1,6 +1,7 @@
 // The record-array key descriptor (KWAKey, opaque in the public header).
-// KWLSeek reads its option word for the Unique rule, so `options` stays a
-// uint32_t named so; everything else belongs to the record-array module.
+// KWLSeek, given a key as its context, reads the key's first word as the
+// option bits for the Unique rule (it knows nothing else of keys): `options`
+// stays the first member, a uint32_t; the static_assert below holds it there.
 #pragma once
 
 #include <VomKwz.h>
@@ -53,3 +54,12 @@ struct KWAKey {
         return prefixMode != kwz::recarr::PrefixMode::kNone && !floating && !unsorted;
     }
 };
+
+#include <cstddef>
+// KWAKey is not standard-layout (its order has members of its own), but it has
+// no bases and no virtual functions, so its first member sits at offset 0.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Winvalid-offsetof"
+static_assert(offsetof(KWAKey, options) == 0 && sizeof(KWAKey::options) == sizeof(uint32_t),
+              "KWLSeek reads a key context's first word as its option bits");
+#pragma GCC diagnostic pop

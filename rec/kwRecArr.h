@@ -9,7 +9,8 @@
 #include <memory>
 #include <vector>
 
-#include "rec/kwBase.h"
+#include "base/kwBase.h"
+#include "base/kwSearch.h"
 #include "rec/kwKey.h"
 #include "rec/kwRecImage.h"
 
@@ -108,30 +109,12 @@ inline int32_t ComparePrefix(const KWAKey* key, uint64_t member, uint64_t search
 
 // ---- seeking (kwRecArrSeek.cpp) -------------------------------------------
 
-// Binary search over a key's order with exactly KWLSeek's rule: mid is
-// (lo + hi) >> 1, a Unique key stops at the first match met, and the
-// position is lo.  cmp(const Entry&) compares a member with the search key.
+// Binary search over a key's order with exactly KWLSeek's rule (one search,
+// kwz::SeekSorted).  cmp(const Entry&) compares a member with the search key.
 template <typename Cmp>
 bool SeekOrder(const KWAKey* key, Cmp&& cmp, int32_t* position) {
-    int32_t lo = 0;
-    int32_t hi = key->order.Size() - 1;
-    bool found = false;
-    const bool unique = key->Unique();
-    while (lo <= hi) {
-        const int32_t mid = (lo + hi) >> 1;
-        const int32_t c = cmp(key->order.At(mid));
-        if (c < 0) {
-            lo = mid + 1;
-        } else {
-            hi = mid - 1;
-            if (c == 0) {
-                found = true;
-                if (unique) lo = mid;
-            }
-        }
-    }
-    *position = lo;
-    return found;
+    return SeekSorted(key->order.Size(), key->Unique(),
+                      [&](int32_t mid) { return cmp(key->order.At(mid)); }, position);
 }
 
 // A seek with KWLSeek's result, faster where the order is known to be

@@ -2,7 +2,7 @@
 // KWRRecSet, a sound packed image of the given type?  The accessors trust
 // the image they are given; this is the test to run before trusting one from
 // outside.  It reads nothing outside [image, image + L).
-#include "rec/kwBase.h"
+#include "base/kwBase.h"
 #include "rec/kwRecord.h"
 
 namespace kwz::rec {

@@ -17,7 +17,7 @@
 #include <cstring>
 #include <limits>
 
-#include "rec/kwBase.h"
+#include "base/kwBase.h"
 #include "rec/kwRecord.h"
 
 namespace kwz::rec {

@@ -21,7 +21,7 @@
 
 #include <cstdint>
 
-#include "rec/kwBase.h"
+#include "base/kwBase.h"
 
 namespace kwz::rec {
 

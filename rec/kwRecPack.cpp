@@ -19,7 +19,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "rec/kwBase.h"
+#include "base/kwBase.h"
 #include "rec/kwRecord.h"
 
 namespace kwz::rec {

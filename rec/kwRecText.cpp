@@ -14,7 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "rec/kwBase.h"
+#include "base/kwBase.h"
 #include "rec/kwRecord.h"
 
 namespace kwz::rec {

@@ -14,7 +14,7 @@
 #include <new>
 #include <string>
 
-#include "rec/kwBase.h"
+#include "base/kwBase.h"
 #include "rec/kwRecImage.h"
 #include "rec/kwRecType.h"
 

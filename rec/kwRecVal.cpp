@@ -6,7 +6,7 @@
 //   (types 9..11) a u32 length at 0..3 and a text pointer at 4..11.
 #include <cstring>
 
-#include "rec/kwBase.h"
+#include "base/kwBase.h"
 #include "rec/kwRecord.h"
 
 using namespace kwz;

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "rec/kwBase.h"
+#include "base/kwBase.h"
 #include "rec/kwRecord.h"
 
 namespace kwz::rec {

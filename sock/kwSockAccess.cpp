@@ -4,7 +4,7 @@
 // unknown idn "SE_NOSOCK ..." (level 2).
 #include <cstring>
 
-#include "rec/kwBase.h"
+#include "base/kwBase.h"
 #include "sock/kwSockInt.h"
 
 using namespace kwz;

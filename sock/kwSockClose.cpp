@@ -10,7 +10,7 @@
 #include <cstring>
 #include <exception>
 
-#include "rec/kwBase.h"
+#include "base/kwBase.h"
 #include "sock/kwSockInt.h"
 
 namespace kwz::sock {

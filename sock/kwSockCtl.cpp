@@ -18,7 +18,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "rec/kwBase.h"
+#include "base/kwBase.h"
 #include "sock/kwSockInt.h"
 
 namespace kwz::sock {

@@ -19,7 +19,7 @@
 #include <memory>
 #include <new>
 
-#include "rec/kwBase.h"
+#include "base/kwBase.h"
 #include "sock/kwSockInt.h"
 
 namespace kwz::sock {

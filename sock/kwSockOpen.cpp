@@ -19,7 +19,7 @@
 #include <system_error>
 #include <thread>
 
-#include "rec/kwBase.h"
+#include "base/kwBase.h"
 #include "sock/kwSockInt.h"
 
 namespace kwz::sock {

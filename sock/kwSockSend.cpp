@@ -27,7 +27,7 @@
 #include <exception>
 #include <stdexcept>
 
-#include "rec/kwBase.h"
+#include "base/kwBase.h"
 #include "sock/kwSockInt.h"
 
 namespace kwz::sock {

@@ -3,7 +3,7 @@
 // and the peer's zone values once the answer (Type 5) has arrived, and
 // override the zone values this side sends in its own answers.  The exchange
 // itself is in kwSockCtl.cpp.
-#include "rec/kwBase.h"
+#include "base/kwBase.h"
 #include "sock/kwSockInt.h"
 
 using namespace kwz;

@@ -9,7 +9,7 @@
 
 #include <chrono>
 
-#include "rec/kwBase.h"
+#include "base/kwBase.h"
 
 namespace {
 

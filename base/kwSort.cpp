@@ -1,6 +1,6 @@
 // QuickSort over an array of pointers, and stricmp_rus, the case-insensitive
 // comparison of 8-bit Latin and Windows-1251 Cyrillic text.
-#include "rec/kwBase.h"
+#include "base/kwBase.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // KWZGetVersion: the numbers come from the public header's version macros.
-#include "rec/kwBase.h"
+#include "base/kwBase.h"
 
 namespace {
 const char kCredits[] =

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "base/kwLog.h"
+
 namespace kwz {
 
 // Integers in images, tables and frames are little-endian and unaligned; the
@@ -26,9 +28,5 @@ inline void Store(void* p, T v) {
 
 inline uint32_t LoadU32(const void* p) { return Load<uint32_t>(p); }
 inline void StoreU32(void* p, uint32_t v) { Store<uint32_t>(p, v); }
-
-// True when a message of this level would reach the log sink; lets callers
-// skip building expensive arguments.
-inline bool LogEnabled(int32_t level) { return level <= LogMessageLevel(); }
 
 }  // namespace kwz

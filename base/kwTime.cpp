@@ -5,7 +5,7 @@
 
 #include <cstring>
 
-#include "rec/kwBase.h"
+#include "base/kwBase.h"
 
 namespace {
 

@@ -2,15 +2,14 @@
 // or compares what its items point at; its owner serialises access.
 //
 // Growth (KWLAdd, KWLInsert): when full, the capacity becomes count + 16
-// below 65 items and count + count / 4 from 65 on.  Record arrays size their
-// lists with these steps, so keep them.
+// below 65 items and count + count / 4 from 65 on.
 #include <algorithm>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
 
-#include "rec/kwBase.h"
-#include "rec/kwKey.h"
+#include "base/kwBase.h"
+#include "base/kwSearch.h"
 
 namespace {
 
@@ -153,21 +152,13 @@ KWZ_API int32_t KWLSeek(void* context, KWList* list, KWLCompareFn compare, void*
     int32_t lo = 0;
     int32_t found = 0;
     if (list && list->items && compare) {
-        const bool unique = context && (static_cast<const KWAKey*>(context)->options & iKeyOpt_Unique);
-        int32_t hi = list->count - 1;
-        while (lo <= hi) {
-            const int32_t mid = (lo + hi) >> 1;
-            const int32_t c = compare(context, list->items[mid], key);
-            if (c < 0) {
-                lo = mid + 1;
-            } else {
-                hi = mid - 1;
-                if (c == 0) {
-                    found = 1;
-                    if (unique) lo = mid;
-                }
-            }
-        }
+        // The context, when given, starts with the key's option word (a
+        // uint32_t of iKeyOpt_ bits); that word alone decides the Unique rule.
+        const bool unique =
+            context && (*static_cast<const uint32_t*>(context) & iKeyOpt_Unique);
+        found = kwz::SeekSorted(list->count, unique,
+                                [&](int32_t mid) { return compare(context, list->items[mid], key); },
+                                &lo);
     }
     if (position) *position = lo;
     return found;
