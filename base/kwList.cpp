@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "base/kwBase.h"
+#include "base/kwMem.h"
 #include "base/kwSearch.h"
 
 namespace {
@@ -91,12 +92,12 @@ KWZ_API void* KWLLast(KWList* list) { return list ? KWLGet(list, list->count - 1
 KWZ_API void KWLCapacity(KWList* list, int32_t n) {
     if (!list || n < list->count || n == list->capacity) return;
     if (n == 0) {
-        std::free(list->items);
+        kwz::MemFree(list->items);
         list->items = nullptr;
         list->capacity = 0;
         return;
     }
-    void* grown = std::realloc(list->items, sizeof(void*) * static_cast<size_t>(n));
+    void* grown = kwz::MemReAlloc(list->items, sizeof(void*) * static_cast<size_t>(n));
     if (!grown) return;
     list->items = static_cast<void**>(grown);
     list->capacity = n;

@@ -8,9 +8,11 @@ set -euo pipefail
 
 want=(build-essential cmake ninja-build pkg-config liblzo2-dev
       libgtest-dev libgmock-dev libbenchmark-dev
-      clang libclang-rt-14-dev iproute2)
+      clang libclang-rt-14-dev iproute2 libedit-dev libpugixml-dev)
 if [ "${1:-}" = "--bench" ]; then
-  want+=(libprotobuf-dev protobuf-compiler libsqlite3-dev libzmq3-dev lzop)
+  want+=(libprotobuf-dev protobuf-compiler libsqlite3-dev libzmq3-dev lzop
+         libboost-graph-dev libtinyxml2-dev libmsgpack-dev libmsgpack-cxx-dev
+         liblua5.4-dev libmuparser-dev)
 fi
 
 missing=()
