@@ -26,13 +26,13 @@ ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1 \
 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   run_ctest "$KWZ_ROOT/build/asan"
 
-echo "== 3/4 thread sanitizer (transport) =="
+echo "== 3/4 thread sanitizer (transport and other threaded tests) =="
 cmake -S "$KWZ_ROOT" -B "$KWZ_ROOT/build/tsan" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DKWZ_SANITIZE=thread -DKWZ_BUILD_TOOLS=OFF >/dev/null
 cmake --build "$KWZ_ROOT/build/tsan" -j "$KWZ_JOBS" --target transport_tests
-if (cd "$KWZ_ROOT/build/tsan" && ctest -N -L transport | grep -q 'Total Tests: [1-9]'); then
+if (cd "$KWZ_ROOT/build/tsan" && ctest -N -L 'transport|threads' | grep -q 'Total Tests: [1-9]'); then
   TSAN_OPTIONS=halt_on_error=1:exitcode=66:second_deadlock_stack=1 \
-    run_ctest "$KWZ_ROOT/build/tsan" -L transport
+    run_ctest "$KWZ_ROOT/build/tsan" -L 'transport|threads'
 else
   echo "no transport tests yet"
 fi
