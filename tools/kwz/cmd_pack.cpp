@@ -117,8 +117,8 @@ int Transcode(const Call& call, bool pack) {
 
 // Walks the chunk headers with seeks (nothing is decompressed to count),
 // then checks the data by decoding it into nothing.
-int InfoContainer(const std::string& name, FILE* f, bool old) {
-    std::printf("%s: %s container\n", name.c_str(), old ? "\"#LZP\" (first-release layout)" : "\"#LZ2\"");
+int InfoContainer(const std::string& name, FILE* f, bool lzp) {
+    std::printf("%s: %s container\n", name.c_str(), lzp ? "\"#LZP\" (first-release layout)" : "\"#LZ2\"");
     uint64_t data = 0, pos = 4;
     uint32_t chunks = 0, stored = 0;
     bool complete = false;
@@ -381,6 +381,6 @@ KWZ_DEMO_STEP(60, "compression") {
     std::printf("RC4 \"Attack at dawn\", key \"Secret\": %s", HexBytes(reinterpret_cast<const uint8_t*>(message.data()), message.size()).c_str());
     RC4CodePrepare_Key(reinterpret_cast<const uint8_t*>(key), 6, &state);
     RC4Code(reinterpret_cast<uint8_t*>(&message[0]), int32_t(message.size()), &state);
-    std::printf(" -> \"%s\" (RC4 is kept for old peers, not for security)\n", message.c_str());
+    std::printf(" -> \"%s\" (RC4 is kept for existing peers, not for security)\n", message.c_str());
     return message == "Attack at dawn" ? 0 : 1;
 }

@@ -126,18 +126,28 @@ extern "C" void ServeEvent(int32_t event, uint32_t idn, KWRData* rec) {
     std::fflush(stdout);
 }
 
+// Reports a failed open, or prints the port the system bound to *idn (port
+// 0 asks for any free one) as the line a caller waits for.  idn is read
+// only after ok has been computed, hence the pointer.
+bool Opened(bool ok, const uint32_t* idn, uint32_t port, const char* line) {
+    if (!ok) {
+        StopTransport();
+        Fail("port " + std::to_string(port), "cannot open");
+        return false;
+    }
+    KWSockGetPort(*idn, &port);
+    std::printf("%s %u (Ctrl-C stops)\n", line, port);
+    std::fflush(stdout);
+    return true;
+}
+
 int Serve(const Call& call) {
     auto port = uint32_t(call.NumberArg(0, "PORT", 0, 65535));
     uint32_t lst = 0;
     g_sink = call.Has("--sink");
     CatchInterrupt();
-    if (KWSockInit(256) != 0 || KWSockSrvOpen(port, ServeEvent, &lst) != 0) {
-        StopTransport();
-        return Fail("port " + std::to_string(port), "cannot listen");
-    }
-    KWSockGetPort(lst, &port);
-    std::printf("listening on port %u (Ctrl-C stops)\n", port);
-    std::fflush(stdout);
+    if (!Opened(KWSockInit(256) == 0 && KWSockSrvOpen(port, ServeEvent, &lst) == 0, &lst, port, "listening on port"))
+        return kExitFailure;
     auto last = Clock::now();
     long long lastRecords = 0, lastBytes = 0;
     while (!g_stop) {
@@ -156,8 +166,8 @@ int Serve(const Call& call) {
     }
     KWSockClose(lst);
     const bool clean = StopTransport();
-    std::printf("stopped%s\n", clean ? "" : " (connections still finishing)");
-    return clean ? 0 : 1;
+    std::printf("stopped\n");
+    return clean ? kExitOk : Fail("transport", "connections still finishing after 10 s");
 }
 
 // ------------------------------------------------------------ send, netbench
@@ -329,16 +339,11 @@ int Node(const Call& call) {
     auto port = uint32_t(call.NumberArg(0, "PORT", 0, 65535));
     uint32_t idn = 0;
     CatchInterrupt();
-    if (KWSockInit(4) != 0 || KWSockNodeOpen(port, NodePrint, &idn) != 0) {
-        StopTransport();
-        return Fail("port " + std::to_string(port), "cannot open");
-    }
-    KWSockGetPort(idn, &port);
-    std::printf("datagrams to port %u (Ctrl-C stops)\n", port);
-    std::fflush(stdout);
+    if (!Opened(KWSockInit(4) == 0 && KWSockNodeOpen(port, NodePrint, &idn) == 0, &idn, port, "datagrams to port"))
+        return kExitFailure;
     while (!g_stop) std::this_thread::sleep_for(std::chrono::milliseconds(100));
     KWSockClose(idn);
-    return StopTransport() ? 0 : 1;
+    return StopTransport() ? kExitOk : Fail("transport", "did not stop within 10 s");
 }
 
 int NodeSend(const Call& call) {
