@@ -5,11 +5,11 @@
 #include <VomKwz.h>
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
-#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -97,8 +97,9 @@ std::set<std::string> ListedCommands(const std::string& help) {
     std::set<std::string> names;
     std::istringstream in(help);
     for (std::string line; std::getline(in, line);) {
-        std::smatch m;
-        if (std::regex_match(line, m, std::regex("  ([a-z][a-z-]*)( .*)?"))) names.insert(m[1]);
+        if (line.size() < 3 || line.compare(0, 2, "  ") != 0 || !std::islower(static_cast<unsigned char>(line[2])))
+            continue;
+        names.insert(line.substr(2, line.find(' ', 2) - 2));
     }
     return names;
 }

@@ -157,7 +157,7 @@ int Build(const std::string& def, const std::vector<std::string>& assignments, c
 }  // namespace
 
 KWZ_COMMAND(record, {110, "records and tables", "record",
-                     "\"DEF\" [field=value ...] [-o FILE] [-f]\n--decode \"DEF\" [FILE]",
+                     "\"DEF\" [field=value ...] [-o OUT] [-f]\n--decode \"DEF\" [FILE]",
                      "build and dump a record image, or check and decode one", 1, -1,
                      {{"--decode", nullptr, nullptr, "check the image in FILE (standard input without it) and print its fields"},
                       kOutOption, kForceOption},
@@ -169,7 +169,7 @@ KWZ_COMMAND(record, {110, "records and tables", "record",
         if (call.Count() > 2) UsageError(call.Arg(2), "unexpected argument");
         return Decode(call.Arg(0), call.Count() > 1 ? call.Arg(1) : "-");
     }
-    if (call.Has("--force") && !call.Has("--out")) UsageError("--force", "needs -o FILE");
+    if (call.Has("--force") && !call.Has("--out")) UsageError("--force", "needs -o OUT");
     return Build(call.Arg(0), std::vector<std::string>(call.Args().begin() + 1, call.Args().end()), call.Value("--out"),
                  call.Has("--force"));
 }

@@ -1,7 +1,7 @@
 // Subcommand registry of the kwz tool.  Each cmd_*.cpp file registers its
-// own family of subcommands; main.cpp knows no command by name.
+// own family of subcommands; main.cpp itself holds only help, version and demo.
 //
-//   KWZ_COMMAND(pack, {310, "data", "pack", "FILE [-o OUT] [-f]",
+//   KWZ_COMMAND(pack, {300, "data", "pack", "FILE [-o OUT] [-f]",
 //                      "compress FILE into a .lz2 container", 1, 1,
 //                      {kOutOption, kForceOption}}) {
 //       ... call.Arg(0), call.Has("--force") ...
@@ -9,7 +9,8 @@
 //
 // The braces are a kwz::tool::Command without its run function: the rank
 // orders `kwz help` (commands of a family share a hundred: records 100,
-// transport 200, data 300, general 900), the family titles the group, the
+// transport 200, data 300, general 900; a new family takes a free hundred
+// and its own cmd_<family>.cpp), the family titles the group, the
 // usage shows the arguments (one line per form), two numbers bound the
 // positional arguments (-1: no upper bound), and the options are the only
 // ones the command accepts.  The body gets a parsed kwz::tool::Call.
@@ -70,7 +71,7 @@ struct DemoRegistrar {
 };
 
 // Options that several commands share, spelled the same everywhere.
-inline constexpr Option kOutOption{"--out", "-o", "FILE", "write the output to FILE"};
+inline constexpr Option kOutOption{"--out", "-o", "OUT", "write the output to OUT"};
 inline constexpr Option kForceOption{"--force", "-f", nullptr, "write over an existing output file"};
 
 }  // namespace kwz::tool
