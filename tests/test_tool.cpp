@@ -278,6 +278,27 @@ TEST(tool_Files, EachCommandOnASmallInput) {
     for (const Row& row : damaged) Check(row, dir.path);
 }
 
+// The one field setter, as `kwz record` (and send, and table's CSV) use it.
+TEST(tool_Values, TextToEachFieldCode) {
+    NEED_TOOL();
+    const std::string def = "V|6\\nB|L1\\nI|I8\\nF|F4\\nD|F8\\nC|CB\\nS|CH3";
+    const Row rows[] = {
+        {{"record", def, "B=on", "I=-0x10", "F=0.1", "D=1e300", "C=0x0aFF", "S=\\null"}, 0,
+         {"#0 B L1 = 1", "#1 I I8 = -16", "#2 F F4 = 0.1", "#3 D F8 = 1e+300", "#4 C CB = \"\\x0a\\xff\"",
+          "#5 S CH3 = \"nul\""},
+         {"kwz record: S: note: the text of 4 bytes is cut to CH3"}},
+        {{"record", def, "B=0", "I=+12", "C=\\0x41", "S=null"}, 0,
+         {"#0 B L1 = 0", "#1 I I8 = 12", "#4 C CB = \"0x41\"", "#5 S CH3 [null] = null"}},
+        {{"record", def, "B=maybe"}, 1, {}, {"kwz record: B: \"maybe\" is not true, false or an integer (L1)"}},
+        {{"record", def, "I=99999999999999999999"}, 1, {}, {"kwz record: I: \"99999999999999999999\" is not an integer"}},
+        {{"record", def, "I=1 "}, 1, {}, {"kwz record: I: \"1 \" is not an integer"}},
+        {{"record", def, "F=1e"}, 1, {}, {"kwz record: F: \"1e\" is not a number (F4)"}},
+        {{"record", def, "C=0xabc"}, 1, {}, {"kwz record: C: \"0xabc\" is not 0x and an even number of hex digits"}},
+        {{"record", def, "=1"}, 2, {}, {"kwz record: =1: expected field=value"}},
+    };
+    for (const Row& row : rows) Check(row, "");
+}
+
 // ------------------------------------------------------------ transport
 
 // The number after prefix in text ("listening on port 41234").
