@@ -73,7 +73,6 @@ public:
     int64_t NumberArg(size_t i, const char* what, int64_t lo, int64_t hi) const;
 
 private:
-    const Command& command_;
     std::vector<std::string> args_;
     std::vector<Given> given_;
     bool help_ = false;

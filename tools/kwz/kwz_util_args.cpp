@@ -81,7 +81,7 @@ void PrintCommandHelp(const Command& command, FILE* out) {
 
 // ------------------------------------------------------------ Call
 
-Call::Call(const Command& command, const std::vector<std::string>& args) : command_(command) {
+Call::Call(const Command& command, const std::vector<std::string>& args) {
     bool optionsEnd = false;
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string& a = args[i];
