@@ -5,84 +5,24 @@
 // work.  "-" names stdin or stdout.
 #include <VomKwz.h>
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <memory>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "command.h"
+#include "kwz_util.h"
 
 namespace {
+
+using namespace kwz::tool;
 
 constexpr uint64_t kProgressMin = 64ull << 20;  // show progress above 64 MB
 constexpr uint64_t kProgressStep = 16ull << 20;
 constexpr char kSuffix[] = ".lz2";
-
-using FilePtr = std::unique_ptr<FILE, int (*)(FILE*)>;
-
-int NoClose(FILE*) { return 0; }
-
-// ------------------------------------------------------------ options
-
-struct Options {
-    std::string file, out, key;
-    bool haveOut = false, haveKey = false, force = false;
-};
-
-// FILE [-o OUT] [-f] [--key K]; false (and a message) on anything else.
-bool ParseArgs(const char* cmd, const std::vector<std::string>& args, Options* o) {
-    for (size_t i = 0; i < args.size(); ++i) {
-        const std::string& a = args[i];
-        if ((a == "-o" || a == "--key") && i + 1 < args.size()) {
-            (a == "-o" ? o->out : o->key) = args[++i];
-            (a == "-o" ? o->haveOut : o->haveKey) = true;
-        } else if (a == "-f") {
-            o->force = true;
-        } else if (o->file.empty() && (a == "-" || a[0] != '-')) {
-            o->file = a;
-        } else {
-            std::fprintf(stderr, "kwz %s: unexpected argument \"%s\"\n", cmd, a.c_str());
-            return false;
-        }
-    }
-    if (o->file.empty()) {
-        std::fprintf(stderr, "kwz %s: no input file\n", cmd);
-        return false;
-    }
-    return true;
-}
-
-FilePtr OpenIn(const std::string& name) {
-    if (name == "-") return FilePtr(stdin, NoClose);
-    FILE* f = std::fopen(name.c_str(), "rb");
-    if (!f) std::fprintf(stderr, "kwz: cannot open %s: %s\n", name.c_str(), std::strerror(errno));
-    return FilePtr(f, f ? std::fclose : NoClose);
-}
-
-FilePtr OpenOut(const std::string& name, bool force) {
-    if (name == "-") return FilePtr(stdout, NoClose);
-    struct stat st;
-    if (!force && ::stat(name.c_str(), &st) == 0) {
-        std::fprintf(stderr, "kwz: %s exists (use -f to overwrite)\n", name.c_str());
-        return FilePtr(nullptr, NoClose);
-    }
-    FILE* f = std::fopen(name.c_str(), "wb");
-    if (!f) std::fprintf(stderr, "kwz: cannot create %s: %s\n", name.c_str(), std::strerror(errno));
-    return FilePtr(f, f ? std::fclose : NoClose);
-}
-
-// Size of a regular file, 0 for pipes and the like.
-uint64_t FileSize(FILE* f) {
-    struct stat st;
-    return ::fstat(fileno(f), &st) == 0 && S_ISREG(st.st_mode) ? uint64_t(st.st_size) : 0;
-}
 
 // ------------------------------------------------------------ stream callbacks
 
@@ -129,79 +69,56 @@ bool EndsWith(const std::string& s, const char* suffix) {
 double Ratio(uint64_t part, uint64_t whole) { return whole ? double(part) / double(whole) : 0.0; }
 
 // pack and unpack share everything but the direction.
-int Transcode(const char* cmd, const std::vector<std::string>& args, bool pack) {
-    Options o;
-    if (!ParseArgs(cmd, args, &o)) return 2;
-    if (!o.haveOut) {
-        if (o.file == "-") {
-            o.out = "-";
-        } else if (pack) {
-            o.out = o.file + kSuffix;
-        } else if (EndsWith(o.file, kSuffix)) {
-            o.out = o.file.substr(0, o.file.size() - 4);
-        } else {
-            std::fprintf(stderr, "kwz unpack: %s does not end in .lz2; name the output with -o\n",
-                         o.file.c_str());
-            return 2;
-        }
+int Transcode(const Call& call, bool pack) {
+    const std::string file = call.Arg(0);
+    std::string out = call.Value("--out");
+    if (!call.Has("--out")) {
+        if (file == "-")
+            out = "-";
+        else if (pack)
+            out = file + kSuffix;
+        else if (EndsWith(file, kSuffix))
+            out = file.substr(0, file.size() - 4);
+        else
+            UsageError(file, "does not end in .lz2; name the output with -o");
     }
-    if (pack && o.out == "-" && ::isatty(STDOUT_FILENO)) {
-        std::fprintf(stderr, "kwz pack: not writing a container to a terminal\n");
-        return 2;
-    }
-    FilePtr in = OpenIn(o.file);
-    if (!in) return 1;
-    FilePtr out = OpenOut(o.out, o.force);
-    if (!out) return 1;
+    if (pack && out == "-" && ::isatty(STDOUT_FILENO)) UsageError("-", "not writing a container to a terminal");
+    FilePtr in = OpenInput(file);
+    if (!in) return kExitFailure;
+    FilePtr output = OpenOutput(out, call.Has("--force"));
+    if (!output) return kExitFailure;
 
     Pipe pipe;
     pipe.in = in.get();
-    pipe.out = out.get();
+    pipe.out = output.get();
     pipe.total = FileSize(in.get());
     pipe.progress = pipe.total > kProgressMin && ::isatty(STDERR_FILENO);
-    pipe.verb = cmd;
+    pipe.verb = pack ? "pack" : "unpack";
     bool ok = pack ? LZOPCompress(&pipe, ReadCallback, WriteCallback)
                    : LZOPDecompress(&pipe, ReadCallback, WriteCallback, 0);
     if (pipe.progress) std::fprintf(stderr, "\n");
-    ok = std::fflush(out.get()) == 0 && ok;
-    if (!ok || std::ferror(out.get())) {
-        std::fprintf(stderr, "kwz %s: %s failed%s\n", cmd, o.file.c_str(),
-                     pack ? "" : " (not a container, or a damaged one)");
-        if (o.out != "-") {
-            out.reset();
-            std::remove(o.out.c_str());
+    ok = std::fflush(output.get()) == 0 && ok;
+    if (!ok || std::ferror(output.get())) {
+        if (out != "-") {
+            output.reset();
+            std::remove(out.c_str());
         }
-        return 1;
+        return Fail(InputName(file), pack ? "compression failed" : "not a container, or a damaged one");
     }
-    if (o.out != "-") {
+    if (out != "-") {
         uint64_t plain = pack ? pipe.read : pipe.written, packed = pack ? pipe.written : pipe.read;
-        std::fprintf(stderr, "%s -> %s: %llu -> %llu bytes (%.3f)\n", o.file.c_str(),
-                     o.out.c_str(), (unsigned long long)pipe.read,
-                     (unsigned long long)pipe.written, Ratio(packed, plain));
+        std::fprintf(stderr, "%s -> %s: %llu -> %llu bytes (%.3f)\n", file.c_str(), out.c_str(),
+                     (unsigned long long)pipe.read, (unsigned long long)pipe.written, Ratio(packed, plain));
     }
-    return 0;
+    return kExitOk;
 }
 
 // ------------------------------------------------------------ info
 
-std::string TypeCode(uint8_t type, uint32_t width) {
-    static const char* const codes[] = {"?",  "L1", "B1", "I1", "I2", "I4",
-                                        "I8", "F4", "F8", "CH", "CM", "CB"};
-    std::string code = type < 12 ? codes[type] : "?";
-    if (type == iFldType_Char) code += std::to_string(width);
-    return code;
-}
-
-uint32_t U32(const std::vector<uint8_t>& b, size_t at) {
-    uint32_t v;
-    std::memcpy(&v, b.data() + at, 4);
-    return v;
-}
-
 // Walks the chunk headers with seeks (nothing is decompressed to count),
 // then checks the data by decoding it into nothing.
-int InfoContainer(const std::string& name, FILE* f, bool old) {
-    std::printf("%s: %s container\n", name.c_str(), old ? "older \"#LZP\"" : "\"#LZ2\"");
+int InfoContainer(const std::string& name, FILE* f, bool lzp) {
+    std::printf("%s: %s container\n", name.c_str(), lzp ? "\"#LZP\" (first-release layout)" : "\"#LZ2\"");
     uint64_t data = 0, pos = 4;
     uint32_t chunks = 0, stored = 0;
     bool complete = false;
@@ -242,7 +159,8 @@ int InfoContainer(const std::string& name, FILE* f, bool old) {
     return ok ? 0 : 1;
 }
 
-// "#RA2" (or an older "#RA" table): header, field and key descriptors.
+// "#RA2" (or the first-release "#RA1" layout with a 64-bit size): header,
+// field and key descriptors.
 int InfoTable(const std::string& name, const std::vector<uint8_t>& b) {
     const bool v2 = b[3] == '2';
     const size_t head = v2 ? 18 : 22;
@@ -250,11 +168,11 @@ int InfoTable(const std::string& name, const std::vector<uint8_t>& b) {
         std::printf("%s: truncated packed table (%zu bytes)\n", name.c_str(), b.size());
         return 1;
     }
-    uint64_t total = U32(b, 10);
+    uint64_t total = Load32(b.data() + 10);
     if (!v2) std::memcpy(&total, b.data() + 10, 8);
     std::printf("%s: packed record table \"#RA%c\"%s\n", name.c_str(), b[3],
-                v2 ? "" : " (older layout)");
-    std::printf("  fields %u, keys %u, records %u, size %llu bytes%s\n", b[4], b[5], U32(b, 6),
+                v2 ? "" : " (first-release layout)");
+    std::printf("  fields %u, keys %u, records %u, size %llu bytes%s\n", b[4], b[5], Load32(b.data() + 6),
                 (unsigned long long)total, total == b.size() ? "" : " (differs from the file size)");
     size_t at = head;
     auto text = [&](std::string* out) {
@@ -271,7 +189,7 @@ int InfoTable(const std::string& name, const std::vector<uint8_t>& b) {
             std::printf("  truncated in field %u\n", i);
             return 1;
         }
-        std::printf("  field %-3u %-24s %s\n", i, field.c_str(), TypeCode(b[at + 1], b[at]).c_str());
+        std::printf("  field %-3u %-24s %s\n", i, field.c_str(), FieldCode(b[at + 1], b[at]).c_str());
         at += 2;
     }
     for (unsigned i = 0; i < b[5]; ++i) {
@@ -280,7 +198,7 @@ int InfoTable(const std::string& name, const std::vector<uint8_t>& b) {
             std::printf("  truncated in key %u\n", i);
             return 1;
         }
-        std::printf("  key %-5u %-24s options 0x%X\n", i, expr.c_str(), U32(b, at));
+        std::printf("  key %-5u %-24s options 0x%X\n", i, expr.c_str(), Load32(b.data() + at));
         at += 4;
     }
     return 0;
@@ -309,7 +227,7 @@ int InfoImage(const std::string& name, const std::vector<uint8_t>& b) {
         for (unsigned i = 0; i < type.fieldCount; ++i) {
             const KWRField& f = type.fields[i];
             const uint8_t header = b[f.offset - 1];
-            std::printf("  %-4s %-5s%s\n", f.name, TypeCode(f.type, f.width).c_str(),
+            std::printf("  %-4s %-5s%s\n", f.name, FieldCode(f.type, f.width).c_str(),
                         header & 0x80 ? " null" : "");
         }
         if (KWRRecCheck(&type, &record) != 0) {
@@ -327,7 +245,7 @@ int InfoImage(const std::string& name, const std::vector<uint8_t>& b) {
 
 int InfoGraph(const std::string& name, const std::vector<uint8_t>& b, uint32_t magic) {
     static const char* const kinds[] = {"nodes", "links", "group nodes"};
-    const uint32_t count = b.size() >= 8 ? U32(b, 4) : 0;
+    const uint32_t count = b.size() >= 8 ? Load32(b.data() + 4) : 0;
     std::printf("%s: saved graph buffer (magic 0x%08X): %u %s\n", name.c_str(), magic, count,
                 kinds[magic - 0x012358D1]);
     return 0;
@@ -335,89 +253,76 @@ int InfoGraph(const std::string& name, const std::vector<uint8_t>& b, uint32_t m
 
 }  // namespace
 
-KWZ_COMMAND(pack, "pack", "FILE [-o OUT] [-f]", "compress FILE into a .lz2 container (- = stdin)") {
-    return Transcode("pack", args, true);
+KWZ_COMMAND(pack, {300, "data", "pack", "FILE [-o OUT] [-f]", "compress FILE (- = stdin) into a .lz2 container", 1, 1,
+                   {kOutOption, kForceOption},
+                   "The output is FILE.lz2 unless -o names it; standard input goes to standard output."}) {
+    return Transcode(call, true);
 }
 
-KWZ_COMMAND(unpack, "unpack", "FILE [-o OUT] [-f]", "decompress a .lz2 container") {
-    return Transcode("unpack", args, false);
+KWZ_COMMAND(unpack, {310, "data", "unpack", "FILE.lz2 [-o OUT] [-f]", "decompress a .lz2 container", 1, 1,
+                     {kOutOption, kForceOption},
+                     "The output is FILE without .lz2 unless -o names it; standard input goes to standard output."}) {
+    return Transcode(call, false);
 }
 
-KWZ_COMMAND(hash, "hash", "FILE [--key K]", "the library's MD5-based text hash of FILE") {
-    Options o;
-    if (!ParseArgs("hash", args, &o)) return 2;
-    FilePtr in = OpenIn(o.file);
-    if (!in) return 1;
+KWZ_COMMAND(hash, {320, "data", "hash", "FILE [--key K]", "the library's MD5-based text hash of FILE", 1, 1,
+                   {{"--key", nullptr, "K", "the text the hash is keyed with"}}}) {
+    const std::string file = call.Arg(0);
     std::vector<uint8_t> data;
-    uint8_t buf[65536];
-    for (size_t n; (n = std::fread(buf, 1, sizeof buf, in.get())) > 0;) {
-        data.insert(data.end(), buf, buf + n);
-        if (data.size() > 0x7FFFFFFF) {
-            std::fprintf(stderr, "kwz hash: %s is 2 GiB or more; the hash takes a 32-bit length\n",
-                         o.file.c_str());
-            return 1;
-        }
-    }
-    if (std::ferror(in.get())) {
-        std::fprintf(stderr, "kwz hash: cannot read %s\n", o.file.c_str());
-        return 1;
-    }
+    if (!ReadInput(file, &data)) return kExitFailure;
+    if (data.size() > 0x7FFFFFFF) return Fail(InputName(file), "2 GiB or more; the hash takes a 32-bit length");
     char text[33];
-    if (KWZDataHash(int32_t(data.size()), data.data(), text, o.haveKey ? o.key.c_str() : nullptr) != 0)
-        return 1;
-    std::printf("%s  %s\n", text, o.file.c_str());
-    return 0;
+    const std::string key = call.Value("--key");
+    if (KWZDataHash(int32_t(data.size()), data.data(), text, call.Has("--key") ? key.c_str() : nullptr) != 0)
+        return Fail(InputName(file), "cannot be hashed");
+    std::printf("%s  %s\n", text, file.c_str());
+    return kExitOk;
 }
 
-KWZ_COMMAND(info, "info", "FILE", "tell what FILE is: container, packed table, record image, graph") {
-    Options o;
-    if (!ParseArgs("info", args, &o)) return 2;
-    if (o.file == "-") {
-        std::fprintf(stderr, "kwz info: needs a file it can seek in\n");
-        return 2;
-    }
-    FilePtr in = OpenIn(o.file);
-    if (!in) return 1;
+KWZ_COMMAND(info, {330, "data", "info", "FILE", "tell what FILE is: container, packed table, record image, graph", 1,
+                   1}) {
+    const std::string file = call.Arg(0);
+    if (file == "-") UsageError("-", "info needs a file it can seek in");
+    FilePtr in = OpenInput(file);
+    if (!in) return kExitFailure;
     uint8_t head[4] = {};
     const size_t got = std::fread(head, 1, 4, in.get());
+    int rc = -1;
     if (got == 4 && std::memcmp(head, "#LZ", 3) == 0 && (head[3] == '2' || head[3] == 'P'))
-        return InfoContainer(o.file, in.get(), head[3] == 'P');
-
+        rc = InfoContainer(file, in.get(), head[3] == 'P');
     const uint64_t size = FileSize(in.get());
-    if (size > (256u << 20)) {
-        std::printf("%s: %llu bytes, not a container (too large to look further)\n",
-                    o.file.c_str(), (unsigned long long)size);
-        return 0;
+    if (rc < 0 && size > (256u << 20)) {
+        std::printf("%s: %llu bytes, not a container (too large to look further)\n", file.c_str(),
+                    (unsigned long long)size);
+        return kExitOk;
     }
-    std::vector<uint8_t> b(size);
-    std::fseek(in.get(), 0, SEEK_SET);
-    if (size && std::fread(b.data(), 1, size, in.get()) != size) {
-        std::fprintf(stderr, "kwz info: cannot read %s\n", o.file.c_str());
-        return 1;
+    std::vector<uint8_t> b;
+    if (rc < 0) {
+        b.resize(size);
+        std::fseek(in.get(), 0, SEEK_SET);
+        if (size && std::fread(b.data(), 1, size, in.get()) != size) return Fail(file, "read error");
+        const uint32_t magic = size >= 4 ? Load32(b.data()) : 0;
+        if (size >= 4 && std::memcmp(b.data(), "#RA", 3) == 0)
+            rc = InfoTable(file, b);
+        else if (magic >= 0x012358D1 && magic <= 0x012358D3)
+            rc = InfoGraph(file, b, magic);
+        else if (size >= 6 && magic == size)
+            rc = InfoImage(file, b);
     }
-    if (size >= 4 && std::memcmp(b.data(), "#RA", 3) == 0) return InfoTable(o.file, b);
-    const uint32_t magic = size >= 4 ? U32(b, 0) : 0;
-    if (magic >= 0x012358D1 && magic <= 0x012358D3) return InfoGraph(o.file, b, magic);
-    if (size >= 6 && magic == size) return InfoImage(o.file, b);
-    std::printf("%s: %llu bytes of unknown data", o.file.c_str(), (unsigned long long)size);
-    for (size_t i = 0; i < 8 && i < size; ++i) std::printf("%s%02X", i ? " " : ", begins ", b[i]);
-    std::printf("\n");
-    return 0;
+    if (rc < 0) {
+        std::printf("%s: %llu bytes of unknown data", file.c_str(), (unsigned long long)size);
+        for (size_t i = 0; i < 8 && i < size; ++i) std::printf("%s%02X", i ? " " : ", begins ", b[i]);
+        std::printf("\n");
+        return kExitOk;
+    }
+    return rc == 0 ? kExitOk : Fail(file, "damaged or inconsistent (see above)");
 }
 
 // ------------------------------------------------------------ demo
 
 namespace {
 
-std::string Hex(const void* p, size_t n) {
-    std::string s;
-    char two[3];
-    for (size_t i = 0; i < n; ++i) {
-        std::snprintf(two, sizeof two, "%02X", static_cast<const uint8_t*>(p)[i]);
-        s += two;
-    }
-    return s;
-}
+using namespace kwz::tool;
 
 // Compresses, shows the container's head and chunk headers, decompresses and
 // compares.  false when the round trip does not give the input back.
@@ -473,9 +378,9 @@ KWZ_DEMO_STEP(60, "compression") {
     RC4Key state;
     RC4CodePrepare_Key(reinterpret_cast<const uint8_t*>(key), 6, &state);
     RC4Code(reinterpret_cast<uint8_t*>(&message[0]), int32_t(message.size()), &state);
-    std::printf("RC4 \"Attack at dawn\", key \"Secret\": %s", Hex(message.data(), message.size()).c_str());
+    std::printf("RC4 \"Attack at dawn\", key \"Secret\": %s", HexBytes(reinterpret_cast<const uint8_t*>(message.data()), message.size()).c_str());
     RC4CodePrepare_Key(reinterpret_cast<const uint8_t*>(key), 6, &state);
     RC4Code(reinterpret_cast<uint8_t*>(&message[0]), int32_t(message.size()), &state);
-    std::printf(" -> \"%s\" (RC4 is kept for old peers, not for security)\n", message.c_str());
+    std::printf(" -> \"%s\" (RC4 is kept for existing peers, not for security)\n", message.c_str());
     return message == "Attack at dawn" ? 0 : 1;
 }

@@ -3,11 +3,8 @@
 // --decode it reads an image, checks it against the type and prints its
 // fields.  Also the "records" step of `kwz demo`.
 #include <VomKwz.h>
-#include <strings.h>
 
 #include <algorithm>
-#include <cctype>
-#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -21,36 +18,6 @@
 namespace {
 
 using namespace kwz::tool;
-
-struct TypeHolder {
-    KWRType t;
-    TypeHolder() { KWRTypInit(&t); }
-    ~TypeHolder() { KWRTypFree(&t); }
-};
-
-struct RecordHolder {
-    KWRData r;
-    RecordHolder() { KWRRecInit(&r); }
-    ~RecordHolder() { KWRRecFree(&r); }
-};
-
-uint32_t Load32(const uint8_t* p) {
-    uint32_t v;
-    std::memcpy(&v, p, 4);
-    return v;
-}
-
-bool ParseType(const std::string& arg, TypeHolder* type) {
-    const std::string def = UnescapeDefinition(arg);
-    if (uint32_t rc = KWRTypSet(&type->t, 1, def.c_str())) {
-        std::fprintf(stderr, "kwz record: the type definition is refused (%d); `kwz type` tells why\n",
-                     static_cast<int32_t>(rc));
-        return false;
-    }
-    return true;
-}
-
-// ------------------------------------------------------------ values
 
 // ------------------------------------------------------------ the dump
 
@@ -148,32 +115,22 @@ std::string Explain(const KWRType& type, const uint8_t* image, uint32_t length) 
 
 int Decode(const std::string& def, const std::string& path) {
     TypeHolder type;
-    if (!ParseType(def, &type)) return 2;
+    if (!LoadType(UnescapeDefinition(def), 1, &type.t)) return kExitFailure;
     std::vector<uint8_t> bytes;
-    std::string error;
-    if (!ReadInput(path, &bytes, &error)) {
-        std::fprintf(stderr, "kwz record: %s\n", error.c_str());
-        return 2;
-    }
-    if (bytes.size() < 6) {
-        std::fprintf(stderr, "kwz record: %zu bytes are too short for a record image (6 at least)\n", bytes.size());
-        return 1;
-    }
-    if (Load32(bytes.data()) != bytes.size()) {
-        std::fprintf(stderr, "kwz record: the image's length field says %u bytes, the input has %zu\n",
-                     Load32(bytes.data()), bytes.size());
-        return 1;
-    }
+    if (!ReadInput(path, &bytes)) return kExitFailure;
+    if (bytes.size() < 6)
+        return Fail(InputName(path), std::to_string(bytes.size()) + " bytes are too short for a record image (6 at least)");
+    if (Load32(bytes.data()) != bytes.size())
+        return Fail(InputName(path), "the image's length field says " + std::to_string(Load32(bytes.data())) +
+                                         " bytes, the input has " + std::to_string(bytes.size()));
     RecordHolder rec;
     auto* block = static_cast<uint8_t*>(std::malloc(bytes.size()));
-    if (!block) return 1;
+    if (!block) return Fail(InputName(path), "out of memory");
     std::memcpy(block, bytes.data(), bytes.size());
     KWRRecSet(&rec.r, block);  // at least 6 bytes and a matching length: adopted
-    if (KWRRecCheck(&type.t, &rec.r) != 0) {
-        std::fprintf(stderr, "kwz record: not a valid image of type %s: %s\n", type.t.name,
-                     Explain(type.t, rec.r.image, rec.r.length).c_str());
-        return 1;
-    }
+    if (KWRRecCheck(&type.t, &rec.r) != 0)
+        return Fail(InputName(path), std::string("not a valid image of type ") + type.t.name + ": " +
+                                         Explain(type.t, rec.r.image, rec.r.length));
     std::printf("valid image of type %s\n", type.t.name);
     for (uint32_t i = 0; i < type.t.fieldCount; ++i) {
         const KWRField& f = type.t.fields[i];
@@ -184,49 +141,37 @@ int Decode(const std::string& def, const std::string& path) {
     return 0;
 }
 
-int Build(const std::string& def, const std::vector<std::string>& assignments, const std::string& out) {
+int Build(const std::string& def, const std::vector<std::string>& assignments, const std::string& out, bool force) {
     TypeHolder type;
-    if (!ParseType(def, &type)) return 2;
+    if (!LoadType(UnescapeDefinition(def), 1, &type.t)) return kExitFailure;
     RecordHolder rec;
-    if (KWRRecNew(&type.t, &rec.r) != 0) return 1;
+    if (KWRRecNew(&type.t, &rec.r) != 0) return Fail("record", "cannot be made");
     for (const auto& a : assignments)
-        if (!AssignField("kwz record", type.t, &rec.r, a)) return 2;
-    if (KWRRecPack(&type.t, &rec.r, 1, 1) != 0) return 1;
+        if (!AssignField(type.t, &rec.r, a)) return kExitFailure;
+    if (KWRRecPack(&type.t, &rec.r, 1, 1) != 0) return Fail("record", "cannot be packed");
+    if (!out.empty() && !WriteFile(out, rec.r.image, rec.r.length, force)) return kExitFailure;
     Dump(type.t, rec.r);
-    std::string error;
-    if (!out.empty() && !WriteFile(out, rec.r.image, rec.r.length, &error)) {
-        std::fprintf(stderr, "kwz record: %s\n", error.c_str());
-        return 1;
-    }
-    return 0;
+    return kExitOk;
 }
 
 }  // namespace
 
-KWZ_COMMAND(record, "record", "[--out FILE] \"DEF\" [field=value ...] | --decode \"DEF\" [FILE]",
-            "build and dump a record image, or check and decode one") {
-    bool decode = false;
-    std::string out;
-    std::vector<std::string> rest;
-    for (size_t i = 0; i < args.size(); ++i) {
-        if (args[i] == "--decode") {
-            decode = true;
-        } else if (args[i] == "--out" && i + 1 < args.size()) {
-            out = args[++i];
-        } else {
-            rest.push_back(args[i]);
-        }
+KWZ_COMMAND(record, {110, "records and tables", "record",
+                     "\"DEF\" [field=value ...] [-o OUT] [-f]\n--decode \"DEF\" [FILE]",
+                     "build and dump a record image, or check and decode one", 1, -1,
+                     {{"--decode", nullptr, nullptr, "check the image in FILE (standard input without it) and print its fields"},
+                      kOutOption, kForceOption},
+                     "values: integers (0x.. for hex), true/false/yes/no/on/off for L1, numbers, texts;\n"
+                     "        CB also takes 0x and hex digits for raw bytes; null makes a field null;\n"
+                     "        a leading \\ takes the rest literally (\\null is the text null)"}) {
+    if (call.Has("--decode")) {
+        if (call.Has("--out") || call.Has("--force")) UsageError("--decode", "writes no file (-o, -f)");
+        if (call.Count() > 2) UsageError(call.Arg(2), "unexpected argument");
+        return Decode(call.Arg(0), call.Count() > 1 ? call.Arg(1) : "-");
     }
-    if (rest.empty() || (decode && (rest.size() > 2 || !out.empty()))) {
-        std::fprintf(stderr,
-                     "usage: kwz record [--out FILE] \"DEF\" [field=value ...]\n"
-                     "       kwz record --decode \"DEF\" [FILE]   (standard input without FILE)\n"
-                     "values: numbers (0x.. for hex), true/false for L1, texts; CB also 0x<hex bytes>;\n"
-                     "        null makes a field null; a leading \\ keeps the rest literal\n");
-        return 2;
-    }
-    if (decode) return Decode(rest[0], rest.size() > 1 ? rest[1] : "");
-    return Build(rest[0], std::vector<std::string>(rest.begin() + 1, rest.end()), out);
+    if (call.Has("--force") && !call.Has("--out")) UsageError("--force", "needs -o OUT");
+    return Build(call.Arg(0), std::vector<std::string>(call.Args().begin() + 1, call.Args().end()), call.Value("--out"),
+                 call.Has("--force"));
 }
 
 KWZ_DEMO_STEP(20, "records") {

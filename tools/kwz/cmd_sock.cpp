@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
@@ -56,61 +55,6 @@ bool WaitFor(Pred pred, int timeoutMs, bool interruptible = true) {
 bool StopTransport() {
     KWSockFree();
     return WaitFor([] { return KWSockFree() == 0; }, 10000, false);
-}
-
-bool ParseNumber(const std::string& s, long long lo, long long hi, long long* out) {
-    errno = 0;
-    char* end = nullptr;
-    const long long v = std::strtoll(s.c_str(), &end, 0);
-    if (s.empty() || errno || !end || *end || v < lo || v > hi) return false;
-    *out = v;
-    return true;
-}
-
-// Splits "--name value" options off the positional arguments.
-struct Args {
-    std::vector<std::string> pos;
-    std::vector<std::pair<std::string, std::string>> opts;
-    bool Has(const char* name) const {
-        for (const auto& o : opts)
-            if (o.first == name) return true;
-        return false;
-    }
-    bool Number(const char* name, long long lo, long long hi, long long* out) const {
-        for (const auto& o : opts)
-            if (o.first == name) {
-                if (ParseNumber(o.second, lo, hi, out)) return true;
-                std::fprintf(stderr, "kwz: %s wants a number in %lld..%lld\n", name, lo, hi);
-                return false;
-            }
-        return true;
-    }
-};
-
-Args Split(const std::vector<std::string>& in, const std::vector<std::string>& valued) {
-    Args a;
-    for (size_t i = 0; i < in.size(); ++i) {
-        if (in[i].rfind("--", 0) == 0) {
-            const bool hasValue = std::find(valued.begin(), valued.end(), in[i]) != valued.end();
-            std::string value;
-            if (hasValue && i + 1 < in.size()) value = in[i + 1];
-            a.opts.emplace_back(in[i], value);
-            if (hasValue) ++i;
-        } else {
-            a.pos.push_back(in[i]);
-        }
-    }
-    return a;
-}
-
-bool Port(const std::string& s, uint32_t* port) {
-    long long v = 0;
-    if (!ParseNumber(s, 0, 65535, &v)) {
-        std::fprintf(stderr, "kwz: \"%s\" is not a port number\n", s.c_str());
-        return false;
-    }
-    *port = static_cast<uint32_t>(v);
-    return true;
 }
 
 // ------------------------------------------------------------ records
@@ -182,23 +126,28 @@ extern "C" void ServeEvent(int32_t event, uint32_t idn, KWRData* rec) {
     std::fflush(stdout);
 }
 
-int Serve(const std::vector<std::string>& argv) {
-    const Args a = Split(argv, {});
-    uint32_t port = 0, lst = 0;
-    if (a.pos.size() != 1 || !Port(a.pos[0], &port)) {
-        std::fprintf(stderr, "usage: kwz serve PORT [--sink]\n");
-        return 2;
-    }
-    g_sink = a.Has("--sink");
-    CatchInterrupt();
-    if (KWSockInit(256) != 0 || KWSockSrvOpen(port, ServeEvent, &lst) != 0) {
-        std::fprintf(stderr, "kwz serve: cannot listen on port %u\n", port);
+// Reports a failed open, or prints the port the system bound to *idn (port
+// 0 asks for any free one) as the line a caller waits for.  idn is read
+// only after ok has been computed, hence the pointer.
+bool Opened(bool ok, const uint32_t* idn, uint32_t port, const char* line) {
+    if (!ok) {
         StopTransport();
-        return 1;
+        Fail("port " + std::to_string(port), "cannot open");
+        return false;
     }
-    KWSockGetPort(lst, &port);
-    std::printf("listening on port %u (Ctrl-C stops)\n", port);
+    KWSockGetPort(*idn, &port);
+    std::printf("%s %u (Ctrl-C stops)\n", line, port);
     std::fflush(stdout);
+    return true;
+}
+
+int Serve(const Call& call) {
+    auto port = uint32_t(call.NumberArg(0, "PORT", 0, 65535));
+    uint32_t lst = 0;
+    g_sink = call.Has("--sink");
+    CatchInterrupt();
+    if (!Opened(KWSockInit(256) == 0 && KWSockSrvOpen(port, ServeEvent, &lst) == 0, &lst, port, "listening on port"))
+        return kExitFailure;
     auto last = Clock::now();
     long long lastRecords = 0, lastBytes = 0;
     while (!g_stop) {
@@ -217,43 +166,36 @@ int Serve(const std::vector<std::string>& argv) {
     }
     KWSockClose(lst);
     const bool clean = StopTransport();
-    std::printf("stopped%s\n", clean ? "" : " (connections still finishing)");
-    return clean ? 0 : 1;
+    std::printf("stopped\n");
+    return clean ? kExitOk : Fail("transport", "connections still finishing after 10 s");
 }
 
 // ------------------------------------------------------------ send, netbench
 
-int Connect(const std::string& host, const std::string& portText, SockEventFn events, uint32_t* idn) {
-    uint32_t port = 0;
-    if (!Port(portText, &port)) return 2;
-    if (KWSockInit(8) != 0) return 1;
+// A transport with one connection to host:port; 0, or 1 after a message.
+int Connect(const std::string& host, uint32_t port, SockEventFn events, uint32_t* idn) {
+    if (KWSockInit(8) != 0) return Fail("transport", "cannot start");
     if (KWSockCliOpen(host.c_str(), port, events, idn) != 0) {
-        std::fprintf(stderr, "kwz: cannot connect to %s:%u\n", host.c_str(), port);
         StopTransport();
-        return 1;
+        return Fail(host + ":" + std::to_string(port), "cannot connect");
     }
-    return 0;
+    return kExitOk;
 }
 
-int Send(const std::vector<std::string>& argv) {
-    const Args a = Split(argv, {"--count", "--priority"});
-    long long count = 1, priority = 0;
-    if (a.pos.size() < 3 || !a.Number("--count", 1, 100000000, &count) ||
-        !a.Number("--priority", 0, 0xFFFFFFFFll, &priority)) {
-        std::fprintf(stderr, "usage: kwz send HOST PORT \"DEF\" field=value ... [--count N] [--priority P]\n");
-        return 2;
-    }
-    KWRType type;
-    KWRTypInit(&type);
-    KWRData rec;
-    KWRRecInit(&rec);
-    const std::string def = UnescapeDefinition(a.pos[2]);
-    bool ok = KWRTypSet(&type, 1, def.c_str()) == 0 && KWRRecNew(&type, &rec) == 0;
-    if (!ok) std::fprintf(stderr, "kwz send: the type definition is refused; `kwz type` tells why\n");
-    for (size_t i = 3; ok && i < a.pos.size(); ++i) ok = AssignField("kwz send", type, &rec, a.pos[i]);
-    ok = ok && KWRRecPack(&type, &rec, 1, 0) == 0;
+int Send(const Call& call) {
+    const auto port = uint32_t(call.NumberArg(1, "PORT", 0, 65535));
+    const int64_t count = call.Number("--count", 1, 100000000, 1);
+    const int64_t priority = call.Number("--priority", 0, 0xFFFFFFFFll, 0);
+    TypeHolder type;
+    RecordHolder holder;
+    KWRData& rec = holder.r;
+    if (!LoadType(UnescapeDefinition(call.Arg(2)), 1, &type.t)) return kExitFailure;
+    if (KWRRecNew(&type.t, &rec) != 0) return Fail("record", "cannot be made");
+    for (size_t i = 3; i < call.Count(); ++i)
+        if (!AssignField(type.t, &rec, call.Arg(i))) return kExitFailure;
+    if (KWRRecPack(&type.t, &rec, 1, 0) != 0) return Fail("record", "cannot be packed");
     uint32_t idn = 0;
-    int rc = ok ? Connect(a.pos[0], a.pos[1], nullptr, &idn) : 2;
+    int rc = Connect(call.Arg(0), port, nullptr, &idn);
     if (rc == 0) {
         CatchInterrupt();
         for (long long i = 0; i < count && !g_stop; ++i) {
@@ -272,30 +214,26 @@ int Send(const std::vector<std::string>& argv) {
         rc = g_failed || g_sent < count ? 1 : 0;
         KWSockClose(idn);
         StopTransport();
+        if (rc) Fail(call.Arg(0) + ":" + std::to_string(port), "not every record was sent");
     }
-    KWRRecFree(&rec);
-    KWRTypFree(&type);
     return rc;
 }
 
-int NetBench(const std::vector<std::string>& argv) {
-    const Args a = Split(argv, {"--size", "--seconds"});
-    long long size = 1024, seconds = 5;
-    if (a.pos.size() != 2 || !a.Number("--size", 26, 16 << 20, &size) || !a.Number("--seconds", 1, 3600, &seconds)) {
-        std::fprintf(stderr, "usage: kwz netbench HOST PORT [--size N] [--seconds S]   (against kwz serve --sink)\n");
-        return 2;
-    }
-    KWRType type;
-    KWRTypInit(&type);
+int NetBench(const Call& call) {
+    const auto port = uint32_t(call.NumberArg(1, "PORT", 0, 65535));
+    const int64_t size = call.Number("--size", 26, 16 << 20, 1024);
+    const int64_t seconds = call.Number("--seconds", 1, 3600, 5);
+    TypeHolder holder;
+    KWRType& type = holder.t;
     KWRTypSet(&type, 1, "Bench|2\r\nSeq|I4\r\nData|CB");
-    KWRData rec;
-    KWRRecInit(&rec);
+    RecordHolder recHolder;
+    KWRData& rec = recHolder.r;
     KWRRecNew(&type, &rec);
     const std::string payload(static_cast<size_t>(size - 21), 'b');  // image = 20 + data + 1
     KWRSetAsText(&type.fields[1], &rec, static_cast<int32_t>(payload.size()), payload.data());
     KWRRecPack(&type, &rec, 1, 0);
     uint32_t idn = 0;
-    int rc = Connect(a.pos[0], a.pos[1], nullptr, &idn);
+    int rc = Connect(call.Arg(0), port, nullptr, &idn);
     if (rc == 0) {
         CatchInterrupt();
         const long long window = std::max(16ll, (8ll << 20) / size);
@@ -312,14 +250,13 @@ int NetBench(const std::vector<std::string>& argv) {
         }
         WaitFor([&] { return g_sent + g_failed >= queued; }, 30000);
         const double secs = std::chrono::duration<double>(Clock::now() - start).count();
-        std::printf("%lld records of %lld bytes in %.2f s: %.0f records/s, %.1f MB/s\n", g_sent.load(), size, secs,
+        std::printf("%lld records of %lld bytes in %.2f s: %.0f records/s, %.1f MB/s\n", g_sent.load(), static_cast<long long>(size), secs,
                     g_sent / secs, g_sent * (size + 4) / secs / 1e6);
         rc = g_failed ? 1 : 0;
         KWSockClose(idn);
         StopTransport();
+        if (rc) Fail(call.Arg(0) + ":" + std::to_string(port), "a send failed");
     }
-    KWRRecFree(&rec);
-    KWRTypFree(&type);
     return rc;
 }
 
@@ -339,23 +276,19 @@ bool SyncOnce(uint32_t idn, int32_t* diff, double* roundMs, int32_t* zone1, int3
     return true;
 }
 
-int ClockCmd(const std::vector<std::string>& argv) {
-    const Args a = Split(argv, {"--count"});
-    long long count = 5;
-    uint32_t port = 0;
-    if (a.pos.size() != 2 || !a.Number("--count", 1, 1000, &count) || !Port(a.pos[1], &port)) {
-        std::fprintf(stderr, "usage: kwz clock HOST PORT [--count N]   (the peer is a kwz serve)\n");
-        return 2;
-    }
-    if (KWSockInit(8) != 0) return 1;
+int ClockCmd(const Call& call) {
+    const auto port = uint32_t(call.NumberArg(1, "PORT", 0, 65535));
+    const int64_t count = call.Number("--count", 1, 1000, 5);
+    const std::string host = call.Arg(0);
+    if (KWSockInit(8) != 0) return Fail("transport", "cannot start");
     CatchInterrupt();
     std::vector<int32_t> diffs;
     for (long long i = 0; i < count && !g_stop; ++i) {
         // A fresh connection per measurement: a new answer is then the only
         // thing that can set the synchronised flag.
         uint32_t idn = 0;
-        if (KWSockCliOpen(a.pos[0].c_str(), port, nullptr, &idn) != 0) {
-            std::fprintf(stderr, "kwz clock: cannot connect to %s:%u\n", a.pos[0].c_str(), port);
+        if (KWSockCliOpen(host.c_str(), port, nullptr, &idn) != 0) {
+            Fail(host + ":" + std::to_string(port), "cannot connect");
             break;
         }
         int32_t diff = 0, z1 = 0, z2 = 0;
@@ -364,7 +297,7 @@ int ClockCmd(const std::vector<std::string>& argv) {
             std::printf("peer clock %+d ms, round trip %.2f ms, peer zone values %d/%d\n", diff, round, z1, z2);
             diffs.push_back(diff);
         } else {
-            std::fprintf(stderr, "kwz clock: no time answer\n");
+            Fail(host + ":" + std::to_string(port), "no time answer");
         }
         KWSockClose(idn);
     }
@@ -402,42 +335,35 @@ extern "C" void NodeSent(int32_t event, uint32_t, int32_t, const char*, const vo
     g_nodeResult = event;
 }
 
-int Node(const std::vector<std::string>& argv) {
-    uint32_t port = 0, idn = 0;
-    if (argv.size() != 1 || !Port(argv[0], &port)) {
-        std::fprintf(stderr, "usage: kwz node PORT\n");
-        return 2;
-    }
+int Node(const Call& call) {
+    auto port = uint32_t(call.NumberArg(0, "PORT", 0, 65535));
+    uint32_t idn = 0;
     CatchInterrupt();
-    if (KWSockInit(4) != 0 || KWSockNodeOpen(port, NodePrint, &idn) != 0) {
-        std::fprintf(stderr, "kwz node: cannot open port %u\n", port);
-        StopTransport();
-        return 1;
-    }
-    KWSockGetPort(idn, &port);
-    std::printf("datagrams to port %u (Ctrl-C stops)\n", port);
-    std::fflush(stdout);
+    if (!Opened(KWSockInit(4) == 0 && KWSockNodeOpen(port, NodePrint, &idn) == 0, &idn, port, "datagrams to port"))
+        return kExitFailure;
     while (!g_stop) std::this_thread::sleep_for(std::chrono::milliseconds(100));
     KWSockClose(idn);
-    return StopTransport() ? 0 : 1;
+    return StopTransport() ? kExitOk : Fail("transport", "did not stop within 10 s");
 }
 
-int NodeSend(const std::vector<std::string>& argv) {
-    uint32_t port = 0, idn = 0;
-    if (argv.size() != 3 || !Port(argv[1], &port)) {
-        std::fprintf(stderr, "usage: kwz node-send HOST|* PORT TEXT\n");
-        return 2;
+int NodeSend(const Call& call) {
+    const auto port = uint32_t(call.NumberArg(1, "PORT", 0, 65535));
+    const std::string& host = call.Arg(0);
+    const std::string& text = call.Arg(2);
+    uint32_t idn = 0;
+    if (KWSockInit(4) != 0 || KWSockNodeOpen(0, nullptr, &idn) != 0) {
+        StopTransport();
+        return Fail("transport", "cannot open a node");
     }
-    if (KWSockInit(4) != 0 || KWSockNodeOpen(0, nullptr, &idn) != 0) return 1;
-    const std::string& text = argv[2];
-    int rc = 1;
-    if (KWSockSendNode(idn, static_cast<int32_t>(port), argv[0].c_str(), text.data(), static_cast<int32_t>(text.size()),
+    int rc = kExitFailure;
+    if (KWSockSendNode(idn, static_cast<int32_t>(port), host.c_str(), text.data(), static_cast<int32_t>(text.size()),
                        NodeSent) == 0 &&
-        WaitFor([] { return g_nodeResult <= 0; }, 5000)) {
-        rc = g_nodeResult == 0 ? 0 : 1;
-        std::printf(rc == 0 ? "sent %zu bytes to %s:%u\n" : "not sent (%zu bytes to %s:%u)\n", text.size(),
-                    argv[0].c_str(), port);
-    }
+        WaitFor([] { return g_nodeResult <= 0; }, 5000))
+        rc = g_nodeResult == 0 ? kExitOk : kExitFailure;
+    if (rc == kExitOk)
+        std::printf("sent %zu bytes to %s:%u\n", text.size(), host.c_str(), port);
+    else
+        Fail(host + ":" + std::to_string(port), "not sent (" + std::to_string(text.size()) + " bytes)");
     KWSockClose(idn);
     StopTransport();
     return rc;
@@ -625,20 +551,32 @@ KWZ_DEMO_STEP(50, "datagram nodes") {
     return StopTransport() && got ? 0 : 1;
 }
 
-KWZ_COMMAND(serve, "serve", "PORT [--sink]", "print every record received on PORT (--sink: count them)") {
-    return Serve(args);
+KWZ_COMMAND(serve, {200, "transport", "serve", "PORT [--sink]", "print every record received on PORT (0: any free port)",
+                    1, 1, {{"--sink", nullptr, nullptr, "count the records and print the rate instead"}},
+                    "The first line names the port it listens on; Ctrl-C stops it."}) {
+    return Serve(call);
 }
-KWZ_COMMAND(send, "send", "HOST PORT \"DEF\" field=value ... [--count N] [--priority P]",
-            "send records of a type to a kwz serve") {
-    return Send(args);
+KWZ_COMMAND(send, {210, "transport", "send", "HOST PORT \"DEF\" [field=value ...] [--count N] [--priority P]",
+                   "send records of a type to a kwz serve", 3, -1,
+                   {{"--count", nullptr, "N", "send the record N times (default 1)"},
+                    {"--priority", nullptr, "P", "the send priority, 0..4294967295 (default 0)"}},
+                   "The values are read as `kwz record` reads them."}) {
+    return Send(call);
 }
-KWZ_COMMAND(netbench, "netbench", "HOST PORT [--size N] [--seconds S]", "throughput against kwz serve --sink") {
-    return NetBench(args);
+KWZ_COMMAND(netbench, {220, "transport", "netbench", "HOST PORT [--size N] [--seconds S]",
+                       "throughput against kwz serve --sink", 2, 2,
+                       {{"--size", nullptr, "N", "bytes per record image, 26..16777216 (default 1024)"},
+                        {"--seconds", nullptr, "S", "how long to send, 1..3600 (default 5)"}}}) {
+    return NetBench(call);
 }
-KWZ_COMMAND(clock, "clock", "HOST PORT [--count N]", "measure the clock difference to a kwz serve") {
-    return ClockCmd(args);
+KWZ_COMMAND(clock, {230, "transport", "clock", "HOST PORT [--count N]", "measure the clock difference to a kwz serve", 2,
+                    2, {{"--count", nullptr, "N", "measurements, 1..1000 (default 5)"}}}) {
+    return ClockCmd(call);
 }
-KWZ_COMMAND(node, "node", "PORT", "print the datagrams that arrive on PORT") { return Node(args); }
-KWZ_COMMAND(node_send, "node-send", "HOST|* PORT TEXT", "send one datagram (* broadcasts)") {
-    return NodeSend(args);
+KWZ_COMMAND(node, {240, "transport", "node", "PORT", "print the datagrams that arrive on PORT (0: any free port)", 1, 1,
+                   {}, "The first line names the port; Ctrl-C stops it."}) {
+    return Node(call);
+}
+KWZ_COMMAND(node_send, {250, "transport", "node-send", "HOST|* PORT TEXT", "send one datagram (* broadcasts)", 3, 3}) {
+    return NodeSend(call);
 }

@@ -1,25 +1,22 @@
-// kwz table: CSV into a packed record table ("#RA2") and back to text; and
-// the "record arrays" step of kwz demo.
+// kwz table: CSV into a packed record table ("#RA2"), and a packed table
+// back to text (aligned, or CSV that reads back to the same table); and the
+// "record arrays" step of kwz demo.
 #include <VomKwz.h>
 
-#include <cerrno>
-#include <cinttypes>
-#include <cmath>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <fstream>
-#include <iterator>
-#include <sstream>
-#include <strings.h>
 #include <algorithm>
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "command.h"
+#include "kwz_util.h"
 
 namespace {
 
+using namespace kwz::tool;
 using Strings = std::vector<std::string>;
 
 // ---- CSV ----------------------------------------------------------------
@@ -73,101 +70,12 @@ Strings SplitCsvLine(const std::string& line) {
     return out;
 }
 
-// code: "L1" | "B1" | "I1" | "I2" | "I4" | "I8" | "F4" | "F8" | "CH" n | "CM" | "CB"
-bool ParseCode(const std::string& code, KWRFieldDef* def) {
-    static const char* const kCodes[] = {"L1", "B1", "I1", "I2", "I4", "I8", "F4", "F8", "CH", "CM", "CB"};
-    if (code.size() < 2) return false;
-    for (uint8_t t = 0; t < 11; ++t) {
-        if (strncasecmp(code.c_str(), kCodes[t], 2) != 0) continue;
-        def->type = static_cast<uint8_t>(t + 1);
-        if (def->type == iFldType_Char) {
-            const long n = std::strtol(code.c_str() + 2, nullptr, 10);
-            if (n < 1 || n > 255) return false;
-            def->width = static_cast<uint8_t>(n);
-        } else if (code.size() != 2) {
-            return false;
-        }
-        return true;
-    }
-    return false;
-}
-
-const char* CodeOf(const KWRField& f, char* buf) {
-    static const char* const kCodes[] = {"??", "L1", "B1", "I1", "I2", "I4", "I8", "F4", "F8", "CH", "CM", "CB"};
-    if (f.type == iFldType_Char) {
-        std::snprintf(buf, 8, "CH%u", f.width);
-        return buf;
-    }
-    return kCodes[f.type <= 11 ? f.type : 0];
-}
-
-// Stores a text value into a field in the field's own type: 0, or a
-// message for a value the field cannot take.
-const char* SetFromText(const KWRField* f, KWRData* rec, const std::string& text) {
-    char* end = nullptr;
-    errno = 0;
-    switch (f->type) {
-        case iFldType_Bool:
-            if (text == "1" || strcasecmp(text.c_str(), "true") == 0) return KWRSetAsBool(f, rec, 1), nullptr;
-            if (text == "0" || strcasecmp(text.c_str(), "false") == 0) return KWRSetAsBool(f, rec, 0), nullptr;
-            return "expected 0, 1, true or false";
-        case iFldType_Byte: case iFldType_Int8: case iFldType_Int16: case iFldType_Int32:
-        case iFldType_Int64: {
-            const long long v = std::strtoll(text.c_str(), &end, 10);
-            if (*end || errno) return "expected an integer";
-            KWRSetAsInt64(f, rec, v);
-            return nullptr;
-        }
-        case iFldType_Float:
-        case iFldType_Double: {
-            const double v = std::strtod(text.c_str(), &end);
-            if (*end) return "expected a number";
-            if (f->type == iFldType_Float) KWRSetAsFloat(f, rec, static_cast<float>(v));
-            else KWRSetAsDouble(f, rec, v);
-            return nullptr;
-        }
-        default:
-            return KWRSetAsText(f, rec, static_cast<int32_t>(text.size()), text.data()) == 0 ? nullptr
-                                                                                             : "cannot store the text";
-    }
-}
-
-std::string ValueText(const KWRField* f, const KWRData* rec) {
-    uint8_t isNull = 0;
-    KWRIsNull(f, rec, &isNull);
-    if (isNull) return "NULL";
-    char buf[64];
-    switch (f->type) {
-        case iFldType_Float:
-        case iFldType_Double: {
-            double v = 0;
-            KWRGetAsDouble(f, rec, &v);
-            std::snprintf(buf, sizeof buf, "%.*g", f->type == iFldType_Float ? 7 : 15, v);
-            return buf;
-        }
-        case iFldType_Char: case iFldType_Memo: case iFldType_Blob: {
-            uint32_t n = 0;
-            const char* p = nullptr;
-            KWRGetTextRef(f, rec, &n, &p);
-            std::string out;
-            for (uint32_t i = 0; p && i < n; ++i) {
-                const auto c = static_cast<unsigned char>(p[i]);
-                if (c >= 0x20 && c != 0x7F) {
-                    out.push_back(static_cast<char>(c));
-                } else {
-                    std::snprintf(buf, sizeof buf, "\\x%02X", c);
-                    out += buf;
-                }
-            }
-            return out;
-        }
-        default: {
-            int64_t v = 0;
-            KWRGetAsInt64(f, rec, &v);
-            std::snprintf(buf, sizeof buf, "%" PRId64, v);
-            return buf;
-        }
-    }
+// A header cell, quoted when the CSV reader would otherwise split or strip it.
+std::string CsvCell(const std::string& text) {
+    if (text.find_first_of(",\"\r\n") == std::string::npos && !text.empty()) return text;
+    std::string out = "\"";
+    for (char c : text) out += c == '"' ? std::string("\"\"") : std::string(1, c);
+    return out + "\"";
 }
 
 std::string OptionsText(uint32_t options) {
@@ -194,7 +102,7 @@ std::vector<KeyInfo> KeysOfTable(const std::vector<uint8_t>& t) {
         KeyInfo info;
         info.expression = reinterpret_cast<const char*>(&t[pos]);
         pos += info.expression.size() + 1;
-        std::memcpy(&info.options, &t[pos], 4);
+        info.options = Load32(&t[pos]);
         pos += 4;
         keys.push_back(info);
     }
@@ -209,7 +117,7 @@ void PrintRecords(KWArray* a, int32_t key, int32_t mark = -1) {
     rows.push_back(head);
     for (int32_t i = 0; KWRData* r = KWARec(a, key, i); ++i) {
         Strings row{std::to_string(i)};
-        for (uint32_t f = 0; f < type->fieldCount; ++f) row.push_back(ValueText(&type->fields[f], r));
+        for (uint32_t f = 0; f < type->fieldCount; ++f) row.push_back(FieldText(type->fields[f], *r, TextStyle::kPlain));
         rows.push_back(row);
     }
     std::vector<size_t> width(head.size(), 0);
@@ -227,12 +135,25 @@ void PrintRecords(KWArray* a, int32_t key, int32_t mark = -1) {
     }
 }
 
+// The table as CSV in the order of key: the header `kwz table` reads, then
+// one line per record.
+void PrintCsv(KWArray* a, int32_t key) {
+    const KWRType* type = KWAType(a);
+    for (uint32_t i = 0; i < type->fieldCount; ++i)
+        std::printf("%s%s", i ? "," : "", CsvCell(std::string(type->fields[i].name) + ":" + FieldCode(type->fields[i])).c_str());
+    std::printf("\n");
+    for (int32_t i = 0; KWRData* r = KWARec(a, key, i); ++i) {
+        for (uint32_t f = 0; f < type->fieldCount; ++f)
+            std::printf("%s%s", f ? "," : "", FieldText(type->fields[f], *r, TextStyle::kCsv).c_str());
+        std::printf("\n");
+    }
+}
+
 void PrintLayout(KWArray* a, const std::vector<KeyInfo>& keys) {
     const KWRType* type = KWAType(a);
     std::printf("fields:");
-    char buf[8];
     for (uint32_t i = 0; i < type->fieldCount; ++i)
-        std::printf(" %s:%s", type->fields[i].name, CodeOf(type->fields[i], buf));
+        std::printf(" %s:%s", type->fields[i].name, FieldCode(type->fields[i]).c_str());
     std::printf("\nkeys:\n");
     for (size_t k = 0; k < keys.size(); ++k)
         std::printf("  %zu  %-24s %s\n", k, keys[k].expression.empty() ? "(posting order)" : keys[k].expression.c_str(),
@@ -240,8 +161,9 @@ void PrintLayout(KWArray* a, const std::vector<KeyInfo>& keys) {
     std::printf("records: %d\n", KWARecCount(a));
 }
 
-// A key record for a seek: the key's fields set from the given texts.
-KWRData* KeyRecord(KWArray* a, const std::string& expression, const Strings& values, std::string* error) {
+// A key record for a seek: the key's fields set from the given texts (an
+// empty text leaves the field null).  Null after a message.
+KWRData* KeyRecord(KWArray* a, const std::string& expression, const Strings& values) {
     KWRData* rec = KWARecNew(a);
     Strings names;
     size_t start = 0;
@@ -252,10 +174,11 @@ KWRData* KeyRecord(KWArray* a, const std::string& expression, const Strings& val
         start = end + 1;
     }
     for (size_t i = 0; i < names.size() && i < values.size(); ++i) {
-        if (values[i].empty()) continue;  // null
+        if (values[i].empty()) continue;
         const KWRField* f = KWRFldByName(KWAType(a), names[i].c_str());
-        if (const char* problem = f ? SetFromText(f, rec, values[i]) : "unknown field") {
-            *error = names[i] + ": " + problem;
+        std::string problem = "not a field of the table", note;
+        if (!f || !SetField(*f, rec, values[i], &problem, &note)) {
+            Fail("--seek", names[i] + ": " + problem);
             KWARecDel(rec);
             return nullptr;
         }
@@ -263,184 +186,169 @@ KWRData* KeyRecord(KWArray* a, const std::string& expression, const Strings& val
     return rec;
 }
 
-std::vector<uint8_t> ReadAll(const std::string& path, bool* ok) {
-    std::ifstream in(path, std::ios::binary);
-    *ok = static_cast<bool>(in);
-    return std::vector<uint8_t>((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
-int Show(const Strings& args) {
-    std::string file, seek;
-    int32_t key = 0;
-    for (size_t i = 0; i < args.size(); ++i) {
-        if (args[i] == "--show" && i + 1 < args.size()) file = args[++i];
-        else if (args[i] == "--key" && i + 1 < args.size()) key = std::atoi(args[++i].c_str());
-        else if (args[i] == "--seek" && i + 1 < args.size()) seek = args[++i];
-        else {
-            std::fprintf(stderr, "kwz table: unexpected argument \"%s\"\n", args[i].c_str());
-            return 2;
-        }
-    }
-    bool ok = false;
-    const std::vector<uint8_t> table = ReadAll(file, &ok);
-    if (!ok) {
-        std::fprintf(stderr, "kwz table: cannot read %s\n", file.c_str());
-        return 1;
-    }
+struct ArrayHolder {
     KWArray* a = nullptr;
-    KWACreate(&a, nullptr);
+    ArrayHolder() { KWACreate(&a, nullptr); }
+    ~ArrayHolder() { KWADestroy(a); }
+    ArrayHolder(const ArrayHolder&) = delete;
+    ArrayHolder& operator=(const ArrayHolder&) = delete;
+};
+
+int Show(const Call& call) {
+    const std::string file = call.Value("--show");
+    const auto order = int32_t(call.Number("--order", 0, 255, 0));
+    std::vector<uint8_t> table;
+    if (!ReadInput(file, &table)) return kExitFailure;
+    ArrayHolder array;
+    KWArray* a = array.a;
     const int64_t rc = KWAUnpackChecked(a, table.data(), table.size(), true);
-    if (rc <= 0) {
-        std::fprintf(stderr, "kwz table: %s is not a valid packed table (%" PRId64 ")\n", file.c_str(), rc);
-        KWADestroy(a);
-        return 1;
-    }
+    if (rc <= 0) return Fail(InputName(file), "not a valid packed table (" + std::to_string(rc) + ")");
     const std::vector<KeyInfo> keys = KeysOfTable(table);
-    std::printf("%s: packed table, %" PRId64 " bytes, version %c\n", file.c_str(), rc, table[3]);
-    PrintLayout(a, keys);
-    if (key < 0 || key >= static_cast<int32_t>(keys.size())) {
-        if (!keys.empty() || key != 0) std::fprintf(stderr, "kwz table: no key %d\n", key);
-        KWADestroy(a);
-        return keys.empty() && key == 0 ? 0 : 1;
+    // Without keys the records are still reachable in posting order.
+    if (order >= static_cast<int32_t>(std::max<size_t>(keys.size(), 1)))
+        return Fail("--order", "the table has no key " + std::to_string(order));
+    if (call.Has("--csv")) {
+        PrintCsv(a, order);
+        return kExitOk;
     }
+    std::printf("%s: packed table, %" PRId64 " bytes, version %c\n", InputName(file).c_str(), rc, table[3]);
+    PrintLayout(a, keys);
+    const std::string expression = keys.empty() ? "" : keys[size_t(order)].expression;
     int32_t mark = -1;
-    if (!seek.empty()) {
-        std::string error;
-        KWRData* probe = KeyRecord(a, keys[static_cast<size_t>(key)].expression, SplitCsvLine(seek), &error);
-        if (!probe) {
-            std::fprintf(stderr, "kwz table: --seek %s\n", error.c_str());
-            KWADestroy(a);
-            return 1;
-        }
+    if (call.Has("--seek")) {
+        if (keys.empty()) return Fail("--seek", "the table has no key to seek in");
+        const std::string seek = call.Value("--seek");
+        KWRData* probe = KeyRecord(a, expression, SplitCsvLine(seek));
+        if (!probe) return kExitFailure;
         int32_t pos = -1;
-        const KWRData* found = KWARecSeek(a, key, probe, &pos);
+        const KWRData* found = KWARecSeek(a, order, probe, &pos);
         KWARecDel(probe);
-        std::printf("seek %s in key %d: %s at position %d\n", seek.c_str(), key, found ? "found" : "not found, insert",
+        std::printf("seek %s in key %d: %s at position %d\n", seek.c_str(), order, found ? "found" : "not found, insert",
                     pos);
         if (found) mark = pos;
     }
-    std::printf("in the order of key %d (%s):\n", key, keys[static_cast<size_t>(key)].expression.c_str());
-    PrintRecords(a, key, mark);
-    KWADestroy(a);
-    return 0;
+    std::printf("in the order of key %d (%s):\n", order, expression.empty() ? "posting order" : expression.c_str());
+    PrintRecords(a, order, mark);
+    return kExitOk;
 }
 
-int Build(const Strings& args) {
-    std::vector<KWAKeyDef> keys;
-    std::string out, csv;
-    for (size_t i = 0; i < args.size(); ++i) {
-        const std::string& arg = args[i];
-        const bool flag = arg == "--unique" || arg == "--desc" || arg == "--nocase" || arg == "--nonmaint";
-        if (arg == "--key" && i + 1 < args.size()) {
+// The --key options with the flags that follow each.
+bool KeysOf(const Call& call, std::vector<KWAKeyDef>* keys) {
+    for (const Call::Given& g : call.InOrder()) {
+        const std::string name = g.option->name;
+        if (name == "--key") {
             KWAKeyDef def;
             std::memset(&def, 0, sizeof def);
-            std::snprintf(def.expression, sizeof def.expression, "%s", args[++i].c_str());
-            keys.push_back(def);
-        } else if (flag && !keys.empty()) {
-            keys.back().options |= arg == "--unique" ? iKeyOpt_Unique
-                                   : arg == "--desc" ? iKeyOpt_Descending
-                                   : arg == "--nocase" ? iKeyOpt_CaseInsensitive
-                                                       : iKeyOpt_NonMaintained;
-        } else if (arg == "-o" && i + 1 < args.size()) {
-            out = args[++i];
-        } else if (csv.empty() && arg[0] != '-') {
-            csv = arg;
-        } else {
-            std::fprintf(stderr, "kwz table: unexpected argument \"%s\"\n", arg.c_str());
-            return 2;
+            if (g.value.empty() || g.value.size() >= sizeof def.expression)
+                UsageError("--key", "\"" + g.value + "\" is not a key expression of 1.." +
+                                        std::to_string(sizeof def.expression - 1) + " bytes");
+            std::memcpy(def.expression, g.value.data(), g.value.size());
+            keys->push_back(def);
+            continue;
         }
+        const uint32_t flag = name == "--unique"   ? iKeyOpt_Unique
+                              : name == "--desc"   ? iKeyOpt_Descending
+                              : name == "--nocase" ? iKeyOpt_CaseInsensitive
+                              : name == "--nonmaint" ? iKeyOpt_NonMaintained
+                                                     : 0;
+        if (!flag) continue;
+        if (keys->empty()) UsageError(name, "applies to the --key before it; there is none");
+        keys->back().options |= flag;
     }
-    if (csv.empty()) {
-        std::fprintf(stderr, "kwz table: no CSV file given\n");
-        return 2;
-    }
-    if (out.empty()) out = csv + ".ra2";
-    std::ifstream in(csv, std::ios::binary);
-    if (!in) {
-        std::fprintf(stderr, "kwz table: cannot read %s\n", csv.c_str());
-        return 1;
-    }
+    return true;
+}
+
+int Build(const Call& call) {
+    if (call.Count() != 1) UsageError("arguments", "one CSV file expected");
+    std::vector<KWAKeyDef> keys;
+    KeysOf(call, &keys);
+    const std::string csv = call.Arg(0);
+    if (csv == "-" && !call.Has("--out")) UsageError("-", "the table from standard input needs -o OUT");
+    const std::string out = call.Value("--out", csv + ".ra2");
+    std::vector<uint8_t> bytes;
+    if (!ReadInput(csv, &bytes)) return kExitFailure;
+    std::istringstream in(std::string(bytes.begin(), bytes.end()));
+    const std::string name = InputName(csv);
     Strings head;
     std::vector<bool> quoted;
-    if (!ReadCsvRecord(in, &head, &quoted)) {
-        std::fprintf(stderr, "kwz table: %s is empty\n", csv.c_str());
-        return 1;
-    }
+    if (!ReadCsvRecord(in, &head, &quoted)) return Fail(name, "empty; the first line names the fields (name:CODE,...)");
     // header: name ":" code { "," name ":" code }
     std::vector<KWRFieldDef> defs;
     for (const auto& column : head) {
         KWRFieldDef def;
         std::memset(&def, 0, sizeof def);
         const size_t colon = column.rfind(':');
-        if (colon == std::string::npos || colon == 0 || colon > 63 ||
-            !ParseCode(column.substr(colon + 1), &def)) {
-            std::fprintf(stderr, "kwz table: bad column \"%s\" (want name:CODE, e.g. id:I4)\n", column.c_str());
-            return 1;
-        }
+        if (colon == std::string::npos || colon == 0 || colon > 63 || !ParseFieldCode(column.substr(colon + 1), &def))
+            return Fail(name + ":1", "bad column \"" + column + "\" (want name:CODE, e.g. id:I4)");
         std::memcpy(def.name, column.data(), colon);
         defs.push_back(def);
     }
-    KWArray* a = nullptr;
-    KWACreate(&a, nullptr);
-    int status = 0;
-    if (KWAFldAdd(a, static_cast<int32_t>(defs.size()), defs.data()) != 0 ||
-        (!keys.empty() && KWAKeyAdd(a, static_cast<int32_t>(keys.size()), keys.data()) != 0)) {
-        std::fprintf(stderr, "kwz table: bad fields or keys (duplicate field, unknown key field?)\n");
-        status = 1;
-    }
+    ArrayHolder array;
+    KWArray* a = array.a;
+    if (KWAFldAdd(a, static_cast<int32_t>(defs.size()), defs.data()) != 0)
+        return Fail(name + ":1", "the fields are refused (a name given twice?)");
+    if (!keys.empty() && KWAKeyAdd(a, static_cast<int32_t>(keys.size()), keys.data()) != 0)
+        return Fail("--key", "refused (a field that the CSV does not have?)");
     Strings values;
-    for (int line = 2; status == 0 && ReadCsvRecord(in, &values, &quoted); ++line) {
+    for (int line = 2; ReadCsvRecord(in, &values, &quoted); ++line) {
         if (values.size() == 1 && values[0].empty() && !quoted[0]) continue;  // blank line
-        if (values.size() != defs.size()) {
-            std::fprintf(stderr, "kwz table: %s:%d: %zu values for %zu fields\n", csv.c_str(), line, values.size(),
-                         defs.size());
-            status = 1;
-            break;
-        }
+        const std::string where = name + ":" + std::to_string(line);
+        if (values.size() != defs.size())
+            return Fail(where, std::to_string(values.size()) + " values for " + std::to_string(defs.size()) + " fields");
         KWRData* rec = KWARecNew(a);
-        for (size_t f = 0; f < values.size() && status == 0; ++f) {
+        for (size_t f = 0; f < values.size(); ++f) {
             if (values[f].empty() && !quoted[f]) continue;  // null
-            if (const char* problem = SetFromText(&KWAType(a)->fields[f], rec, values[f])) {
-                std::fprintf(stderr, "kwz table: %s:%d: %s: %s\n", csv.c_str(), line, defs[f].name, problem);
-                status = 1;
+            std::string problem, note;
+            if (!SetField(KWAType(a)->fields[f], rec, values[f], &problem, &note)) {
+                KWARecDel(rec);
+                return Fail(where, std::string(defs[f].name) + ": " + problem);
             }
+            if (!note.empty()) Note(where, std::string(defs[f].name) + ": " + note);
         }
-        if (status == 0) {
-            const int32_t rc = KWARecPost(rec, nullptr);
-            if (rc != 0) {
-                std::fprintf(stderr, "kwz table: %s:%d: post failed (%d%s)\n", csv.c_str(), line, rc,
-                             rc <= -7 ? ", duplicate under a unique key" : "");
-                status = 1;
-            }
+        const int32_t rc = KWARecPost(rec, nullptr);
+        if (rc != 0) {
+            KWARecDel(rec);
+            return Fail(where, "post failed (" + std::to_string(rc) + (rc <= -7 ? ", duplicate under a unique key" : "") + ")");
         }
-        if (status != 0) KWARecDel(rec);
     }
-    if (status == 0) {
-        void* block = nullptr;
-        const uint64_t size = KWAPack(a, &block);
-        FILE* f = size ? std::fopen(out.c_str(), "wb") : nullptr;
-        if (!f || std::fwrite(block, 1, size, f) != size) {
-            std::fprintf(stderr, "kwz table: cannot write %s\n", out.c_str());
-            status = 1;
-        } else {
-            std::printf("%s: %d records, %zu keys, %" PRIu64 " bytes\n", out.c_str(), KWARecCount(a), keys.size(), size);
-        }
-        if (f) std::fclose(f);
-        KWMemFree(block);
-    }
-    KWADestroy(a);
-    return status;
+    void* block = nullptr;
+    const uint64_t size = KWAPack(a, &block);
+    if (!size) return Fail(out, "the table cannot be packed");
+    const bool written = WriteFile(out, block, size, call.Has("--force"));
+    KWMemFree(block);
+    if (!written) return kExitFailure;
+    std::printf("%s: %d records, %zu keys, %" PRIu64 " bytes\n", out.c_str(), KWARecCount(a), keys.size(), size);
+    return kExitOk;
 }
 
 }  // namespace
 
-KWZ_COMMAND(table, "table",
-            "[--key \"a;b\" [--unique] [--desc] [--nocase] [--nonmaint]]... [-o OUT] CSV | --show FILE [--key N] "
-            "[--seek v,...]",
-            "CSV (header name:CODE,...) to a packed table, or show one") {
-    for (const auto& a : args)
-        if (a == "--show") return Show(args);
-    return Build(args);
+KWZ_COMMAND(table, {120, "records and tables", "table",
+                    "[--key EXPR [--unique] [--desc] [--nocase] [--nonmaint]]... [-o OUT] [-f] CSV\n"
+                    "--show FILE [--order N] [--seek VALUES | --csv]",
+                    "CSV to a packed table, or show one (as text or CSV)", 0, 1,
+                    {{"--key", nullptr, "EXPR", "add a key on the fields EXPR (\"name;id\"); the flags below apply to it"},
+                     {"--unique", nullptr, nullptr, "the last key refuses duplicates"},
+                     {"--desc", nullptr, nullptr, "the last key sorts descending"},
+                     {"--nocase", nullptr, nullptr, "the last key compares texts ignoring case"},
+                     {"--nonmaint", nullptr, nullptr, "the last key is not maintained on post"},
+                     kOutOption,
+                     kForceOption,
+                     {"--show", nullptr, "FILE", "print the packed table in FILE"},
+                     {"--order", nullptr, "N", "with --show: list in the order of key N (default 0)"},
+                     {"--seek", nullptr, "VALUES", "with --show: seek the key's values (CSV) and mark the record"},
+                     {"--csv", nullptr, nullptr, "with --show: print CSV that `kwz table` reads back"}},
+                    "The CSV's first line names the fields as name:CODE (id:I4,name:CH20,price:F8); the output\n"
+                    "is CSV.ra2 unless -o names it.  An empty unquoted value is null, \"\" an empty text; values\n"
+                    "are read as `kwz record` reads them."}) {
+    const bool show = call.Has("--show");
+    const std::vector<const char*> buildOnly = {"--key", "--unique", "--desc", "--nocase", "--nonmaint", "--out", "--force"};
+    const std::vector<const char*> showOnly = {"--order", "--seek", "--csv"};
+    for (const char* o : show ? buildOnly : showOnly)
+        if (call.Has(o)) UsageError(o, show ? "does not go with --show" : "goes with --show only");
+    if (show && call.Count() != 0) UsageError(call.Arg(0), "unexpected argument");
+    if (show && call.Has("--seek") && call.Has("--csv")) UsageError("--seek", "does not go with --csv");
+    return show ? Show(call) : Build(call);
 }
 
 KWZ_DEMO_STEP(30, "record arrays") {

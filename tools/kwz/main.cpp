@@ -1,4 +1,5 @@
-// kwz: the command-line face of libVomKwz.  `kwz help` lists the subcommands.
+// kwz: the command-line face of libVomKwz.  `kwz help` lists the subcommands,
+// `kwz help CMD` (or `kwz CMD --help`) shows one with its options.
 #include <VomKwz.h>
 
 #include <algorithm>
@@ -6,8 +7,9 @@
 #include <cstring>
 
 #include "command.h"
+#include "kwz_util.h"
 
-namespace kwz {
+namespace kwz::tool {
 
 std::vector<Command>& Commands() {
     static std::vector<Command> commands;
@@ -19,71 +21,117 @@ std::vector<DemoStep>& DemoSteps() {
     return steps;
 }
 
-}  // namespace kwz
+const Command* FindCommand(const std::string& name) {
+    for (const Command& c : Commands())
+        if (name == c.name) return &c;
+    return nullptr;
+}
+
+}  // namespace kwz::tool
 
 namespace {
 
+using namespace kwz::tool;
+
+constexpr int kHeadWidth = 40;  // longer usages put the summary on the next line
+
+// The overview: the commands by family, in rank order, each with the forms
+// of its usage and its summary.
 void PrintHelp(FILE* out) {
-    auto commands = kwz::Commands();
-    std::sort(commands.begin(), commands.end(),
-              [](const kwz::Command& a, const kwz::Command& b) { return std::strcmp(a.name, b.name) < 0; });
-    std::fprintf(out, "usage: kwz <command> [arguments]\n\ncommands:\n");
-    for (const auto& c : commands) {
-        std::string head = std::string(c.name) + (c.usage[0] ? " " : "") + c.usage;
-        if (head.size() <= 44) {
-            std::fprintf(out, "  %-44s %s\n", head.c_str(), c.summary);
-        } else {
-            std::fprintf(out, "  %s\n  %-44s %s\n", head.c_str(), "", c.summary);
+    std::vector<const Command*> commands;
+    for (const Command& c : Commands()) commands.push_back(&c);
+    std::stable_sort(commands.begin(), commands.end(), [](const Command* a, const Command* b) {
+        return a->rank != b->rank ? a->rank < b->rank : std::strcmp(a->name, b->name) < 0;
+    });
+    std::fprintf(out, "usage: kwz COMMAND [ARGUMENTS]   (kwz help COMMAND: its options)\n");
+    const char* family = "";
+    for (const Command* c : commands) {
+        if (std::strcmp(family, c->family) != 0) {
+            family = c->family;
+            std::fprintf(out, "\n%s:\n", family);
         }
+        // Every form on a line of its own, the summary beside the last one
+        // when there is room, else below it.
+        std::string line;
+        for (const char* form = c->usage;;) {
+            const char* newline = std::strchr(form, '\n');
+            if (!line.empty()) std::fprintf(out, "  %s\n", line.c_str());
+            line = c->name;
+            if (*form) line += " " + std::string(form, newline ? size_t(newline - form) : std::strlen(form));
+            if (!newline) break;
+            form = newline + 1;
+        }
+        if (line.size() <= size_t(kHeadWidth))
+            std::fprintf(out, "  %-*s  %s\n", kHeadWidth, line.c_str(), c->summary);
+        else
+            std::fprintf(out, "  %s\n  %-*s  %s\n", line.c_str(), kHeadWidth, "", c->summary);
+    }
+    std::fprintf(out, "\nexit status: 0 done, 1 failed, 2 wrong command line\n");
+}
+
+// Runs one command: parses its arguments, answers --help, maps a usage
+// error to 2.
+int Run(const Command& command, const std::vector<std::string>& args) {
+    SetCurrentCommand(&command);
+    try {
+        const Call call(command, args);
+        if (call.HelpWanted()) {
+            PrintCommandHelp(command, stdout);
+            return kExitOk;
+        }
+        return command.run(call);
+    } catch (const UsageExit&) {
+        return kExitUsage;
     }
 }
 
 }  // namespace
 
-KWZ_COMMAND(help, "help", "", "list the commands") {
-    (void)args;
-    PrintHelp(stdout);
-    return 0;
+KWZ_COMMAND(help, {910, "general", "help", "[COMMAND]", "list the commands, or show one with its options", 0, 1}) {
+    if (call.Count() == 0) {
+        PrintHelp(stdout);
+        return kExitOk;
+    }
+    const Command* command = FindCommand(call.Arg(0));
+    if (!command) UsageError(call.Arg(0), "unknown command");
+    PrintCommandHelp(*command, stdout);
+    return kExitOk;
 }
 
-KWZ_COMMAND(version, "version", "", "print the library version") {
-    (void)args;
+KWZ_COMMAND(version, {920, "general", "version", "", "print the library version", 0, 0}) {
+    (void)call;
     uint64_t major = 0, minor = 0, release = 0, build = 0;
     const char* credits = nullptr;
     KWZGetVersion(&major, &minor, &release, &build, &credits);
     std::printf("libVomKwz_x64 %llu.%llu.%llu (build %llu)\n%s\n", (unsigned long long)major,
                 (unsigned long long)minor, (unsigned long long)release, (unsigned long long)build,
                 credits ? credits : "");
-    return 0;
+    return kExitOk;
 }
 
-KWZ_COMMAND(demo, "demo", "", "run the end-to-end showcase") {
-    (void)args;
-    auto steps = kwz::DemoSteps();
-    std::sort(steps.begin(), steps.end(),
-              [](const kwz::DemoStep& a, const kwz::DemoStep& b) { return a.order < b.order; });
+KWZ_COMMAND(demo, {900, "general", "demo", "", "run the end-to-end showcase", 0, 0}) {
+    (void)call;
+    auto steps = DemoSteps();
+    std::sort(steps.begin(), steps.end(), [](const DemoStep& a, const DemoStep& b) { return a.order < b.order; });
     for (const auto& step : steps) {
         std::printf("== %s ==\n", step.title);
-        if (int rc = step.run(); rc != 0) {
-            std::fprintf(stderr, "demo step \"%s\" failed (%d)\n", step.title, rc);
-            return 1;
-        }
+        std::fflush(stdout);
+        if (int rc = step.run(); rc != 0) return Fail(std::string("step \"") + step.title + "\"", "failed (" + std::to_string(rc) + ")");
         std::printf("\n");
     }
     std::printf("demo finished: %zu steps\n", steps.size());
-    return 0;
+    return kExitOk;
 }
 
 int main(int argc, char** argv) {
-    if (argc < 2) {
-        PrintHelp(stderr);
-        return 2;
-    }
-    std::vector<std::string> args(argv + 2, argv + argc);
-    for (const auto& c : kwz::Commands()) {
-        if (std::strcmp(c.name, argv[1]) == 0) return c.run(args);
-    }
-    std::fprintf(stderr, "kwz: unknown command \"%s\"\n\n", argv[1]);
+    const std::vector<std::string> args(argv + std::min(argc, 2), argv + argc);
+    const std::string name = argc > 1 ? argv[1] : "";
+    if (name == "-h" || name == "--help") return Run(*FindCommand("help"), args);
+    if (const Command* command = FindCommand(name)) return Run(*command, args);
+    if (name.empty())
+        std::fprintf(stderr, "kwz: no command given\n\n");
+    else
+        std::fprintf(stderr, "kwz: %s: unknown command\n\n", name.c_str());
     PrintHelp(stderr);
-    return 2;
+    return kExitUsage;
 }

@@ -1,0 +1,360 @@
+// The kwz tool as users meet it: help and the README's copy of it, usage
+// errors (exit 2), failures (exit 1) in one message style, and each
+// subcommand on a small input, the transport ones on loopback ports that
+// the system chooses.
+#include <VomKwz.h>
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tool/tool_process.h"
+
+#ifndef KWZ_TOOL
+#define KWZ_TOOL ""
+#endif
+
+namespace {
+
+using kwztest::RunTool;
+using kwztest::ToolProcess;
+using kwztest::ToolResult;
+using Args = std::vector<std::string>;
+
+const std::string kTool = KWZ_TOOL;
+
+#define NEED_TOOL() \
+    if (kTool.empty()) GTEST_SKIP() << "the kwz tool is not built (KWZ_BUILD_TOOLS=OFF)"
+
+std::string ReadFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+void WriteFile(const std::string& path, const std::string& bytes) {
+    std::ofstream(path, std::ios::binary) << bytes;
+}
+
+std::string Shown(const Args& args) {
+    std::string s = "kwz";
+    for (const auto& a : args) s += " " + a;
+    return s;
+}
+
+// A scratch directory, removed with its files at the end.
+struct ScratchDir {
+    std::string path;
+    ScratchDir() {
+        char name[] = "/tmp/kwz_tool_XXXXXX";
+        path = ::mkdtemp(name) ? name : "";
+    }
+    ~ScratchDir() {
+        if (!path.empty()) std::system(("rm -rf '" + path + "'").c_str());
+    }
+    std::string operator/(const std::string& file) const { return path + "/" + file; }
+};
+
+// One call of the tool and what it must show: the exit code, texts its
+// standard output and its standard error contain, and (outIs) the whole
+// standard output.  input feeds standard input; saveOut keeps standard
+// output as a file for later rows.
+struct Row {
+    Args args;
+    int rc;
+    std::vector<std::string> outHas = {};
+    std::vector<std::string> errHas = {};
+    std::string input = "";
+    const char* outIs = nullptr;
+    const char* saveOut = nullptr;
+};
+
+void Check(const Row& row, const std::string& cwd) {
+    SCOPED_TRACE(Shown(row.args));
+    const ToolResult r = RunTool(kTool, row.args, cwd, row.input);
+    EXPECT_EQ(r.rc, row.rc) << "stdout:\n" << r.out << "stderr:\n" << r.err;
+    for (const auto& text : row.outHas) EXPECT_NE(r.out.find(text), std::string::npos) << text << " in\n" << r.out;
+    for (const auto& text : row.errHas) EXPECT_NE(r.err.find(text), std::string::npos) << text << " in\n" << r.err;
+    if (row.outIs) {
+        EXPECT_EQ(r.out, row.outIs);
+    }
+    if (row.saveOut) WriteFile(cwd + "/" + row.saveOut, r.out);
+    // A failing call's first message names the command: "kwz CMD: what:
+    // reason" ("kwz: ..." when there is no command to name).
+    if (r.rc != 0 && !row.args.empty()) {
+        EXPECT_TRUE(r.err.rfind("kwz " + row.args[0] + ": ", 0) == 0 || r.err.rfind("kwz: ", 0) == 0) << r.err;
+    }
+}
+
+// The commands `kwz help` lists (the first word of each indented line).
+std::set<std::string> ListedCommands(const std::string& help) {
+    std::set<std::string> names;
+    std::istringstream in(help);
+    for (std::string line; std::getline(in, line);) {
+        if (line.size() < 3 || line.compare(0, 2, "  ") != 0 || !std::islower(static_cast<unsigned char>(line[2])))
+            continue;
+        names.insert(line.substr(2, line.find(' ', 2) - 2));
+    }
+    return names;
+}
+
+// ------------------------------------------------------------ help
+
+TEST(tool_Help, ReadmeBlockIsTheHelpOutput) {
+    NEED_TOOL();
+    const std::string readme = ReadFile(KWZ_README);
+    const std::string marker = "`kwz help` lists the subcommands:";
+    const size_t at = readme.find(marker);
+    ASSERT_NE(at, std::string::npos) << "README.md has no \"" << marker << "\"";
+    const size_t open = readme.find("```\n", at);
+    ASSERT_NE(open, std::string::npos);
+    const size_t close = readme.find("\n```", open + 3);
+    ASSERT_NE(close, std::string::npos);
+    const std::string block = readme.substr(open + 4, close + 1 - (open + 4));
+    const ToolResult r = RunTool(kTool, {"help"});
+    ASSERT_EQ(r.rc, 0);
+    EXPECT_EQ(block, r.out) << "copy the output of `kwz help` into README.md";
+}
+
+TEST(tool_Help, EveryCommandHasHelpAndRejectsUnknownOptions) {
+    NEED_TOOL();
+    const ToolResult help = RunTool(kTool, {"help"});
+    ASSERT_EQ(help.rc, 0);
+    EXPECT_EQ(RunTool(kTool, {"--help"}).out, help.out);
+    EXPECT_EQ(RunTool(kTool, {"-h"}).out, help.out);
+    const std::set<std::string> names = ListedCommands(help.out);
+    for (const char* expected : {"type", "record", "table", "serve", "send", "netbench", "clock", "node", "node-send",
+                                 "pack", "unpack", "hash", "info", "demo", "help", "version"})
+        EXPECT_EQ(names.count(expected), 1u) << expected;
+    for (const std::string& name : names) {
+        SCOPED_TRACE(name);
+        const ToolResult one = RunTool(kTool, {"help", name});
+        EXPECT_EQ(one.rc, 0);
+        EXPECT_EQ(one.out.rfind("usage: kwz " + name, 0), 0u) << one.out;
+        EXPECT_EQ(RunTool(kTool, {name, "--help"}).out, one.out);
+        const ToolResult bad = RunTool(kTool, {name, "--no-such-option"});
+        EXPECT_EQ(bad.rc, 2);
+        EXPECT_EQ(bad.err.rfind("kwz " + name + ": --no-such-option: unknown option\nusage: kwz " + name, 0), 0u)
+            << bad.err;
+    }
+}
+
+TEST(tool_Help, TopLevelUsageErrors) {
+    NEED_TOOL();
+    const Row rows[] = {
+        {{}, 2, {}, {"kwz: no command given", "usage: kwz COMMAND"}},
+        {{"frobnicate"}, 2, {}, {"kwz: frobnicate: unknown command"}},
+        {{"help", "frobnicate"}, 2, {}, {"kwz help: frobnicate: unknown command"}},
+        {{"help", "pack", "unpack"}, 2, {}, {"kwz help: unpack: unexpected argument"}},
+        {{"version"}, 0, {"libVomKwz_x64 "}},
+    };
+    for (const Row& row : rows) Check(row, "");
+}
+
+// ------------------------------------------------------------ usage errors and failures
+
+constexpr const char* kDef = "T|2\\nA|I4\\nB|CM";
+constexpr const char* kBadDef = "T|2\\nA|I4\\nB|Q4";
+
+TEST(tool_Errors, UsageIsTwoFailureIsOne) {
+    NEED_TOOL();
+    ScratchDir dir;
+    WriteFile(dir / "exists.ra2", "x");
+    WriteFile(dir / "exists.csv", "id:I4\n1\n");
+    const Row rows[] = {
+        // bad numbers: an error, never a silent 0
+        {{"type", kDef, "x"}, 2, {}, {"kwz type: ID: \"x\" is not a number in 0..4294967295"}},
+        {{"table", "--show", "t.ra2", "--order", "1.5"}, 2, {}, {"kwz table: --order: \"1.5\" is not a number"}},
+        {{"table", "--show", "t.ra2", "--order", ""}, 2, {}, {"--order: \"\" is not a number"}},
+        {{"serve", "70000"}, 2, {}, {"kwz serve: PORT: \"70000\" is not a number in 0..65535"}},
+        {{"node", "0x"}, 2, {}, {"kwz node: PORT:"}},
+        {{"send", "127.0.0.1", "http", kDef}, 2, {}, {"kwz send: PORT:"}},
+        {{"send", "127.0.0.1", "1", kDef, "--count", "0"}, 2, {}, {"kwz send: --count: \"0\" is not a number in 1..100000000"}},
+        {{"netbench", "127.0.0.1", "1", "--seconds=2s"}, 2, {}, {"kwz netbench: --seconds:"}},
+        {{"clock", "127.0.0.1", "1", "--count", "010x"}, 2, {}, {"kwz clock: --count:"}},
+        {{"node-send", "*", "-5", "text"}, 2, {}, {"kwz node-send: -5: unknown option"}},
+        // the shape of the command line
+        {{"hash"}, 2, {}, {"kwz hash: arguments: 1 expected, none given"}},
+        {{"info", "a", "b"}, 2, {}, {"kwz info: b: unexpected argument"}},
+        {{"info", "-"}, 2, {}, {"kwz info: -: info needs a file it can seek in"}},
+        {{"hash", "f", "--key"}, 2, {}, {"kwz hash: --key: needs a value (K)"}},
+        {{"pack", "f", "--force=yes"}, 2, {}, {"kwz pack: --force: takes no value"}},
+        {{"unpack", "f.bin"}, 2, {}, {"kwz unpack: f.bin: does not end in .lz2"}},
+        {{"record", kDef, "A"}, 2, {}, {"kwz record: A: expected field=value"}},
+        {{"record", "--decode", kDef, "-o", "x"}, 2, {}, {"kwz record: --decode: writes no file"}},
+        {{"table", "--unique", "--key", "id", "x.csv"}, 2, {}, {"kwz table: --unique: applies to the --key before it"}},
+        {{"table", "--show", "t.ra2", "--key", "id"}, 2, {}, {"kwz table: --key: does not go with --show"}},
+        {{"table", "--order", "1", "x.csv"}, 2, {}, {"kwz table: --order: goes with --show only"}},
+        // a refused definition is a failure, the same in every command
+        {{"type", kBadDef}, 1, {}, {"kwz type: definition: line 3: unknown type code \"Q4\""}},
+        {{"record", kBadDef}, 1, {}, {"kwz record: definition: line 3:"}},
+        {{"record", "--decode", kBadDef, "exists.ra2"}, 1, {}, {"kwz record: definition: line 3:"}},
+        {{"send", "127.0.0.1", "1", kBadDef}, 1, {}, {"kwz send: definition: line 3:"}},
+        // refused values, missing and existing files
+        {{"record", kDef, "A=x"}, 1, {}, {"kwz record: A: \"x\" is not an integer (I4)"}},
+        {{"record", kDef, "C=1"}, 1, {}, {"kwz record: C: type T has no such field"}},
+        {{"hash", "missing.bin"}, 1, {}, {"kwz hash: missing.bin: No such file or directory"}},
+        {{"table", "exists.csv", "-o", "exists.ra2"}, 1, {}, {"kwz table: exists.ra2: exists (-f writes over it)"}},
+        {{"record", kDef, "A=1", "-o", "exists.ra2"}, 1, {}, {"kwz record: exists.ra2: exists (-f writes over it)"}},
+        {{"pack", "exists.csv", "-o", "exists.ra2"}, 1, {}, {"kwz pack: exists.ra2: exists (-f writes over it)"}},
+        {{"table", "--show", "exists.csv"}, 1, {}, {"kwz table: exists.csv: not a valid packed table"}},
+        {{"table", "--show", "exists.ra2"}, 1, {}, {"kwz table: exists.ra2: not a valid packed table"}},
+    };
+    for (const Row& row : rows) Check(row, dir.path);
+    EXPECT_EQ(ReadFile(dir / "exists.ra2"), "x") << "an existing file was written over without -f";
+}
+
+// ------------------------------------------------------------ the file commands
+
+constexpr const char* kCsv =
+    "id:I4,name:CH12,price:F8,note:CM,raw:CB,ok:L1\n"
+    "3,pear,1.25,\"a, \"\"quoted\"\"\nnote\",0x00ff,yes\n"
+    "1,Apple,0.1,,\"\",0\n"
+    "2,\\null,,x,\\0xzz,1\n";
+
+// The same table as `kwz table --show --csv` writes it, in key 0 order.
+constexpr const char* kCsvBack =
+    "id:I4,name:CH12,price:F8,note:CM,raw:CB,ok:L1\n"
+    "1,\"Apple\",0.1,,\"\",0\n"
+    "2,\"null\",,\"x\",\"\\0xzz\",1\n"
+    "3,\"pear\",1.25,\"a, \"\"quoted\"\"\nnote\",\"0x00ff\",1\n";
+
+TEST(tool_Files, EachCommandOnASmallInput) {
+    NEED_TOOL();
+    ScratchDir dir;
+    WriteFile(dir / "d.csv", kCsv);
+    char hello[33], keyed[33];
+    KWZDataHash(5, "hello", hello, nullptr);
+    KWZDataHash(int32_t(std::string(kCsv).size()), kCsv, keyed, "k");
+    const std::string def = "Order|3\\r\\nId|I8\\r\\nQty|I2\\r\\nNote|CM";
+    const Row rows[] = {
+        {{"type", def, "7"}, 0, {"type Order (id 7), 3 fields, data length", "Qty   I2"}},
+        {{"type"}, 0, {"type T (id 0), 1 field,"}, {}, "T|1\r\nA|I4"},
+        {{"type", "-", "0x10"}, 0, {"type T (id 16)"}, {}, "T|1\nA|I4"},
+        {{"record", def, "Id=0x10", "Qty=70000", "Note=hi", "-o", "r.bin"}, 0,
+         {"record image of type Order", "#0 Id I8 = 16", "#1 Qty I2 = 4464", "text of Note and its 0 byte"},
+         {"kwz record: Qty: note: 70000 does not fit I2; stored 4464"}},
+        {{"record", def, "Id=1", "-o", "r.bin", "-f"}, 0, {"#0 Id I8 = 1", "#2 Note CM [null] = null"}},
+        {{"record", "--decode", def, "r.bin"}, 0, {"valid image of type Order", "I8    1"}},
+        {{"record", "--decode", "U|1\\nA|I8", "r.bin"}, 1, {}, {"kwz record: r.bin: not a valid image of type U"}},
+        {{"table", "--key", "id", "--unique", "--key", "name;price", "--nocase", "d.csv"}, 0,
+         {"d.csv.ra2: 3 records, 2 keys"}},
+        {{"table", "--show", "d.csv.ra2", "--order", "1", "--seek", "PEAR,1.25"}, 0,
+         {"fields: id:I4 name:CH12 price:F8 note:CM raw:CB ok:L1", "1  name;price               nocase",
+          "seek PEAR,1.25 in key 1: found at position 2", "> 2  3   pear"}},
+        {{"table", "--show", "d.csv.ra2", "--csv"}, 0, {}, {}, "", kCsvBack, "back.csv"},
+        {{"table", "back.csv", "--key", "id", "-o", "back.ra2"}, 0, {"back.ra2: 3 records, 1 keys"}},
+        {{"table", "--show", "back.ra2", "--csv"}, 0, {}, {}, "", kCsvBack},
+        {{"table", "-", "-o", "stdin.ra2"}, 0, {"stdin.ra2: 3 records, 0 keys"}, {}, kCsv},
+        {{"pack", "d.csv"}, 0, {}, {"d.csv -> d.csv.lz2: "}},
+        {{"unpack", "d.csv.lz2", "-o", "d2.csv"}, 0, {}, {"d.csv.lz2 -> d2.csv: "}},
+        {{"unpack", "d.csv.lz2"}, 1, {}, {"kwz unpack: d.csv: exists (-f writes over it)"}},
+        {{"pack", "-"}, 0, {"#LZ2"}, {}, "hello"},
+        {{"hash", "-"}, 0, {std::string(hello) + "  -"}, {}, "hello"},
+        {{"hash", "d2.csv", "--key", "k"}, 0, {std::string(keyed) + "  d2.csv"}},
+        {{"info", "d.csv.lz2"}, 0, {"d.csv.lz2: \"#LZ2\" container", "check       ok"}},
+        {{"info", "d.csv.ra2"}, 0, {"packed record table \"#RA2\"", "key 1     name;price"}},
+        {{"info", "r.bin"}, 0, {"r.bin: record image, "}},
+        {{"info", "d.csv"}, 0, {"d.csv: ", "bytes of unknown data"}},
+    };
+    for (const Row& row : rows) Check(row, dir.path);
+    EXPECT_EQ(ReadFile(dir / "d2.csv"), kCsv);
+
+    // A damaged container: info and unpack fail in the same style.
+    std::string packed = ReadFile(dir / "d.csv.lz2");
+    ASSERT_GT(packed.size(), 20u);
+    packed.resize(packed.size() - 8);
+    WriteFile(dir / "cut.lz2", packed);
+    const Row damaged[] = {
+        {{"info", "cut.lz2"}, 1, {"damaged"}, {"kwz info: cut.lz2: damaged or inconsistent"}},
+        {{"unpack", "cut.lz2"}, 1, {}, {"kwz unpack: cut.lz2: not a container, or a damaged one"}},
+    };
+    for (const Row& row : damaged) Check(row, dir.path);
+}
+
+// The one field setter, as `kwz record` (and send, and table's CSV) use it.
+TEST(tool_Values, TextToEachFieldCode) {
+    NEED_TOOL();
+    const std::string def = "V|6\\nB|L1\\nI|I8\\nF|F4\\nD|F8\\nC|CB\\nS|CH3";
+    const Row rows[] = {
+        {{"record", def, "B=on", "I=-0x10", "F=0.1", "D=1e300", "C=0x0aFF", "S=\\null"}, 0,
+         {"#0 B L1 = 1", "#1 I I8 = -16", "#2 F F4 = 0.1", "#3 D F8 = 1e+300", "#4 C CB = \"\\x0a\\xff\"",
+          "#5 S CH3 = \"nul\""},
+         {"kwz record: S: note: the text of 4 bytes is cut to CH3"}},
+        {{"record", def, "B=0", "I=+12", "C=\\0x41", "S=null"}, 0,
+         {"#0 B L1 = 0", "#1 I I8 = 12", "#4 C CB = \"0x41\"", "#5 S CH3 [null] = null"}},
+        {{"record", def, "B=maybe"}, 1, {}, {"kwz record: B: \"maybe\" is not true, false or an integer (L1)"}},
+        {{"record", def, "I=99999999999999999999"}, 1, {}, {"kwz record: I: \"99999999999999999999\" is not an integer"}},
+        {{"record", def, "I=1 "}, 1, {}, {"kwz record: I: \"1 \" is not an integer"}},
+        {{"record", def, "F=1e"}, 1, {}, {"kwz record: F: \"1e\" is not a number (F4)"}},
+        {{"record", def, "C=0xabc"}, 1, {}, {"kwz record: C: \"0xabc\" is not 0x and an even number of hex digits"}},
+        {{"record", def, "=1"}, 2, {}, {"kwz record: =1: expected field=value"}},
+    };
+    for (const Row& row : rows) Check(row, "");
+}
+
+// ------------------------------------------------------------ transport
+
+// The number after prefix in text ("listening on port 41234").
+std::string PortAfter(const std::string& text, const std::string& prefix) {
+    const size_t at = text.find(prefix);
+    if (at == std::string::npos) return "";
+    return std::to_string(std::atoi(text.c_str() + at + prefix.size()));
+}
+
+TEST(tool_Transport, ServeSendClockNetbench) {
+    NEED_TOOL();
+    ToolProcess serve(kTool, {"serve", "0"}, "", "");
+    ASSERT_TRUE(serve.WaitFor("(Ctrl-C stops)", 10000)) << serve.Out();
+    const std::string port = PortAfter(serve.Out(), "listening on port ");
+    const Row rows[] = {
+        {{"send", "127.0.0.1", port, kDef, "A=5", "B=hello", "--count", "2", "--priority", "3"}, 0,
+         {"sent 2 records of 26 bytes"}},
+        {{"clock", "127.0.0.1", port, "--count", "2"}, 0, {"peer clock ", "2 measurements: median "}},
+    };
+    for (const Row& row : rows) Check(row, "");
+    EXPECT_TRUE(serve.WaitFor("F1(CM)=\"hello\"\n", 5000)) << serve.Out();
+    const ToolResult served = serve.Finish(SIGINT, 15000);
+    EXPECT_EQ(served.rc, 0) << served.err;
+    EXPECT_NE(served.out.find("record type 1, 26 bytes: F0(I4)=5, F1(CM)=\"hello\""), std::string::npos) << served.out;
+    EXPECT_NE(served.out.find("stopped\n"), std::string::npos) << served.out;
+
+    ToolProcess sink(kTool, {"serve", "0", "--sink"}, "", "");
+    ASSERT_TRUE(sink.WaitFor("(Ctrl-C stops)", 10000)) << sink.Out();
+    Check({{"netbench", "127.0.0.1", PortAfter(sink.Out(), "listening on port "), "--seconds", "1", "--size", "100"}, 0,
+           {"records of 100 bytes in "}},
+          "");
+    EXPECT_EQ(sink.Finish(SIGINT, 15000).rc, 0);
+
+    Check({{"send", "127.0.0.1", port, kDef}, 1, {}, {"kwz send: 127.0.0.1:" + port + ": cannot connect"}}, "");
+}
+
+TEST(tool_Transport, NodeAndNodeSend) {
+    NEED_TOOL();
+    ToolProcess node(kTool, {"node", "0"}, "", "");
+    ASSERT_TRUE(node.WaitFor("(Ctrl-C stops)", 10000)) << node.Out();
+    const std::string port = PortAfter(node.Out(), "datagrams to port ");
+    Check({{"node-send", "127.0.0.1", port, "hello node"}, 0, {"sent 10 bytes to 127.0.0.1:" + port}}, "");
+    EXPECT_TRUE(node.WaitFor("10 bytes  \"hello node\"", 5000)) << node.Out();
+    EXPECT_EQ(node.Finish(SIGINT, 15000).rc, 0);
+}
+
+// ------------------------------------------------------------ demo
+
+TEST(tool_Demo, RunsEveryStep) {
+    NEED_TOOL();
+    const ToolResult r = RunTool(kTool, {"demo"}, "", "", 120000);
+    EXPECT_EQ(r.rc, 0) << r.err;
+    for (const char* step : {"== record types ==", "== records ==", "== record arrays ==", "== transport ==",
+                             "== datagram nodes ==", "== compression ==", "demo finished: "})
+        EXPECT_NE(r.out.find(step), std::string::npos) << step;
+    EXPECT_NE(r.out.find("closed cleanly: every slot released"), std::string::npos) << r.out;
+}
+
+}  // namespace
