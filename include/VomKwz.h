@@ -559,7 +559,16 @@ KWZ_API int32_t KWZDataDeCompress(int32_t length, const void* data, int32_t* out
                                   void** outBlock);
 KWZ_API int32_t KWZDataIsCompress(int32_t length, const void* data, bool* flag);
 KWZ_API int32_t KWZArrayPack(KWArray* array, int32_t* outLength, void** outBlock, bool compress);
+/* Trusts a plain packed table completely (it has no length): for bytes from
+   outside use KWZArrayUnPackN.  0, -1 out of memory or a table that does not
+   unpack, -2 a NULL argument, -4 a container that does not decode.  The array
+   is unchanged on failure. */
 KWZ_API int32_t KWZArrayUnPack(KWArray* array, const void* data, bool forRead);
+/* KWZArrayUnPack for length bytes: reads nothing at or past data + length,
+   whatever the bytes claim.  0, -1 out of memory, -2 a NULL argument, -4 a
+   container or packed table that does not decode within length.  The array
+   is unchanged on every failure. */
+KWZ_API int32_t KWZArrayUnPackN(KWArray* array, const void* data, uint64_t length, bool forRead);
 /* 32 characters and a 0 byte into out (33 bytes of room). */
 KWZ_API int32_t KWZDataHash(int32_t length, const void* data, char* out, const char* key);
 

@@ -25,9 +25,9 @@ int32_t CopyRecords(KWArray* dst, KWArray* src) {
             uint32_t length = 0;
             const uint8_t* image = PackedImageOf(src, from.At(i).rec, scratch, &length);
             KWRData* copy = image ? AllocRecord() : nullptr;
-            auto* bytes = copy ? static_cast<uint8_t*>(std::malloc(length)) : nullptr;
+            auto* bytes = copy ? static_cast<uint8_t*>(kwz::MemAlloc(length)) : nullptr;
             if (!bytes) {
-                std::free(copy);
+                kwz::MemFree(copy);
                 throw std::bad_alloc();
             }
             std::memcpy(bytes, image, length);
@@ -58,16 +58,12 @@ int32_t CopyRecords(KWArray* dst, KWArray* src) {
 
 }  // namespace
 
-}  // namespace kwz::recarr
-
-using namespace kwz::recarr;
-
-extern "C" KWZ_API int32_t KWACopy(KWArray* destination, KWArray* source, uint32_t options) {
+int32_t Copy(KWArray* destination, KWArray* source, uint32_t options) {
     if (!destination || !source || destination == source) return -1;
-    KWAClearAll(destination);
+    ClearAll(destination);
     if (!source->HasFields()) return 0;
     KWRFieldDef defs[256];
-    _FldAddGet(&source->type, defs);
+    rec::FldAddGet(&source->type, defs);
     if (const int32_t rc = SetFields(destination, source->type.fieldCount, defs)) return rc;
     if (options & iCopyOpt_Key) {
         if (source->keys.empty()) {
@@ -95,3 +91,4 @@ extern "C" KWZ_API int32_t KWACopy(KWArray* destination, KWArray* source, uint32
     if (options & iCopyOpt_Rec) return CopyRecords(destination, source);
     return 0;
 }
+}  // namespace kwz::recarr

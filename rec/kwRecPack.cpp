@@ -20,6 +20,8 @@
 #include <cstring>
 
 #include "base/kwBase.h"
+#include "base/kwMem.h"
+#include "rec/kwRecCore.h"
 #include "rec/kwRecord.h"
 
 namespace kwz::rec {
@@ -73,7 +75,7 @@ void WriteVariablePart(const KWRType* type, const KWRData* record, uint8_t* imag
                 const uint32_t size = LoadU32(block);
                 length = size ? size - 1 : 0;
                 std::memcpy(image + pos, block + kBlockHead, length);
-                std::free(block);
+                kwz::MemFree(block);
                 present = true;
             }
             *header &= static_cast<uint8_t>(~kOwnedBit);
@@ -99,14 +101,9 @@ void WriteVariablePart(const KWRType* type, const KWRData* record, uint8_t* imag
 }
 
 }  // namespace
-}  // namespace kwz::rec
 
-using namespace kwz;
-using namespace kwz::rec;
 
-extern "C" {
-
-KWZ_API uint32_t KWRRecPack(const KWRType* type, KWRData* record, uint32_t clearEdited,
+uint32_t RecPack(const KWRType* type, KWRData* record, uint32_t clearEdited,
                             uint32_t clearUser) {
     if (!type || !record) return KWR_BADARG;
     if (!record->image) return KWR_NOIMAGE;
@@ -127,12 +124,12 @@ KWZ_API uint32_t KWRRecPack(const KWRType* type, KWRData* record, uint32_t clear
         record->state = kStatePacked;  // already packed: no copy
         return KWR_OK;
     }
-    auto* image = static_cast<uint8_t*>(std::malloc(length));
+    auto* image = static_cast<uint8_t*>(kwz::MemAlloc(length));
     if (!image) return KWR_NOMEM;
     std::memcpy(image, record->image, type->dataLength);
     StoreU32(image, static_cast<uint32_t>(length));
     WriteVariablePart(type, record, image);
-    std::free(record->image);
+    kwz::MemFree(record->image);
     record->image = image;
     record->length = static_cast<uint32_t>(length);
     record->state = kStatePacked;
@@ -143,7 +140,7 @@ KWZ_API uint32_t KWRRecPack(const KWRType* type, KWRData* record, uint32_t clear
 // With one, the caller guarantees room for that size.  Scalar fields are
 // written by the setters' conversion table and so come out edited; text
 // fields get the bare type code.
-KWZ_API uint32_t KWRSetBuff(const KWRType* type, void* buffer, const KWRVal* cells,
+uint32_t SetBuff(const KWRType* type, void* buffer, const KWRVal* cells,
                             uint32_t* size) {
     if (!type) return KWR_BADARG;
     auto cellLength = [&](uint32_t i) { return LoadU32(cells[i].value); };
@@ -205,4 +202,4 @@ KWZ_API uint32_t KWRSetBuff(const KWRType* type, void* buffer, const KWRVal* cel
     return rc;
 }
 
-}  // extern "C"
+}  // namespace kwz::rec
