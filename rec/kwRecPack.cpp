@@ -29,17 +29,16 @@ namespace {
 
 constexpr uint64_t kMaxImage = UINT32_MAX;
 
-// Steps 1-3 of packing: the size of the variable part, whether any owned block
-// exists, and the edited / user bits cleared as asked.  -2 when a text in the
-// image reaches past the image (a damaged received image).
-uint32_t MeasureTexts(const KWRType* type, KWRData* record, uint8_t clearMask, uint64_t* total,
-                      bool* owned) {
+// Steps 1-2 of packing: the size of the variable part and whether any owned
+// block exists.  -2 when a text in the image reaches past the image (a
+// damaged received image).  Changes nothing, so that a failure leaves the
+// record as it was.
+uint32_t MeasureTexts(const KWRType* type, const KWRData* record, uint64_t* total, bool* owned) {
     *total = 0;
     *owned = false;
     for (uint32_t i = 0; i < type->fieldCount; ++i) {
         const KWRField* field = &type->fields[i];
-        uint8_t* header = HeaderOf(field, record);
-        *header &= static_cast<uint8_t>(~clearMask);
+        const uint8_t* header = HeaderOf(field, record);
         if (!IsVarType(*header & kTypeMask) || (*header & kNullBit)) continue;
         const uint8_t* value = ValueOf(field, record);
         if (*header & kOwnedBit) {
@@ -54,6 +53,11 @@ uint32_t MeasureTexts(const KWRType* type, KWRData* record, uint8_t clearMask, u
         *total += length + 1;
     }
     return KWR_OK;
+}
+
+// Step 3, once nothing can fail: the edited / user bits cleared as asked.
+void ClearBits(const KWRType* type, KWRData* record, uint8_t clearMask) {
+    for (uint32_t i = 0; i < type->fieldCount; ++i) *HeaderOf(&type->fields[i], record) &= static_cast<uint8_t>(~clearMask);
 }
 
 // Step 5: the new image.  Owned blocks are freed as their texts are copied;
@@ -117,15 +121,17 @@ uint32_t RecPack(const KWRType* type, KWRData* record, uint32_t clearEdited,
     const uint8_t clearMask = static_cast<uint8_t>((edited ? kEditBit : 0) | (user ? kUserBit : 0));
     uint64_t total = 0;
     bool owned = false;
-    if (uint32_t rc = MeasureTexts(type, record, clearMask, &total, &owned)) return rc;
+    if (uint32_t rc = MeasureTexts(type, record, &total, &owned)) return rc;
     const uint64_t length = total + type->dataLength;
     if (length > kMaxImage) return KWR_NOMEM;
     if (length == record->length && !owned) {
+        ClearBits(type, record, clearMask);
         record->state = kStatePacked;  // already packed: no copy
         return KWR_OK;
     }
     auto* image = static_cast<uint8_t*>(kwz::MemAlloc(length));
     if (!image) return KWR_NOMEM;
+    ClearBits(type, record, clearMask);
     std::memcpy(image, record->image, type->dataLength);
     StoreU32(image, static_cast<uint32_t>(length));
     WriteVariablePart(type, record, image);
