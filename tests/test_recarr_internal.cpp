@@ -9,8 +9,11 @@
 #include <string>
 #include <vector>
 
+#include <random>
+
 #include "base/kwMem.h"
 #include "fault_harness.h"
+#include "rec/kwRecArrOrder.h"
 #include "test_recarr_util.h"
 
 using namespace recarrtest;
@@ -247,26 +250,19 @@ TEST(fault_recarr, KeysSortAndReadMode) {
             EXPECT_EQ(0, rc);
         }
     });
-    const Snapshot before = Take(a);
-    ForEachAllocationFailure([&](auto fired) {
-        const int32_t rc = KWAPackForRead(a);
-        if (Settle(fired)) {
-            EXPECT_EQ(-1, rc);
-            EXPECT_TRUE(before == Take(a));
-        } else {
-            EXPECT_EQ(0, rc);
-        }
-    });
-    const Snapshot beforeNext = Take(a);
-    ForEachAllocationFailure([&](auto fired) {
-        const int32_t rc = KWAUnpackForWrite(a);
-        if (Settle(fired)) {
-            EXPECT_EQ(-1, rc);
-            EXPECT_TRUE(beforeNext == Take(a));
-        } else {
-            EXPECT_EQ(0, rc);
-        }
-    });
+    // Into read-from-pack storage and back: -1 and the array as it was.
+    for (int32_t (*convert)(KWArray*) : {KWAPackForRead, KWAUnpackForWrite}) {
+        const Snapshot before = Take(a);
+        ForEachAllocationFailure([&](auto fired) {
+            const int32_t rc = convert(a);
+            if (Settle(fired)) {
+                EXPECT_EQ(-1, rc);
+                EXPECT_TRUE(before == Take(a));
+            } else {
+                EXPECT_EQ(0, rc);
+            }
+        });
+    }
 }
 
 // Packing gives 0 (-1 from the helper) and no block; every unpacker leaves
@@ -344,4 +340,52 @@ TEST(fault_lzop, ContainerReading) {
         KWMemFree(out);
     });
     KWMemFree(block);
+}
+
+// The key order against a plain vector: random inserts, erases and
+// replacements through block splits and merges (its invariant checks run
+// after each change in debug and sanitizer builds); after Reserve, an erase
+// and an insert allocate nothing.
+TEST(fault_recarr, KeyOrderAgainstAVector) {
+    using kwz::recarr::Entry;
+    using kwz::recarr::KeyOrder;
+    KeyOrder order;
+    std::vector<Entry> model;
+    std::mt19937 rng(5);
+    auto entry = [](uint32_t n) { return Entry{reinterpret_cast<KWRData*>(uintptr_t{n} * 8 + 8), n}; };
+    for (uint32_t step = 0; step < 40000; ++step) {
+        const uint32_t size = static_cast<uint32_t>(model.size());
+        const uint32_t op = rng() % 10;
+        const uint32_t at = size ? rng() % (size + 1) : 0;
+        // Grow for the first half, shrink for the second.
+        if (size == 0 || op < (step < 20000 ? 6u : 3u)) {
+            const bool tail = rng() % 3 == 0;
+            const uint32_t pos = tail ? size : at;
+            order.Reserve();
+            kwz::FaultArm(1);
+            order.Insert(static_cast<int32_t>(pos), entry(step));
+            ASSERT_FALSE(kwz::FaultFired()) << "insert after Reserve allocated";
+            kwz::FaultArm(0);
+            model.insert(model.begin() + pos, entry(step));
+        } else if (op < 9) {
+            const uint32_t pos = at % size;
+            const Entry out = order.Erase(static_cast<int32_t>(pos));
+            ASSERT_EQ(model[pos].rec, out.rec);
+            model.erase(model.begin() + pos);
+        } else {
+            const uint32_t pos = at % size;
+            order.Set(static_cast<int32_t>(pos), entry(step));
+            model[pos] = entry(step);
+        }
+        ASSERT_EQ(static_cast<int32_t>(model.size()), order.Size());
+        if (step % 997 == 0 || step + 1 == 40000) {
+            for (size_t i = 0; i < model.size(); ++i) {
+                ASSERT_EQ(model[i].rec, order.At(static_cast<int32_t>(i)).rec) << step << " " << i;
+                ASSERT_EQ(model[i].prefix, order.At(static_cast<int32_t>(i)).prefix);
+            }
+            if (!model.empty()) {
+                ASSERT_EQ(0, order.IndexOf(model[0].rec));
+            }
+        }
+    }
 }
