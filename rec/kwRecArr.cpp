@@ -84,6 +84,28 @@ int32_t SetFields(KWArray* array, int32_t count, const KWRFieldDef* defs) {
     return 0;
 }
 
+// Moves the contents of `fresh`, just filled, into `array`; the array's old
+// contents go to `fresh`, to be destroyed with it.  The field version moves
+// on as a clear and a field change would move it, so that working records of
+// the old contents are refused (-5).  Cannot fail.
+void TakeOver(KWArray* array, KWArray* fresh) {
+    const uint32_t version = array->fieldVersion + 2;
+    std::swap(array->type, fresh->type);
+    array->keys.swap(fresh->keys);
+    array->store.swap(fresh->store);
+    std::swap(array->variable, fresh->variable);
+    std::swap(array->changes, fresh->changes);
+    array->fieldVersion = version;
+    for (auto& key : array->keys) key->array = array;
+    for (auto& key : fresh->keys) key->array = fresh;
+    if (!array->keys.empty()) {
+        array->keys[0]->order.ForEach([&](Entry& e) {
+            e.rec->owner = array;
+            e.rec->typeId = version;
+        });
+    }
+}
+
 int32_t Create(KWArray** array, const KWRType* type) {
     if (!array) return -1;
     *array = nullptr;

@@ -239,6 +239,12 @@ void ClearRecords(KWArray* array);
 // Replaces the array's fields by defs (count of them): 0, -1, -3.
 int32_t SetFields(KWArray* array, int32_t count, const KWRFieldDef* defs);
 void LogNoMemory(const char* tag);
+// Replaces the contents of `array` by those of `fresh` (an array just filled
+// by an unpacker or a copy), whose old contents go to `fresh` to be
+// destroyed with it; members and keys are pointed at `array`, and the field
+// version moves on so that the old contents' working records are refused.
+// Cannot fail.
+void TakeOver(KWArray* array, KWArray* fresh);
 
 // ---- read-from-pack storage (kwRecArrStore.cpp) ----------------------------
 

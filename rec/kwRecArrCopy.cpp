@@ -56,11 +56,8 @@ int32_t CopyRecords(KWArray* dst, KWArray* src) {
     return 0;
 }
 
-}  // namespace
-
-int32_t Copy(KWArray* destination, KWArray* source, uint32_t options) {
-    if (!destination || !source || destination == source) return -1;
-    ClearAll(destination);
+// The copy itself, into a fresh destination.
+int32_t CopyInto(KWArray* destination, KWArray* source, uint32_t options) {
     if (!source->HasFields()) return 0;
     KWRFieldDef defs[256];
     rec::FldAddGet(&source->type, defs);
@@ -89,6 +86,20 @@ int32_t Copy(KWArray* destination, KWArray* source, uint32_t options) {
     }
     if (source->keys.empty()) return 0;
     if (options & iCopyOpt_Rec) return CopyRecords(destination, source);
+    return 0;
+}
+
+}  // namespace
+
+// Made in a fresh array and moved into the destination only when complete,
+// so that a failure leaves the destination as it was.
+int32_t Copy(KWArray* destination, KWArray* source, uint32_t options) {
+    if (!destination || !source || destination == source) return -1;
+    KWArray* made = nullptr;
+    if (Create(&made, nullptr) != 0) return -1;
+    std::unique_ptr<KWArray, void (*)(KWArray*)> fresh(made, Destroy);
+    if (const int32_t rc = CopyInto(made, source, options)) return rc;
+    TakeOver(destination, made);
     return 0;
 }
 }  // namespace kwz::recarr

@@ -253,28 +253,6 @@ int64_t UnpackTableForRead(KWArray* array, const uint8_t* table) {
     return static_cast<int64_t>(h.total);
 }
 
-// Moves the contents of `fresh`, just unpacked, into `array`; the array's old
-// contents go to `fresh`, to be destroyed with it.  The field version moves
-// on as a clear and a field change would move it, so that working records of
-// the old contents are refused (-5).  Cannot fail.
-void TakeOver(KWArray* array, KWArray* fresh) {
-    const uint32_t version = array->fieldVersion + 2;
-    std::swap(array->type, fresh->type);
-    array->keys.swap(fresh->keys);
-    array->store.swap(fresh->store);
-    std::swap(array->variable, fresh->variable);
-    std::swap(array->changes, fresh->changes);
-    array->fieldVersion = version;
-    for (auto& key : array->keys) key->array = array;
-    for (auto& key : fresh->keys) key->array = fresh;
-    if (!array->keys.empty()) {
-        array->keys[0]->order.ForEach([&](Entry& e) {
-            e.rec->owner = array;
-            e.rec->typeId = version;
-        });
-    }
-}
-
 // Unpacks into a fresh array and moves it into `array` only when the whole
 // table made one, so that a failure leaves the array as it was.
 int64_t UnpackAtomic(KWArray* array, const uint8_t* table, bool forRead) {

@@ -265,6 +265,39 @@ TEST(fault_recarr, KeysSortAndReadMode) {
     }
 }
 
+// Copying into an array with members of its own: -1 and the destination as
+// it was; adding in read-from-pack mode: NULL and the array as it was.
+TEST(fault_recarr, CopyAndAddInReadMode) {
+    Array source(Fields(), kKeys);
+    Fill(source, 40);
+    Array target(Fields(), kKeys);
+    Fill(target, 3);
+    const Snapshot before = Take(target);
+    ForEachAllocationFailure([&](auto fired) {
+        const int32_t rc = KWACopy(target, source, iCopyOpt_Rec | iCopyOpt_Key);
+        if (Settle(fired)) {
+            EXPECT_EQ(-1, rc);
+            EXPECT_TRUE(before == Take(target));
+        } else {
+            EXPECT_EQ(0, rc);
+        }
+    });
+    EXPECT_TRUE(Take(source) == Take(target));
+    ASSERT_EQ(0, KWAPackForRead(target));
+    const std::vector<KWRVal> cells = {I4(1), I4(3), Text("added", iFldType_Memo)};
+    const Snapshot stored = Take(target);
+    ForEachAllocationFailure([&](auto fired) {
+        KWRData* member = KWARecAddPack(target, cells.data());
+        if (Settle(fired)) {
+            EXPECT_EQ(nullptr, member);
+            EXPECT_TRUE(stored == Take(target));
+        } else {
+            EXPECT_NE(nullptr, member);
+        }
+    });
+    EXPECT_EQ(41, KWARecCount(target));
+}
+
 // Packing gives 0 (-1 from the helper) and no block; every unpacker leaves
 // the target as it was.
 TEST(fault_recarr, PackAndUnpack) {
