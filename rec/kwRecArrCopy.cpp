@@ -68,20 +68,16 @@ int32_t CopyInto(KWArray* destination, KWArray* source, uint32_t options) {
             destination->variable = 0;
             return 0;
         }
-        try {
-            for (const auto& from : source->keys) {
-                auto key = std::make_unique<KWAKey>();
-                key->options = from->options;
-                std::memcpy(key->expression, from->expression, sizeof key->expression);
-                key->fieldCount = from->fieldCount;
-                std::memcpy(key->fieldNumbers, from->fieldNumbers, sizeof key->fieldNumbers);
-                key->array = destination;
-                RefreshKeyFields(key.get(), &destination->type);
-                destination->keys.push_back(std::move(key));
-            }
-        } catch (const std::bad_alloc&) {
-            LogNoMemory(KWA_TAG("KWACopy"));
-            return -1;
+        // std::bad_alloc here leaves a half-made fresh array, which goes.
+        for (const auto& from : source->keys) {
+            auto key = std::make_unique<KWAKey>();
+            key->options = from->options;
+            std::memcpy(key->expression, from->expression, sizeof key->expression);
+            key->fieldCount = from->fieldCount;
+            std::memcpy(key->fieldNumbers, from->fieldNumbers, sizeof key->fieldNumbers);
+            key->array = destination;
+            RefreshKeyFields(key.get(), &destination->type);
+            destination->keys.push_back(std::move(key));
         }
     }
     if (source->keys.empty()) return 0;

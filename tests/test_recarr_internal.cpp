@@ -79,6 +79,39 @@ TEST(fault_rec, TypeParsing) {
     KWRTypFree(&type);
 }
 
+// The definition text of a type, and a type generated from an image.
+TEST(fault_rec, TypeTextAndGeneration) {
+    Array a(Fields());
+    const KWRType* type = KWAType(a);
+    ForEachAllocationFailure([&](auto fired) {
+        char* text = reinterpret_cast<char*>(1);
+        const uint32_t rc = KWRTypGet(type, &text);
+        if (Settle(fired)) {
+            EXPECT_EQ(std::make_tuple(KWR_NOMEM, (char*)nullptr), std::make_tuple(rc, text));
+        } else {
+            EXPECT_EQ(0u, rc);
+        }
+        KWMemFree(text);
+    });
+    const std::vector<KWRVal> cells = {I4(1), I4(2), Text("note", iFldType_Memo)};
+    KWRData* rec = KWRRecAlloc(type, cells.data());
+    ASSERT_NE(nullptr, rec);
+    KWRType generated;
+    KWRTypInit(&generated);
+    ForEachAllocationFailure([&](auto fired) {
+        const uint32_t rc = KWRTypGen(&generated, "GEN", rec);
+        if (Settle(fired)) {
+            EXPECT_TRUE(rc == KWR_NOMEM || rc == KWR_SYNTAX) << rc;  // the type's storage: 4, as KWRTypSet
+            EXPECT_EQ(std::make_tuple(0, (KWRField*)nullptr), std::make_tuple(int(generated.fieldCount), generated.fields));
+        } else {
+            EXPECT_EQ(0u, rc);
+            EXPECT_EQ(3, generated.fieldCount);
+        }
+    });
+    KWRTypFree(&generated);
+    KWRRecRelease(rec);
+}
+
 TEST(fault_rec, RecordBuildingAndPacking) {
     Array a(Fields());
     const KWRType* type = KWAType(a);
