@@ -86,3 +86,28 @@ TEST(record_bounds, CheckReadsNothingPastTheImage) {
     std::vector<uint8_t> shorter(packed.begin(), packed.end() - 1);
     EXPECT_EQ(KWR_CORRUPT, CheckAtEdge(type, shorter));
 }
+
+// KWRTypGen walks an image by its own header bytes, bounded by the record's
+// length: the last slot ending on the last byte builds the type, an image
+// one byte short of its last slot gives 4, neither reading past the bytes.
+TEST(record_bounds, TypeGenerationStopsAtTheLength) {
+    Type type("T|2\r\nA|I4\r\nC|CH5");
+    Rec rec(type);
+    ASSERT_EQ(0u, KWRSetAsText(type.F("C"), &rec.r, 2, "hi"));
+    ASSERT_EQ(0u, KWRRecPack(&type.t, &rec.r, 1, 1));
+    const std::vector<uint8_t> image = rec.Bytes();
+    ASSERT_EQ(type.t.dataLength, image.size());
+    for (size_t n : {image.size(), image.size() - 1}) {
+        kwztest::GuardedBytes guarded(image.data(), n);
+        KWRData view;
+        KWRRecInit(&view);
+        view.image = guarded.data();
+        view.length = static_cast<uint32_t>(n);
+        view.fieldCount = 2;
+        KWRType generated;
+        KWRTypInit(&generated);
+        EXPECT_EQ(n == image.size() ? 0u : KWR_SYNTAX, KWRTypGen(&generated, "G", &view)) << n;
+        EXPECT_EQ(n == image.size() ? 2 : 0, generated.fieldCount);
+        KWRTypFree(&generated);
+    }
+}
