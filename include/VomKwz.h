@@ -434,12 +434,17 @@ KWZ_API KWRData* KWARecSeekF(KWArray* array, int32_t key, KWACompareFn compare, 
                              int32_t* position);
 KWZ_API KWRData* KWARecSeekV(KWArray* array, int32_t key, const KWRVal* cells,
                              int32_t* position);
+/* Sorts a key's members by its fields: 0, -1 no such key or out of memory
+   (the key keeps its order). */
 KWZ_API int32_t KWARecSort(KWArray* array, int32_t key);
 KWZ_API int32_t KWARecComp(void* key, void* a, void* b);
 KWZ_API int32_t KWAVarComp(void* key, void* member, void* cells);
 KWZ_API int32_t KWAClearRec(KWArray* array);
 KWZ_API int32_t KWAClearKey(KWArray* array);
 KWZ_API int32_t KWAClearAll(KWArray* array);
+/* Replaces the destination's contents by a copy of the source's fields and,
+   by options, keys and records: 0, -1 (bad arguments, out of memory), -3.
+   The destination is unchanged on failure. */
 KWZ_API int32_t KWACopy(KWArray* destination, KWArray* source, uint32_t options);
 
 /* Packed table "#RA2": the size; *block (KWMemFree) when block is not NULL. */
@@ -453,8 +458,12 @@ KWZ_API uint64_t KWAUnpack(KWArray* array, const void* table);
 /* As KWAUnpack, into read-from-pack storage: the size, 0 when the table does
    not unpack, -1 out of memory; the array as it was on failure. */
 KWZ_API int64_t KWAUnpackForRead(KWArray* array, const void* table);
+/* Moves the members into read-from-pack storage, or back to individually
+   owned records: 0, -1 (out of memory: the array as it was), -4 no fields.
+   Either replaces every member structure: earlier member pointers go stale. */
 KWZ_API int32_t KWAPackForRead(KWArray* array);
 KWZ_API int32_t KWAUnpackForWrite(KWArray* array);
+/* KWARecAdd into read-from-pack storage; NULL on failure, the array as it was. */
 KWZ_API KWRData* KWARecAddPack(KWArray* array, const KWRVal* cells);
 /* Validates a table of length bytes first, reading nothing at or past
    table + length: its size, -1 out of memory or NULL array, -2 when malformed
