@@ -4,9 +4,13 @@
 // every failure path frees what it allocated.
 #include <cstring>
 #include <exception>
+#include <memory>
 
-#include "crypto/lzop.h"
 #include "base/kwBase.h"
+#include "base/kwMem.h"
+#include "crypto/kwzCore.h"
+#include "crypto/lzop.h"
+#include "rec/kwRecArr.h"
 
 namespace kwz::lzop {
 namespace {
@@ -26,20 +30,19 @@ bool IsContainer(const void* data, uint64_t n) { return n >= kEmptySize && HasMa
 void* CompressToBlock(const void* data, uint32_t n, uint32_t* size, const char* tag) {
     const uint64_t bound = Bound(n);
     uint8_t* work = ThreadWork();
-    void* block = nullptr;
-    if (bound > UINT32_MAX || !work || !KWMemAlloc(uint32_t(bound), &block)) {
-        LogMessageF(2, tag, "SE_NOMEM container of %llu bytes", (unsigned long long)bound);
+    void* block = bound <= UINT32_MAX && work ? MemAlloc(bound) : nullptr;
+    if (!block) {
+        LogF(2, tag, "SE_NOMEM container of %llu bytes", (unsigned long long)bound);
         return nullptr;
     }
     uint32_t written = uint32_t(bound);
-    if (!LZOPCompress_(data, n, block, &written, work)) {
-        KWMemFree(block);
+    if (!CompressBuffer(data, n, block, &written, work)) {
+        MemFree(block);
         return nullptr;
     }
     // Shrinking cannot really fail; if it does the larger block is still
     // valid, so keep it rather than lose the data.
-    void* shrunk = block;
-    if (KWMemReAlloc(written ? written : 1, &shrunk)) block = shrunk;
+    if (void* shrunk = MemReAlloc(block, written ? written : 1)) block = shrunk;
     *size = written;
     return block;
 }
@@ -52,32 +55,34 @@ int32_t DecompressToBlock(const void* data, uint64_t n, void** out, uint32_t* si
     const auto* p = static_cast<const uint8_t*>(data);
     Walk walk;
     if (!LzoReady() || !WalkContainer(p, n, &walk)) {
-        LogMessage(3, tag, "container cannot be decoded");
+        Log(3, tag, "container cannot be decoded");
         return kBadData;
     }
     if (walk.output > INT32_MAX) {
-        LogMessageF(2, tag, "SE_NOMEM decompressed size %llu too large",
+        LogF(2, tag, "SE_NOMEM decompressed size %llu too large",
                     (unsigned long long)walk.output);
         return kNoMem;
     }
     // One spare byte would change nothing for the caller; it only keeps an
     // empty container from asking malloc for 0 bytes.
-    void* block = nullptr;
-    if (!KWMemAlloc(walk.output ? uint32_t(walk.output) : 1, &block)) {
-        LogMessageF(2, tag, "SE_NOMEM %llu bytes", (unsigned long long)walk.output);
+    void* block = MemAlloc(walk.output ? walk.output : 1);
+    if (!block) {
+        LogF(2, tag, "SE_NOMEM %llu bytes", (unsigned long long)walk.output);
         return kNoMem;
     }
     uint64_t written = 0;
     if (!DecodeContainer(p, n, static_cast<uint8_t*>(block), walk.output, &written) ||
         written != walk.output) {
-        KWMemFree(block);
-        LogMessage(3, tag, "container cannot be decoded");
+        MemFree(block);
+        Log(3, tag, "container cannot be decoded");
         return kBadData;
     }
     *out = block;
     *size = uint32_t(written);
     return kOk;
 }
+
+}  // namespace
 
 int32_t DataCompress(int32_t n, const void* data, int32_t* outLength, void** outBlock) {
     constexpr char kTag[] = "Kwz.lzop.KWZDataCompress";
@@ -88,8 +93,8 @@ int32_t DataCompress(int32_t n, const void* data, int32_t* outLength, void** out
     void* block = CompressToBlock(data, uint32_t(n), &size, kTag);
     if (!block) return kNoMem;
     if (size > INT32_MAX) {  // only an incompressible input of nearly 2 GiB gets here
-        KWMemFree(block);
-        LogMessage(2, kTag, "container larger than 2 GiB");
+        MemFree(block);
+        Log(2, kTag, "container larger than 2 GiB");
         return kNoMem;
     }
     *outBlock = block;
@@ -106,9 +111,9 @@ int32_t DataDeCompress(int32_t n, const void* data, int32_t* outLength, void** o
         // Not a container: a copy with a terminating 0 byte after the n bytes,
         // so that callers may treat text as a C string.  The decompressed
         // block below has no such byte; callers rely on both as they are.
-        void* block = nullptr;
-        if (!KWMemAlloc(uint32_t(n) + 1, &block)) {
-            LogMessageF(2, kTag, "SE_NOMEM %d bytes", n);
+        void* block = MemAlloc(size_t(n) + 1);
+        if (!block) {
+            LogF(2, kTag, "SE_NOMEM %d bytes", n);
             return kNoMem;
         }
         std::memcpy(block, data, size_t(n));
@@ -132,10 +137,10 @@ int32_t ArrayPack(KWArray* array, int32_t* outLength, void** outBlock, bool comp
     if (outBlock) *outBlock = nullptr;
     if (!array || !outBlock) return kBadArg;
     void* packed = nullptr;
-    const uint64_t size = KWAPack(array, &packed);
+    const uint64_t size = recarr::Pack(array, &packed);
     if (size == 0 || size > INT32_MAX || !packed) {
-        KWMemFree(packed);
-        LogMessageF(2, kTag, "packing failed (size %llu)", (unsigned long long)size);
+        MemFree(packed);
+        LogF(2, kTag, "packing failed (size %llu)", (unsigned long long)size);
         return kNoMem;
     }
     if (!compress) {
@@ -145,10 +150,10 @@ int32_t ArrayPack(KWArray* array, int32_t* outLength, void** outBlock, bool comp
     }
     uint32_t written = 0;
     void* block = CompressToBlock(packed, uint32_t(size), &written, kTag);
-    KWMemFree(packed);
+    MemFree(packed);
     if (!block) return kNoMem;
     if (written > INT32_MAX) {
-        KWMemFree(block);
+        MemFree(block);
         return kNoMem;
     }
     *outBlock = block;
@@ -156,13 +161,18 @@ int32_t ArrayPack(KWArray* array, int32_t* outLength, void** outBlock, bool comp
     return kOk;
 }
 
+// The size of a plain packed table's bytes is not known here, so it is
+// unpacked with the trusting reader; a table that does not unpack (one whose
+// first record claims fewer than 6 bytes among them) gives -1, and the array
+// stays as it was.
 int32_t ArrayUnPack(KWArray* array, const void* data, bool forRead) {
     constexpr char kTag[] = "Kwz.lzop.KWZArrayUnPack";
     if (!array || !data) return kBadArg;
     if (!HasMagic(data, kMagic)) {
-        // A plain packed table carries no length we could check it against.
-        const int64_t rc = forRead ? KWAUnpackForRead(array, data) : int64_t(KWAUnpack(array, data));
-        return rc > 0 ? kOk : kNoMem;
+        const int64_t rc = forRead ? recarr::UnpackForRead(array, data) : recarr::Unpack(array, data);
+        if (rc > 0) return kOk;
+        Log(3, kTag, "packed table refused");
+        return kNoMem;
     }
     // The container's own length is unknown here, as in LZOPDecompress_: its
     // headers are trusted.  The table that comes out of it has a known
@@ -171,78 +181,67 @@ int32_t ArrayUnPack(KWArray* array, const void* data, bool forRead) {
     uint32_t size = 0;
     int32_t rc = DecompressToBlock(data, SIZE_MAX, &table, &size, kTag);
     if (rc != kOk) return rc;
-    const int64_t unpacked = KWAUnpackChecked(array, table, size, forRead);
-    KWMemFree(table);
+    std::unique_ptr<void, decltype(&MemFree)> owned(table, &MemFree);
+    const int64_t unpacked = recarr::UnpackChecked(array, table, size, forRead);
     if (unpacked <= 0) {
-        LogMessage(3, kTag, "packed table refused");
+        Log(3, kTag, "packed table refused");
         return kNoMem;
     }
+    return kOk;
+}
+
+// Everything is checked against length: the container's chunks, then the
+// table that comes out of it (or the plain table itself) with the checked
+// reader.  -4 for bytes that do not decode, -1 when memory runs out.
+int32_t ArrayUnPackN(KWArray* array, const void* data, uint64_t length, bool forRead) {
+    constexpr char kTag[] = "Kwz.lzop.KWZArrayUnPackN";
+    if (!array || !data) return kBadArg;
+    if (length < kMagicSize) {
+        Log(3, kTag, "fewer bytes than a magic");
+        return kBadData;
+    }
+    const void* table = data;
+    uint64_t size = length;
+    std::unique_ptr<void, decltype(&MemFree)> owned(nullptr, &MemFree);
+    if (HasMagic(data, kMagic)) {
+        void* block = nullptr;
+        uint32_t decoded = 0;
+        if (const int32_t rc = DecompressToBlock(data, length, &block, &decoded, kTag)) return rc;
+        owned.reset(block);
+        table = block;
+        size = decoded;
+    }
+    const int64_t unpacked = recarr::UnpackChecked(array, table, size, forRead);
+    if (unpacked == -1) return kNoMem;
+    if (unpacked <= 0) {
+        Log(3, kTag, "packed table refused");
+        return kBadData;
+    }
+    return kOk;
+}
+
+int32_t DataIsCompress(int32_t n, const void* data, bool* flag) {
+    if (!flag) return kBadArg;
+    *flag = false;
+    if (n <= 0 || !data) return kBadArg;
+    *flag = IsContainer(data, uint32_t(n));
     return kOk;
 }
 
 int32_t DataHash(int32_t n, const void* data, char* out, const char* key) {
     if (!out || n < 0 || (!data && n > 0)) return kBadArg;
     md5_state_t state;
-    md5_init(&state);
-    md5_append(&state, static_cast<const uint8_t*>(data), n);
+    md5::Init(&state);
+    md5::Append(&state, static_cast<const uint8_t*>(data), n);
     if (key && *key)
-        md5_append(&state, reinterpret_cast<const uint8_t*>(key), int32_t(std::strlen(key)));
+        md5::Append(&state, reinterpret_cast<const uint8_t*>(key), int32_t(std::strlen(key)));
     else
-        md5_append(&state, reinterpret_cast<const uint8_t*>(kHashKey), int32_t(sizeof kHashKey - 1));
+        md5::Append(&state, reinterpret_cast<const uint8_t*>(kHashKey), int32_t(sizeof kHashKey - 1));
     char text[33];
-    md5_finishA(&state, text);
+    md5::FinishA(&state, text);
     text[32] = 0;
     std::memcpy(out, text, sizeof text);
     return kOk;
 }
 
-// The helpers meet no callbacks, but KWAPack and the unpackers may still
-// throw (a corrupt record); nothing crosses the C edge.
-template <typename Fn>
-int32_t Guard(const char* tag, Fn fn) {
-    return Guarded(tag, false, kNoMem, fn);
-}
-
-}  // namespace
 }  // namespace kwz::lzop
-
-using namespace kwz::lzop;
-
-extern "C" {
-
-KWZ_API int32_t KWZDataCompress(int32_t length, const void* data, int32_t* outLength,
-                                void** outBlock) {
-    return Guard("Kwz.lzop.KWZDataCompress",
-                 [&] { return DataCompress(length, data, outLength, outBlock); });
-}
-
-KWZ_API int32_t KWZDataDeCompress(int32_t length, const void* data, int32_t* outLength,
-                                  void** outBlock) {
-    return Guard("Kwz.lzop.KWZDataDeCompress",
-                 [&] { return DataDeCompress(length, data, outLength, outBlock); });
-}
-
-KWZ_API int32_t KWZDataIsCompress(int32_t length, const void* data, bool* flag) {
-    if (!flag) return kBadArg;
-    *flag = false;
-    if (length <= 0 || !data) return kBadArg;
-    *flag = IsContainer(data, uint32_t(length));
-    return kOk;
-}
-
-KWZ_API int32_t KWZArrayPack(KWArray* array, int32_t* outLength, void** outBlock, bool compress) {
-    return Guard("Kwz.lzop.KWZArrayPack",
-                 [&] { return ArrayPack(array, outLength, outBlock, compress); });
-}
-
-KWZ_API int32_t KWZArrayUnPack(KWArray* array, const void* data, bool forRead) {
-    return Guard("Kwz.lzop.KWZArrayUnPack", [&] { return ArrayUnPack(array, data, forRead); });
-}
-
-// MD5 over the data, then over the key (the library's key when none or an
-// empty one is given), as 32 characters of md5_finishA and a 0 byte.
-KWZ_API int32_t KWZDataHash(int32_t length, const void* data, char* out, const char* key) {
-    return DataHash(length, data, out, key);
-}
-
-}  // extern "C"

@@ -12,6 +12,7 @@
 #include <new>
 
 #include "base/kwBase.h"
+#include "crypto/kwzCore.h"
 
 namespace kwz::lzop {
 
@@ -66,7 +67,7 @@ bool LzoReady() {
     static bool ready = false;
     std::call_once(once, [] {
         ready = lzo_init() == LZO_E_OK;
-        if (!ready) LogMessage(1, "Kwz.lzop.LZOPInit", "LZO library failed to initialise");
+        if (!ready) Log(1, "Kwz.lzop.LZOPInit", "LZO library failed to initialise");
     });
     return ready;
 }
@@ -178,25 +179,20 @@ bool EncodeContainer(const uint8_t* in, uint64_t n, uint8_t* out, uint64_t room,
     return true;
 }
 
-}  // namespace kwz::lzop
-
-using namespace kwz::lzop;
-
-extern "C" {
 
 // Without work memory the thread's own (131072 bytes, allocated on its first
 // use and kept until the thread ends) is used.  *outputSize must hold at
 // least Bound(inputLength); it is left alone on failure.
-KWZ_API bool LZOPCompress_(const void* input, uint32_t inputLength, void* output,
+bool CompressBuffer(const void* input, uint32_t inputLength, void* output,
                            uint32_t* outputSize, void* work) {
-    return Guarded(kTagCompress, false, false, [&] {
+    {
         if (!LzoReady()) return false;
         if (!input || !output || !outputSize) {
-            LogMessage(3, kTagCompress, "null argument");
+            Log(3, kTagCompress, "null argument");
             return false;
         }
         if (*outputSize < Bound(inputLength)) {
-            LogMessageF(3, kTagCompress, "output room %u below the bound %llu for %u bytes",
+            LogF(3, kTagCompress, "output room %u below the bound %llu for %u bytes",
                         *outputSize, (unsigned long long)Bound(inputLength), inputLength);
             return false;
         }
@@ -204,12 +200,12 @@ KWZ_API bool LZOPCompress_(const void* input, uint32_t inputLength, void* output
         uint64_t written = 0;
         if (!work || !EncodeContainer(static_cast<const uint8_t*>(input), inputLength,
                                       static_cast<uint8_t*>(output), *outputSize, work, &written)) {
-            LogMessage(2, kTagCompress, "compression failed");
+            Log(2, kTagCompress, "compression failed");
             return false;
         }
         *outputSize = uint32_t(written);
         return true;
-    });
+    }
 }
 
 // The container has no length of its own here: the reader trusts its chunk
@@ -221,20 +217,20 @@ KWZ_API bool LZOPCompress_(const void* input, uint32_t inputLength, void* output
 // there) and the bytes written on return: the fill never writes past the room
 // even if the container differs from the one that was measured.  option is
 // reserved and ignored; callers pass 0.
-KWZ_API bool LZOPDecompress_(const void* container, void* output, uint32_t* outputLength,
+bool DecompressBuffer(const void* container, void* output, uint32_t* outputLength,
                              int32_t option) {
     (void)option;
-    return Guarded(kTagDecompress, false, false, [&] {
+    {
         if (!LzoReady()) return false;
         if (!container || !outputLength) {
-            LogMessage(3, kTagDecompress, "null argument");
+            Log(3, kTagDecompress, "null argument");
             return false;
         }
         const auto* p = static_cast<const uint8_t*>(container);
         if (!output) {
             Walk walk;
             if (!WalkContainer(p, SIZE_MAX, &walk) || walk.output > UINT32_MAX) {
-                LogMessage(3, kTagDecompress, "not a valid container");
+                Log(3, kTagDecompress, "not a valid container");
                 return false;
             }
             *outputLength = uint32_t(walk.output);
@@ -242,12 +238,12 @@ KWZ_API bool LZOPDecompress_(const void* container, void* output, uint32_t* outp
         }
         uint64_t written = 0;
         if (!DecodeContainer(p, SIZE_MAX, static_cast<uint8_t*>(output), *outputLength, &written)) {
-            LogMessage(3, kTagDecompress, "container cannot be decoded");
+            Log(3, kTagDecompress, "container cannot be decoded");
             return false;
         }
         *outputLength = uint32_t(written);
         return true;
-    });
+    }
 }
 
-}  // extern "C"
+}  // namespace kwz::lzop

@@ -26,6 +26,8 @@
 #include <cstdint>
 #include <exception>
 
+#include "base/kwLog.h"
+
 namespace kwz::lzop {
 
 constexpr uint32_t kChunkMax = 64480;     // input bytes per chunk
@@ -105,20 +107,21 @@ bool DecodeContainer(const uint8_t* p, size_t limit, uint8_t* out, uint64_t room
 bool EncodeContainer(const uint8_t* in, uint64_t n, uint8_t* out, uint64_t room, void* work,
                      uint64_t* written);
 
-// Runs fn at the C edge: an exception (from a caller's callback, or a corrupt
-// record met while packing) is logged at level 2 under tag -- read when it
-// is caught, so a reader can switch to the older format's tag midway -- and
-// `failed` is returned.  Nothing crosses into the caller.
-template <typename R, typename Fn>
-R Guarded(const char* const& tag, bool inCallback, R failed, Fn&& fn) {
+// The streaming functions' layer inside the C edge: an exception from fn --
+// in practice one thrown by the caller's read or write callback -- is logged
+// at level 2 as "exception in a callback: <text>" under tag, read when it is
+// caught (a reader switches to the older format's tag midway), and the call
+// gives false.
+template <typename Fn>
+bool CallbackEdge(const char* const& tag, Fn&& fn) {
     try {
         return fn();
     } catch (const std::exception& e) {
-        LogMessageF(2, tag, inCallback ? "exception in a callback: %s" : "exception: %s", e.what());
+        LogF(2, tag, "exception in a callback: %s", e.what());
     } catch (...) {
-        LogMessage(2, tag, inCallback ? "exception in a callback: unknown" : "unknown exception");
+        Log(2, tag, "exception in a callback: unknown");
     }
-    return failed;
+    return false;
 }
 
 }  // namespace kwz::lzop

@@ -13,6 +13,7 @@
 
 #include "crypto/lzop.h"
 #include "base/kwBase.h"
+#include "crypto/kwzCore.h"
 
 namespace kwz::lzop {
 namespace {
@@ -52,7 +53,7 @@ bool WriteAll(void* context, LZOPWriteFn write, const uint8_t* buffer, int32_t s
 }
 
 bool Fail(const char* tag, const char* why) {
-    LogMessage(3, tag, why);
+    Log(3, tag, why);
     return false;
 }
 
@@ -119,27 +120,21 @@ bool StreamDecompress(void* context, LZOPReadFn read, LZOPWriteFn write, const c
 }
 
 }  // namespace
-}  // namespace kwz::lzop
 
-using namespace kwz::lzop;
 
-extern "C" {
-
-KWZ_API bool LZOPCompress(void* context, LZOPReadFn read, LZOPWriteFn write) {
-    return Guarded(kTagCompress, true, false, [&] {
+bool Compress(void* context, LZOPReadFn read, LZOPWriteFn write) {
+    return CallbackEdge(kTagCompress, [&] {
         if (!read || !write) return Fail(kTagCompress, "null callback");
         return LzoReady() && StreamCompress(context, read, write);
     });
 }
 
-// option is reserved and ignored; callers pass 0.
-KWZ_API bool LZOPDecompress(void* context, LZOPReadFn read, LZOPWriteFn write, int32_t option) {
-    (void)option;
+bool Decompress(void* context, LZOPReadFn read, LZOPWriteFn write) {
     const char* tag = kTagDecompress;  // becomes the "#LZP" tag once that magic is seen
-    return Guarded(tag, true, false, [&] {
+    return CallbackEdge(tag, [&] {
         if (!read || !write) return Fail(tag, "null callback");
         return LzoReady() && StreamDecompress(context, read, write, &tag);
     });
 }
 
-}  // extern "C"
+}  // namespace kwz::lzop

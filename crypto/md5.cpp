@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "base/kwBase.h"
+#include "crypto/kwzCore.h"
 
 namespace kwz::md5 {
 namespace {
@@ -52,13 +53,8 @@ void Transform(uint32_t abcd[4], const uint8_t* block) {
 }
 
 }  // namespace
-}  // namespace kwz::md5
 
-using namespace kwz::md5;
-
-extern "C" {
-
-KWZ_API void md5_init(md5_state_t* state) {
+void Init(md5_state_t* state) {
     if (!state) return;
     state->count[0] = state->count[1] = 0;
     state->abcd[0] = 0x67452301;
@@ -67,7 +63,7 @@ KWZ_API void md5_init(md5_state_t* state) {
     state->abcd[3] = 0x10325476;
 }
 
-KWZ_API void md5_append(md5_state_t* state, const uint8_t* data, int32_t length) {
+void Append(md5_state_t* state, const uint8_t* data, int32_t length) {
     if (!state || !data || length <= 0) return;
     size_t used = (state->count[0] >> 3) & 63;
     const uint32_t bits = uint32_t(length) << 3;
@@ -88,7 +84,7 @@ KWZ_API void md5_append(md5_state_t* state, const uint8_t* data, int32_t length)
     if (left) std::memcpy(state->buf, data, left);
 }
 
-KWZ_API void md5_finish(md5_state_t* state, uint8_t digest[16]) {
+void Finish(md5_state_t* state, uint8_t digest[16]) {
     if (!state || !digest) return;
     static const uint8_t kPad[64] = {0x80};
     uint8_t length[8];
@@ -96,8 +92,8 @@ KWZ_API void md5_finish(md5_state_t* state, uint8_t digest[16]) {
     kwz::StoreU32(length + 4, state->count[1]);
     // Pad to 56 bytes modulo 64, then the length in bits.
     const uint32_t used = (state->count[0] >> 3) & 63;
-    md5_append(state, kPad, int32_t(((55 - used) & 63) + 1));
-    md5_append(state, length, 8);
+    Append(state, kPad, int32_t(((55 - used) & 63) + 1));
+    Append(state, length, 8);
     for (int i = 0; i < 4; ++i) kwz::StoreU32(digest + 4 * i, state->abcd[i]);
 }
 
@@ -105,15 +101,15 @@ KWZ_API void md5_finish(md5_state_t* state, uint8_t digest[16]) {
 // character already standing at out[i], not of digest byte i.  Every hash
 // value that KWZDataHash has ever stored or sent depends on this, so it is
 // kept exactly.  (out[i] is written at step i/2, so it is always there when read.)
-KWZ_API void md5_finishA(md5_state_t* state, char out[32]) {
+void FinishA(md5_state_t* state, char out[32]) {
     if (!state || !out) return;
     static const char kDigits[] = "0123456789ABCDEF";
     uint8_t digest[16];
-    md5_finish(state, digest);
+    Finish(state, digest);
     for (int i = 0; i < 16; ++i) {
         out[2 * i] = kDigits[digest[i] >> 4];
         out[2 * i + 1] = kDigits[uint8_t(out[i]) & 0x0F];
     }
 }
 
-}  // extern "C"
+}  // namespace kwz::md5

@@ -5,14 +5,15 @@
 // RC4Key holds the 256-byte permutation and the two indexes x (i) and y (j).
 // Encryption and decryption are the same operation.
 #include "base/kwBase.h"
+#include "crypto/kwzCore.h"
 
 #include <utility>
 
-extern "C" {
+namespace kwz::rc4 {
 
 // The key schedule.  A null key or a length <= 0 leaves the identity
 // permutation (there is no meaningful empty RC4 key).
-KWZ_API void RC4CodePrepare_Key(const uint8_t* key, int32_t keyLength, RC4Key* state) {
+void PrepareKey(const uint8_t* key, int32_t keyLength, RC4Key* state) {
     if (!state) return;
     for (int i = 0; i < 256; ++i) state->state[i] = uint8_t(i);
     state->x = 0;
@@ -27,7 +28,7 @@ KWZ_API void RC4CodePrepare_Key(const uint8_t* key, int32_t keyLength, RC4Key* s
 
 // XORs length bytes of data with the keystream, continuing where the last
 // call stopped.
-KWZ_API void RC4Code(uint8_t* data, int32_t length, RC4Key* state) {
+void Code(uint8_t* data, int32_t length, RC4Key* state) {
     if (!data || !state || length <= 0) return;
     uint8_t x = state->x, y = state->y;
     uint8_t* s = state->state;
@@ -41,4 +42,4 @@ KWZ_API void RC4Code(uint8_t* data, int32_t length, RC4Key* state) {
     state->y = y;
 }
 
-}  // extern "C"
+}  // namespace kwz::rc4

@@ -4,8 +4,11 @@
 //    once whole and once in small pieces,
 // and the readers must agree: when one decodes, all do, to the same bytes.
 // When the input decodes, the buffer reader LZOPDecompress_ (which trusts
-// the headers) is safe to run on it too and must agree as well.  Finally the
-// input is compressed and must come back unchanged.
+// the headers) is safe to run on it too and must agree as well.  The input
+// also goes to KWZArrayUnPackN with its exact length, in both modes: it
+// gives 0, -1 or -4, leaves the array empty when it fails, and agrees with
+// the checked table reader on a plain table.  Finally the input is
+// compressed and must come back unchanged.
 #include <VomKwz.h>
 
 #include <cstdint>
@@ -86,6 +89,29 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         Check(!streamed);
     }
     KWMemFree(block);
+
+    // Packed tables, in a container or plain.
+    for (bool forRead : {false, true}) {
+        KWArray* array = nullptr;
+        if (KWACreate(&array, nullptr) != 0) break;
+        const int32_t unpacked = KWZArrayUnPackN(array, in, size, forRead);
+        Check(unpacked == 0 || unpacked == -1 || unpacked == -4);
+        if (unpacked != 0) {
+            Check(KWARecCount(array) == 0 && KWAType(array)->fieldCount == 0);
+        } else {
+            void* table = nullptr;
+            Check(KWAPack(array, &table) > 0);
+            KWMemFree(table);
+        }
+        if (!container && unpacked != -1) {
+            KWArray* checked = nullptr;
+            Check(KWACreate(&checked, nullptr) == 0);
+            const int64_t rc2 = KWAUnpackChecked(checked, in, size, forRead);
+            Check((rc2 > 0) == (unpacked == 0) || rc2 == -1);
+            KWADestroy(checked);
+        }
+        KWADestroy(array);
+    }
 
     // Round trip of the raw input.
     int32_t packedLength = 0, backLength = 0;

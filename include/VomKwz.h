@@ -23,9 +23,13 @@
  * out for the caller to release is released with KWMemFree.  A record given to
  * KWSockSendEx belongs to the transport until its completion callback runs.
  *
- * Exceptions.  KWRRecFree and KWSockSendEx throw std::runtime_error (text
- * "<function> RE_DATACORRUPT") for a structurally corrupt record (guard byte
- * not 0); C callers must never pass one.  Nothing else throws.
+ * Exceptions.  Exactly two functions throw: KWRRecFree and KWSockSendEx
+ * throw a std::runtime_error (text "<function> RE_DATACORRUPT") for a
+ * structurally corrupt record (guard byte not 0); C callers must never pass
+ * one.  Every other function catches at its edge whatever happens inside it
+ * and returns its family's failure code: out of memory as the codes below say
+ * (-1, NULL, 0 for sizes), anything else as -2 for the KWR functions and -1
+ * for the KWA and KWZ functions.
  *
  * Threads.  Records, record types and record arrays take no locks: one thread
  * at a time per object (a built record type may be read by many).  The socket
@@ -286,9 +290,13 @@ KWZ_STATIC_ASSERT(offsetof(KWRData, state) == 34, "KWRData.state at 34");
 KWZ_STATIC_ASSERT(sizeof(KWRVal) == 14, "KWRVal is 14 bytes");
 
 KWZ_API uint32_t KWRRecInit(KWRData* record);
-/* Frees the record, then makes an image with every field null. */
+/* Frees the record, then makes an image with every field null: 0, 7, -1, -2
+   (guard byte set, or an image that cannot be walked: the record is kept). */
 KWZ_API uint32_t KWRRecNew(const KWRType* type, KWRData* record);
-/* Throws std::runtime_error "KWRRecFree RE_DATACORRUPT" for a NULL or corrupt record. */
+/* Frees the image and owned texts and zeroes the structure (not freed): 0, or
+   -2 for an image whose header bytes cannot be walked (nothing freed).
+   Throws std::runtime_error "KWRRecFree RE_DATACORRUPT" for a NULL record or
+   one whose guard byte is set. */
 KWZ_API uint32_t KWRRecFree(KWRData* record);
 /* Adopts image (allocated with malloc/KWMemAlloc) without copying; -2 below 6 bytes. */
 KWZ_API uint32_t KWRRecSet(KWRData* record, void* image);
@@ -345,7 +353,9 @@ KWZ_API uint32_t KWRSetRec(const KWRType* type, KWRData* record, const KWRVal* c
 /* Record wire image                                                         */
 /* ======================================================================== */
 
-/* Brings the record into its self-contained wire form: 0, 1 no image, -1. */
+/* Brings the record into its self-contained wire form: 0, 1 no image, 7, -1,
+   -2 a text that reaches past the image.  On -1 and -2 the record is as it
+   was (its edited and user bits too). */
 KWZ_API uint32_t KWRRecPack(const KWRType* type, KWRData* record, uint32_t clearEdited,
                             uint32_t clearUser);
 /* Builds a packed image in buffer from cells; with buffer NULL only *size. */
@@ -383,20 +393,36 @@ typedef struct KWAKey KWAKey;   /* a key descriptor */
 typedef struct KWArray KWArray; /* a record array */
 typedef int32_t (*KWACompareFn)(void* key, void* member, void* searchKey);
 
-/* Creates an array, copying the fields of type when given: 0 or -1. */
+/* Creates an array, copying the fields of type when given: 0, -1, -3 a
+   "CH" field without capacity or duplicate names in type. */
 KWZ_API int32_t KWACreate(KWArray** array, const KWRType* type);
 KWZ_API void KWADestroy(KWArray* array);
 /* The array's own type ("KWA", id 1): read members through its fields. */
 KWZ_API KWRType* KWAType(KWArray* array);
+/* Clears the records, then appends fields (at most 255 in all): 0, -1, -3. */
 KWZ_API int32_t KWAFldAdd(KWArray* array, int32_t count, const KWRFieldDef* defs);
+/* 0, -1 (a key that could not be made is not added; earlier ones stay), -3 a
+   name the fields lack, longer than 63 characters, or more than six. */
 KWZ_API int32_t KWAKeyAdd(KWArray* array, int32_t count, const KWAKeyDef* defs);
 KWZ_API int32_t KWAKeyDel(KWArray* array, int32_t key);
 /* A new working record (all fields null), posted with KWARecPost. */
 KWZ_API KWRData* KWARecNew(KWArray* array);
 /* A working copy of a member, posted with KWARecPost. */
 KWZ_API KWRData* KWARecEdit(KWRData* member);
+/* Posts a new record, a working copy, or a member changed in place: 0 (and
+   *member, when given, the member), -1 out of memory or no owner/image, -2
+   image size differs in read-from-pack mode, -3 the array could not leave
+   read-from-pack mode, -4, -5, -6, -(7 + k).  On failure every key is as it
+   was and a new record or working copy is still the caller's (release it with
+   KWARecDel); a member changed in place keeps its changes. */
 KWZ_API int32_t KWARecPost(KWRData* record, KWRData** member);
+/* Frees a working record, or deletes a member: 0, -2 the record's guard byte
+   is set (nothing freed or unlinked), -3 the array could not leave
+   read-from-pack mode, -6 not found in a key.  The array is unchanged on
+   failure. */
 KWZ_API int32_t KWARecDel(KWRData* record);
+/* A new member filled from cells (NULL cells: all null); NULL on failure, with
+   the array unchanged. */
 KWZ_API KWRData* KWARecAdd(KWArray* array, const KWRVal* cells);
 KWZ_API KWRData* KWARec(KWArray* array, int32_t key, int32_t index);
 KWZ_API KWArray* KWARecArr(const KWRData* record);
@@ -408,24 +434,40 @@ KWZ_API KWRData* KWARecSeekF(KWArray* array, int32_t key, KWACompareFn compare, 
                              int32_t* position);
 KWZ_API KWRData* KWARecSeekV(KWArray* array, int32_t key, const KWRVal* cells,
                              int32_t* position);
+/* Sorts a key's members by its fields: 0, -1 no such key or out of memory
+   (the key keeps its order). */
 KWZ_API int32_t KWARecSort(KWArray* array, int32_t key);
 KWZ_API int32_t KWARecComp(void* key, void* a, void* b);
 KWZ_API int32_t KWAVarComp(void* key, void* member, void* cells);
 KWZ_API int32_t KWAClearRec(KWArray* array);
 KWZ_API int32_t KWAClearKey(KWArray* array);
 KWZ_API int32_t KWAClearAll(KWArray* array);
+/* Replaces the destination's contents by a copy of the source's fields and,
+   by options, keys and records: 0, -1 (bad arguments, out of memory), -3.
+   The destination is unchanged on failure. */
 KWZ_API int32_t KWACopy(KWArray* destination, KWArray* source, uint32_t options);
 
 /* Packed table "#RA2": the size; *block (KWMemFree) when block is not NULL. */
 KWZ_API uint64_t KWAPack(KWArray* array, void** block);
 KWZ_API uint64_t KWAPackBuff(KWArray* array, void* buffer);
-/* Trusts the table completely; use KWAUnpackChecked for outside data. */
+/* Replaces the array's contents by the table's: its size, or 0 when it does
+   not unpack (out of memory, or a record image shorter than 6 bytes).  Trusts
+   the table otherwise completely: use KWAUnpackChecked for outside data.  A
+   failure leaves the array as it was. */
 KWZ_API uint64_t KWAUnpack(KWArray* array, const void* table);
+/* As KWAUnpack, into read-from-pack storage: the size, 0 when the table does
+   not unpack, -1 out of memory; the array as it was on failure. */
 KWZ_API int64_t KWAUnpackForRead(KWArray* array, const void* table);
+/* Moves the members into read-from-pack storage, or back to individually
+   owned records: 0, -1 (out of memory: the array as it was), -4 no fields.
+   Either replaces every member structure: earlier member pointers go stale. */
 KWZ_API int32_t KWAPackForRead(KWArray* array);
 KWZ_API int32_t KWAUnpackForWrite(KWArray* array);
+/* KWARecAdd into read-from-pack storage; NULL on failure, the array as it was. */
 KWZ_API KWRData* KWARecAddPack(KWArray* array, const KWRVal* cells);
-/* Validates a table of length bytes first: its size, or -2 when malformed. */
+/* Validates a table of length bytes first, reading nothing at or past
+   table + length: its size, -1 out of memory or NULL array, -2 when malformed
+   or NULL.  A failure leaves the array as it was. */
 KWZ_API int64_t KWAUnpackChecked(KWArray* array, const void* table, uint64_t length,
                                  bool forRead);
 
@@ -559,7 +601,16 @@ KWZ_API int32_t KWZDataDeCompress(int32_t length, const void* data, int32_t* out
                                   void** outBlock);
 KWZ_API int32_t KWZDataIsCompress(int32_t length, const void* data, bool* flag);
 KWZ_API int32_t KWZArrayPack(KWArray* array, int32_t* outLength, void** outBlock, bool compress);
+/* Trusts a plain packed table completely (it has no length): for bytes from
+   outside use KWZArrayUnPackN.  0, -1 out of memory or a table that does not
+   unpack, -2 a NULL argument, -4 a container that does not decode.  The array
+   is unchanged on failure. */
 KWZ_API int32_t KWZArrayUnPack(KWArray* array, const void* data, bool forRead);
+/* KWZArrayUnPack for length bytes: reads nothing at or past data + length,
+   whatever the bytes claim.  0, -1 out of memory, -2 a NULL argument, -4 a
+   container or packed table that does not decode within length.  The array
+   is unchanged on every failure. */
+KWZ_API int32_t KWZArrayUnPackN(KWArray* array, const void* data, uint64_t length, bool forRead);
 /* 32 characters and a 0 byte into out (33 bytes of room). */
 KWZ_API int32_t KWZDataHash(int32_t length, const void* data, char* out, const char* key);
 

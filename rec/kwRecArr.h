@@ -10,8 +10,11 @@
 #include <vector>
 
 #include "base/kwBase.h"
+#include "base/kwMem.h"
 #include "base/kwSearch.h"
 #include "rec/kwKey.h"
+#include "rec/kwRecCore.h"
+#include "rec/kwRecord.h"
 #include "rec/kwRecImage.h"
 
 #define KWA_TAG(function) "Kwz.kwRecArr." function
@@ -60,6 +63,49 @@ struct PackStore {
     RecordBlock* AddRecordBlock(uint64_t slots);  // null when out of memory
     DataBlock* AddDataBlock(uint64_t capacity);   // null when out of memory
 };
+
+// ---- the exported functions' cores (kwRecArrApi.cpp runs them at the C
+// edge).  Arguments, results and ownership are those of the KWA... function
+// of the same name; they may throw std::bad_alloc, with the array left as
+// the header says for out of memory.
+
+int32_t Create(KWArray** array, const KWRType* type);
+void Destroy(KWArray* array);
+KWRType* Type(KWArray* array);
+int32_t FldAdd(KWArray* array, int32_t count, const KWRFieldDef* defs);
+int32_t KeyAdd(KWArray* array, int32_t count, const KWAKeyDef* defs);
+int32_t KeyDel(KWArray* array, int32_t key);
+KWRData* RecNew(KWArray* array);
+KWRData* RecEdit(KWRData* member);
+int32_t RecPost(KWRData* record, KWRData** member);
+int32_t RecDel(KWRData* record);
+KWRData* RecAdd(KWArray* array, const KWRVal* cells);
+KWRData* Rec(KWArray* array, int32_t key, int32_t index);
+KWArray* RecArr(const KWRData* record);
+int32_t RecCount(KWArray* array);
+int32_t RecIdx(KWArray* array, int32_t key, const KWRData* record);
+KWRData* RecSeek(KWArray* array, int32_t key, const KWRData* keyRecord, int32_t* position);
+KWRData* RecSeekF(KWArray* array, int32_t key, KWACompareFn compare, void* searchKey, int32_t* position);
+KWRData* RecSeekV(KWArray* array, int32_t key, const KWRVal* cells, int32_t* position);
+int32_t RecSort(KWArray* array, int32_t key);
+int32_t RecComp(void* key, void* a, void* b);
+int32_t VarComp(void* key, void* member, void* cells);
+int32_t ClearRec(KWArray* array);
+int32_t ClearKey(KWArray* array);
+int32_t ClearAll(KWArray* array);
+int32_t Copy(KWArray* destination, KWArray* source, uint32_t options);
+uint64_t Pack(KWArray* array, void** block);
+uint64_t PackBuff(KWArray* array, void* buffer);
+// Both unpackers leave the array as it was unless the whole table made one:
+// the size, 0 when the table does not make an array, -1 out of memory.  A
+// record image shorter than 6 bytes makes a table that does not.
+int64_t Unpack(KWArray* array, const void* table);
+int64_t UnpackForRead(KWArray* array, const void* table);
+int32_t PackForRead(KWArray* array);
+KWRData* RecAddPack(KWArray* array, const KWRVal* cells);
+// The size, -1 out of memory or null array, -2 a malformed table (nothing
+// read at or past table + length) or a null table.
+int64_t UnpackChecked(KWArray* array, const void* table, uint64_t length, bool forRead);
 
 }  // namespace kwz::recarr
 
@@ -143,6 +189,9 @@ bool SeekKey(const KWAKey* key, PrefixCmp&& pcmp, Cmp&& cmp, int32_t* position) 
 
 // Seek of a key with fields by a record's key values.
 bool SeekRecord(const KWAKey* key, const KWRData* keyRecord, int32_t* position);
+// SeekRecord over the key's order as if the entry at `skip` were not there:
+// where a member changed in place goes once it has left its old position.
+bool SeekRecordExcept(const KWAKey* key, const KWRData* keyRecord, int32_t skip, int32_t* position);
 // Position of a member in the key (KWARecIdx), or -1.
 int32_t FindMember(const KWAKey* key, const KWRData* rec);
 // Where a new record goes under the post rules; false (and *position set to
@@ -164,7 +213,7 @@ struct ParsedKey {
 // more than six names (logged under tag when it is not null).
 int32_t ParseKeyExpression(const KWRType* type, const char* expression, ParsedKey* out, const char* tag);
 // Adds one key filled from key 0 (sorted when it has fields and members):
-// 0, -1, -3.  Throws nothing.
+// 0 or -3; std::bad_alloc leaves the array without the new key.
 int32_t AddKey(KWArray* array, const char* expression, uint32_t options, const char* tag);
 // Makes the empty key 0 of an array without keys; false when out of memory.
 bool EnsureKey0(KWArray* array);
@@ -190,6 +239,12 @@ void ClearRecords(KWArray* array);
 // Replaces the array's fields by defs (count of them): 0, -1, -3.
 int32_t SetFields(KWArray* array, int32_t count, const KWRFieldDef* defs);
 void LogNoMemory(const char* tag);
+// Replaces the contents of `array` by those of `fresh` (an array just filled
+// by an unpacker or a copy), whose old contents go to `fresh` to be
+// destroyed with it; members and keys are pointed at `array`, and the field
+// version moves on so that the old contents' working records are refused.
+// Cannot fail.
+void TakeOver(KWArray* array, KWArray* fresh);
 
 // ---- read-from-pack storage (kwRecArrStore.cpp) ----------------------------
 
@@ -198,6 +253,9 @@ inline bool InStore(const KWArray* array, const KWRData* rec) { return array->st
 // Frees the storage, and the owned text blocks of stored records that were
 // changed in place.
 void FreeStore(KWArray* array);
+// Frees the owned text blocks of a stored record changed in place, leaving
+// its "CM"/"CB" slots empty; the image itself stays.
+void ReleaseOwned(const KWRType* type, KWRData* rec);
 // The packed image of any member, without changing a stored one: a stored
 // record that needs packing is packed through a scratch copy.  Individual
 // records are packed in place with KWRRecPack(type, rec, 0, 0).  Null when

@@ -12,6 +12,7 @@
 //   - records: each image inside the table, L >= 6, and valid for the
 //     fields as KWRRecCheck sees it.
 #include <cstring>
+#include <new>
 #include <vector>
 
 #include "rec/kwRecArr.h"
@@ -24,8 +25,8 @@ constexpr const char* kTag = KWA_TAG("KWAUnpackChecked");
 
 struct TempType {
     KWRType type;
-    TempType() { KWRTypInit(&type); }
-    ~TempType() { KWRTypFree(&type); }
+    TempType() { rec::TypInit(&type); }
+    ~TempType() { rec::TypFree(&type); }
     TempType(const TempType&) = delete;
     TempType& operator=(const TempType&) = delete;
 };
@@ -60,8 +61,9 @@ const char* Validate(const uint8_t* table, uint64_t length) {
         if (d.type == iFldType_Char && d.width == 0) return "\"CH\" field without capacity";
     }
     TempType temp;
-    if (KWRTypSetA(&temp.type, 1, "KWA", static_cast<uint8_t>(h.fieldCount), defs.data()) != KWR_OK)
-        return "duplicate field names";
+    const uint32_t built = rec::TypSetA(&temp.type, 1, "KWA", static_cast<uint8_t>(h.fieldCount), defs.data());
+    if (built == KWR_NOMEM) throw std::bad_alloc();
+    if (built != KWR_OK) return "duplicate field names";
 
     for (uint32_t k = 0; k < h.keyCount; ++k) {
         const int64_t n = TextAt(table, pos, limit);
@@ -80,12 +82,12 @@ const char* Validate(const uint8_t* table, uint64_t length) {
         const uint32_t n = LoadU32(table + pos);
         if (n < rec::kImageHead || pos + n > limit) return "record image outside the table";
         KWRData view;
-        KWRRecInit(&view);
+        rec::RecInit(&view);
         view.length = n;
         view.image = const_cast<uint8_t*>(table + pos);
         view.flags = table[pos + 4];
         view.fieldCount = table[pos + 5];
-        if (KWRRecCheck(&temp.type, &view) != KWR_OK) return "record image does not fit the fields";
+        if (rec::RecCheck(&temp.type, &view) != KWR_OK) return "record image does not fit the fields";
         pos += n;
     }
     return nullptr;
@@ -93,23 +95,17 @@ const char* Validate(const uint8_t* table, uint64_t length) {
 
 }  // namespace
 
-}  // namespace kwz::recarr
-
-extern "C" KWZ_API int64_t KWAUnpackChecked(KWArray* array, const void* table, uint64_t length, bool forRead) {
-    using namespace kwz::recarr;
+int64_t UnpackChecked(KWArray* array, const void* table, uint64_t length, bool forRead) {
     if (!array) return -1;
     if (!table) return -2;
-    const char* problem = nullptr;
-    try {
-        problem = Validate(static_cast<const uint8_t*>(table), length);
-    } catch (const std::bad_alloc&) {
-        LogNoMemory(kTag);
-        return -1;
-    }
-    if (problem) {
-        LogMessageF(2, kTag, "malformed table: %s", problem);
+    if (const char* problem = Validate(static_cast<const uint8_t*>(table), length)) {
+        LogF(2, kTag, "malformed table: %s", problem);
         return -2;
     }
-    if (forRead) return KWAUnpackForRead(array, table);
-    return static_cast<int64_t>(KWAUnpack(array, table));
+    const int64_t rc = forRead ? UnpackForRead(array, table) : Unpack(array, table);
+    // A table that passed the checks and still made no array (records
+    // without fields to read them by) counts as malformed too.
+    return rc == 0 ? -2 : rc;
 }
+
+}  // namespace kwz::recarr

@@ -242,7 +242,7 @@ uint64_t CellPrefix(const KWAKey* key, const KWRVal* cells) {
 
 void RefreshKeyFields(KWAKey* key, const KWRType* type) {
     for (int32_t i = 0; i < key->fieldCount; ++i) {
-        const KWRField* field = KWRFldByNum(type, static_cast<uint8_t>(key->fieldNumbers[i]));
+        const KWRField* field = rec::FldByNum(type, static_cast<uint8_t>(key->fieldNumbers[i]));
         key->fields[i].offset = field ? field->offset : 0;
         key->fields[i].type = field ? field->type : 0;
     }
@@ -251,7 +251,7 @@ void RefreshKeyFields(KWAKey* key, const KWRType* type) {
         if (key->fields[i].type == iFldType_Float || key->fields[i].type == iFldType_Double) key->floating = true;
     key->prefixMode = PrefixMode::kNone;
     if (key->fieldCount == 0 || !key->Maintained()) return;
-    const KWRField* first = KWRFldByNum(type, static_cast<uint8_t>(key->fieldNumbers[0]));
+    const KWRField* first = rec::FldByNum(type, static_cast<uint8_t>(key->fieldNumbers[0]));
     if (!first) return;
     switch (first->type) {
         case iFldType_Float:
@@ -264,11 +264,6 @@ void RefreshKeyFields(KWAKey* key, const KWRType* type) {
     }
 }
 
-}  // namespace kwz::recarr
-
-using kwz::recarr::CompareCells;
-using kwz::recarr::CompareRecords;
-
 namespace {
 
 // A record the key's fields can be read from: an image at least as long as
@@ -279,9 +274,7 @@ bool Readable(const KWAKey* key, const KWRData* rec) {
 
 }  // namespace
 
-extern "C" {
-
-KWZ_API int32_t KWARecComp(void* key, void* a, void* b) {
+int32_t RecComp(void* key, void* a, void* b) {
     const auto* k = static_cast<const KWAKey*>(key);
     const auto* ra = static_cast<const KWRData*>(a);
     const auto* rb = static_cast<const KWRData*>(b);
@@ -289,11 +282,11 @@ KWZ_API int32_t KWARecComp(void* key, void* a, void* b) {
     return CompareRecords(k, ra, rb);
 }
 
-KWZ_API int32_t KWAVarComp(void* key, void* member, void* cells) {
+int32_t VarComp(void* key, void* member, void* cells) {
     const auto* k = static_cast<const KWAKey*>(key);
     const auto* m = static_cast<const KWRData*>(member);
     if (!k || !Readable(k, m)) return 0;
     return CompareCells(k, m, static_cast<const KWRVal*>(cells));
 }
 
-}  // extern "C"
+}  // namespace kwz::recarr

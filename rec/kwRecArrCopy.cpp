@@ -25,9 +25,9 @@ int32_t CopyRecords(KWArray* dst, KWArray* src) {
             uint32_t length = 0;
             const uint8_t* image = PackedImageOf(src, from.At(i).rec, scratch, &length);
             KWRData* copy = image ? AllocRecord() : nullptr;
-            auto* bytes = copy ? static_cast<uint8_t*>(std::malloc(length)) : nullptr;
+            auto* bytes = copy ? static_cast<uint8_t*>(kwz::MemAlloc(length)) : nullptr;
             if (!bytes) {
-                std::free(copy);
+                kwz::MemFree(copy);
                 throw std::bad_alloc();
             }
             std::memcpy(bytes, image, length);
@@ -56,18 +56,11 @@ int32_t CopyRecords(KWArray* dst, KWArray* src) {
     return 0;
 }
 
-}  // namespace
-
-}  // namespace kwz::recarr
-
-using namespace kwz::recarr;
-
-extern "C" KWZ_API int32_t KWACopy(KWArray* destination, KWArray* source, uint32_t options) {
-    if (!destination || !source || destination == source) return -1;
-    KWAClearAll(destination);
+// The copy itself, into a fresh destination.
+int32_t CopyInto(KWArray* destination, KWArray* source, uint32_t options) {
     if (!source->HasFields()) return 0;
     KWRFieldDef defs[256];
-    _FldAddGet(&source->type, defs);
+    rec::FldAddGet(&source->type, defs);
     if (const int32_t rc = SetFields(destination, source->type.fieldCount, defs)) return rc;
     if (options & iCopyOpt_Key) {
         if (source->keys.empty()) {
@@ -75,23 +68,34 @@ extern "C" KWZ_API int32_t KWACopy(KWArray* destination, KWArray* source, uint32
             destination->variable = 0;
             return 0;
         }
-        try {
-            for (const auto& from : source->keys) {
-                auto key = std::make_unique<KWAKey>();
-                key->options = from->options;
-                std::memcpy(key->expression, from->expression, sizeof key->expression);
-                key->fieldCount = from->fieldCount;
-                std::memcpy(key->fieldNumbers, from->fieldNumbers, sizeof key->fieldNumbers);
-                key->array = destination;
-                RefreshKeyFields(key.get(), &destination->type);
-                destination->keys.push_back(std::move(key));
-            }
-        } catch (const std::bad_alloc&) {
-            LogNoMemory(KWA_TAG("KWACopy"));
-            return -1;
+        // std::bad_alloc here leaves a half-made fresh array, which goes.
+        for (const auto& from : source->keys) {
+            auto key = std::make_unique<KWAKey>();
+            key->options = from->options;
+            std::memcpy(key->expression, from->expression, sizeof key->expression);
+            key->fieldCount = from->fieldCount;
+            std::memcpy(key->fieldNumbers, from->fieldNumbers, sizeof key->fieldNumbers);
+            key->array = destination;
+            RefreshKeyFields(key.get(), &destination->type);
+            destination->keys.push_back(std::move(key));
         }
     }
     if (source->keys.empty()) return 0;
     if (options & iCopyOpt_Rec) return CopyRecords(destination, source);
     return 0;
 }
+
+}  // namespace
+
+// Made in a fresh array and moved into the destination only when complete,
+// so that a failure leaves the destination as it was.
+int32_t Copy(KWArray* destination, KWArray* source, uint32_t options) {
+    if (!destination || !source || destination == source) return -1;
+    KWArray* made = nullptr;
+    if (Create(&made, nullptr) != 0) return -1;
+    std::unique_ptr<KWArray, void (*)(KWArray*)> fresh(made, Destroy);
+    if (const int32_t rc = CopyInto(made, source, options)) return rc;
+    TakeOver(destination, made);
+    return 0;
+}
+}  // namespace kwz::recarr

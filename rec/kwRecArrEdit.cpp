@@ -27,11 +27,12 @@ bool Affected(const KWAKey* key, const KWRData* rec) {
 int32_t DuplicateCode(size_t k) { return -(7 + static_cast<int32_t>(k)); }
 
 void LogDuplicate(const char* tag, size_t k) {
-    LogMessageF(3, tag, "duplicate values under unique key %zu", k);
+    LogF(3, tag, "duplicate values under unique key %zu", k);
 }
 
 // A member leaves its key at `from` and comes back at `to` (a position
-// counted with it still in place), carrying a fresh prefix.
+// counted with it still in place), carrying a fresh prefix.  Allocates
+// nothing once the key's order has been reserved.
 void MoveMember(KWAKey* key, int32_t from, int32_t to, KWRData* member) {
     if (to == from || to == from + 1) {
         key->order.Set(from, MakeEntry(key, member));
@@ -41,17 +42,49 @@ void MoveMember(KWAKey* key, int32_t from, int32_t to, KWRData* member) {
     key->order.Insert(to > from ? to - 1 : to, MakeEntry(key, member));
 }
 
+// A planned move of a member inside one key.
+struct Move {
+    KWAKey* key;
+    int32_t from;
+    int32_t to;
+};
+
+// Makes room in every key that a post will change, so that the changes that
+// follow cannot fail half-way: -1 (nothing changed) when memory runs out.
+int32_t ReserveKeys(KWAKey* const* keys, size_t count) {
+    try {
+        for (size_t i = 0; i < count; ++i) keys[i]->order.Reserve();
+    } catch (const std::bad_alloc&) {
+        LogNoMemory(KWA_TAG("KWARecPost"));
+        return -1;
+    }
+    return 0;
+}
+
+int32_t ReserveMoves(const Move* moves, size_t count) {
+    KWAKey* keys[kMaxKeys];
+    for (size_t i = 0; i < count; ++i) keys[i] = moves[i].key;
+    return ReserveKeys(keys, count);
+}
+
+// A new record: every check and every allocation comes before the first key
+// changes, so a failure leaves the array as it was and the record with the
+// caller.
 int32_t PostNew(KWArray* array, KWRData* rec, KWRData** out) {
     if (array->store && UnpackForWrite(array) != 0) return -3;
     if (!EnsureKey0(array)) return -1;
     int32_t positions[kMaxKeys];
-    for (size_t k = 0; k < array->keys.size(); ++k) {
-        if (!PlaceNew(array->keys[k].get(), rec, &positions[k])) {
+    KWAKey* keys[kMaxKeys];
+    const size_t n = array->keys.size();
+    for (size_t k = 0; k < n; ++k) {
+        keys[k] = array->keys[k].get();
+        if (!PlaceNew(keys[k], rec, &positions[k])) {
             LogDuplicate(KWA_TAG("KWARecPost"), k);
             return DuplicateCode(k);
         }
     }
-    if (KWRRecPack(&array->type, rec, 1, 0) == KWR_NOMEM) return -1;
+    if (ReserveKeys(keys, n) != 0) return -1;
+    if (rec::RecPack(&array->type, rec, 1, 0) == KWR_NOMEM) return -1;
     if (!InsertInKeys(array, rec, positions)) return -1;
     rec->editSource = MemberMark();
     ++array->changes;
@@ -60,17 +93,11 @@ int32_t PostNew(KWArray* array, KWRData* rec, KWRData** out) {
 }
 
 // Gives a member the packed image of its working copy; the copy takes the
-// member's old image (and its owned texts) and is freed with it.
+// member's old image (and its owned texts) and is freed with it.  Cannot
+// fail.
 void AdoptImage(KWArray* array, KWRData* member, KWRData* copy) {
     if (InStore(array, member)) {
-        if (member->state != 0) {
-            // Owned texts of changes made in place go with a scratch copy.
-            KWRData* scratch = CloneRecord(member);
-            if (scratch) {
-                scratch->state = member->state;
-                FreeRecord(scratch);
-            }
-        }
+        if (member->state != 0) ReleaseOwned(&array->type, member);  // texts of changes made in place
         std::memcpy(member->image, copy->image, copy->length);
     } else {
         std::swap(member->image, copy->image);
@@ -90,11 +117,6 @@ int32_t PostCopy(KWArray* array, KWRData* copy, KWRData** out) {
         *out = member;
         return 0;
     }
-    struct Move {
-        KWAKey* key;
-        int32_t from;
-        int32_t to;
-    };
     Move moves[kMaxKeys];
     size_t count = 0;
     for (size_t k = 0; k < array->keys.size(); ++k) {
@@ -102,7 +124,7 @@ int32_t PostCopy(KWArray* array, KWRData* copy, KWRData** out) {
         if (!Affected(key, copy)) continue;
         const int32_t from = FindMember(key, member);
         if (from < 0) {
-            LogMessageF(2, KWA_TAG("KWARecPost"), "member not found in key %zu", k);
+            LogF(2, KWA_TAG("KWARecPost"), "member not found in key %zu", k);
             return -6;
         }
         int32_t to = 0;
@@ -112,63 +134,60 @@ int32_t PostCopy(KWArray* array, KWRData* copy, KWRData** out) {
         }
         moves[count++] = Move{key, from, to};
     }
-    if (KWRRecPack(&array->type, copy, 1, 0) == KWR_NOMEM) return -1;
+    if (ReserveMoves(moves, count) != 0) return -1;
+    if (rec::RecPack(&array->type, copy, 1, 0) == KWR_NOMEM) return -1;
     if (InStore(array, member) && copy->length != member->length) {
-        LogMessage(2, KWA_TAG("KWARecPost"), "image size differs from the stored one");
+        Log(2, KWA_TAG("KWARecPost"), "image size differs from the stored one");
         return -2;
     }
     AdoptImage(array, member, copy);
-    try {
-        for (size_t i = 0; i < count; ++i) MoveMember(moves[i].key, moves[i].from, moves[i].to, member);
-    } catch (const std::bad_alloc&) {
-        LogNoMemory(KWA_TAG("KWARecPost"));
-        return -1;
-    }
+    for (size_t i = 0; i < count; ++i) MoveMember(moves[i].key, moves[i].from, moves[i].to, member);
     ++array->changes;
     *out = member;
     return 0;
 }
 
+// A member changed in place.  Its new place in each key is sought with the
+// member left out of the order, every duplicate found and the image packed
+// before any key changes, so that a failure leaves every key as it was.
 int32_t PostInPlace(KWArray* array, KWRData* member, KWRData** out) {
     *out = member;
     if (member->state == 0) return 0;
+    Move moves[kMaxKeys];
+    size_t count = 0;
     for (size_t k = 0; k < array->keys.size(); ++k) {
         KWAKey* key = array->keys[k].get();
         if (!Affected(key, member)) continue;
         const int32_t from = FindMember(key, member);
         if (from < 0) {
-            LogMessageF(2, KWA_TAG("KWARecPost"), "member not found in key %zu", k);
+            LogF(2, KWA_TAG("KWARecPost"), "member not found in key %zu", k);
             return -6;
         }
-        const Entry old = key->order.Erase(from);
         int32_t to = 0;
-        if (SeekRecord(key, member, &to) && key->Unique()) {
-            key->order.Insert(from, old);
+        if (SeekRecordExcept(key, member, from, &to) && key->Unique()) {
             LogDuplicate(KWA_TAG("KWARecPost"), k);
             return DuplicateCode(k);
         }
-        key->order.Insert(to, MakeEntry(key, member));
+        // `to` counts positions without the member; as a position with it in
+        // place, one past it when it lies at or after the old one.
+        moves[count++] = Move{key, from, to >= from ? to + 1 : to};
     }
+    if (ReserveMoves(moves, count) != 0) return -1;
     const int32_t rc = InStore(array, member)
                            ? RepackStored(array, member)
-                           : (KWRRecPack(&array->type, member, 1, 0) == KWR_NOMEM ? -1 : 0);
+                           : (rec::RecPack(&array->type, member, 1, 0) == KWR_NOMEM ? -1 : 0);
     if (rc != 0) return rc;
+    for (size_t i = 0; i < count; ++i) MoveMember(moves[i].key, moves[i].from, moves[i].to, member);
     ++array->changes;
     return 0;
 }
 
 }  // namespace
 
-}  // namespace kwz::recarr
-
-using namespace kwz::recarr;
-
-extern "C" {
-
-KWZ_API KWRData* KWARecNew(KWArray* array) {
+KWRData* RecNew(KWArray* array) {
     if (!array || !array->HasFields()) return nullptr;
     KWRData* rec = AllocRecord();
-    if (!rec || KWRRecNew(&array->type, rec) != KWR_OK) {
+    if (!rec || rec::RecNew(&array->type, rec) != KWR_OK) {
         if (rec) FreeRecord(rec);
         LogNoMemory(KWA_TAG("KWARecNew"));
         return nullptr;
@@ -179,7 +198,7 @@ KWZ_API KWRData* KWARecNew(KWArray* array) {
     return rec;
 }
 
-KWZ_API KWRData* KWARecEdit(KWRData* member) {
+KWRData* RecEdit(KWRData* member) {
     if (!member || !member->image || !IsMember(member)) return nullptr;
     auto* array = static_cast<KWArray*>(member->owner);
     if (!array || !array->HasFields() || member->typeId != array->fieldVersion || member->state == 255)
@@ -193,7 +212,7 @@ KWZ_API KWRData* KWARecEdit(KWRData* member) {
     return copy;
 }
 
-KWZ_API int32_t KWARecPost(KWRData* record, KWRData** member) {
+int32_t RecPost(KWRData* record, KWRData** member) {
     KWRData* dummy = nullptr;
     KWRData** out = member ? member : &dummy;
     *out = nullptr;
@@ -202,18 +221,18 @@ KWZ_API int32_t KWARecPost(KWRData* record, KWRData** member) {
     if (!array || !record->image) return -1;
     if (!array->HasFields()) return -4;
     if (record->typeId != array->fieldVersion) return -5;
-    try {
-        if (!record->editSource) return PostNew(array, record, out);
-        if (IsMember(record)) return PostInPlace(array, record, out);
-        return PostCopy(array, record, out);
-    } catch (const std::bad_alloc&) {
-        LogNoMemory(KWA_TAG("KWARecPost"));
-        return -1;
-    }
+    if (!record->editSource) return PostNew(array, record, out);
+    if (IsMember(record)) return PostInPlace(array, record, out);
+    return PostCopy(array, record, out);
 }
 
-KWZ_API int32_t KWARecDel(KWRData* record) {
+int32_t RecDel(KWRData* record) {
     if (!record) return 0;
+    if (record->guard != 0) {
+        // Its pointers cannot be trusted: nothing is freed or unlinked.
+        rec::LogCorrupt(KWA_TAG("KWARecDel"));
+        return -2;
+    }
     if (!IsMember(record)) {
         FreeRecord(record);
         return 0;
@@ -232,7 +251,7 @@ KWZ_API int32_t KWARecDel(KWRData* record) {
     for (size_t k = 0; k < array->keys.size(); ++k) {
         positions[k] = FindMember(array->keys[k].get(), record);
         if (positions[k] < 0) {
-            LogMessageF(2, KWA_TAG("KWARecDel"), "member not found in key %zu", k);
+            LogF(2, KWA_TAG("KWARecDel"), "member not found in key %zu", k);
             return -6;
         }
     }
@@ -242,17 +261,17 @@ KWZ_API int32_t KWARecDel(KWRData* record) {
     return 0;
 }
 
-KWZ_API KWRData* KWARecAdd(KWArray* array, const KWRVal* cells) {
+KWRData* RecAdd(KWArray* array, const KWRVal* cells) {
     if (!array) return nullptr;
-    if (array->store) return KWARecAddPack(array, cells);
-    KWRData* rec = KWARecNew(array);
+    if (array->store) return RecAddPack(array, cells);
+    KWRData* rec = RecNew(array);
     if (!rec) return nullptr;
     KWRData* member = nullptr;
-    if (KWRSetRec(&array->type, rec, cells) != KWR_OK || KWARecPost(rec, &member) != 0) {
-        KWARecDel(rec);
+    if (rec::SetRec(&array->type, rec, cells) != KWR_OK || RecPost(rec, &member) != 0) {
+        RecDel(rec);
         return nullptr;
     }
     return member;
 }
 
-}  // extern "C"
+}  // namespace kwz::recarr

@@ -108,16 +108,16 @@ int32_t ParseKeyExpression(const KWRType* type, const char* expression, ParsedKe
         start = end + 1;
         if (name.empty()) continue;
         if (name.size() > kMaxFieldName) {
-            if (tag) LogMessageF(2, tag, "key field name longer than 63 characters: \"%.63s...\"", name.c_str());
+            if (tag) LogF(2, tag, "key field name longer than 63 characters: \"%.63s...\"", name.c_str());
             return -3;
         }
-        const KWRField* field = KWRFldByName(type, name.c_str());
+        const KWRField* field = rec::FldByName(type, name.c_str());
         if (!field) {
-            if (tag) LogMessageF(2, tag, "key field \"%s\" is not a field of the array", name.c_str());
+            if (tag) LogF(2, tag, "key field \"%s\" is not a field of the array", name.c_str());
             return -3;
         }
         if (out->fieldCount == kMaxKeyFields) {
-            if (tag) LogMessageF(2, tag, "key \"%s\" has more than 6 fields", out->expression);
+            if (tag) LogF(2, tag, "key \"%s\" has more than 6 fields", out->expression);
             return -3;
         }
         out->fieldNumbers[out->fieldCount++] = field->number;
@@ -140,27 +140,17 @@ int32_t AddKey(KWArray* array, const char* expression, uint32_t options, const c
     return 0;
 }
 
-}  // namespace kwz::recarr
 
-using namespace kwz::recarr;
-
-extern "C" {
-
-KWZ_API int32_t KWAKeyAdd(KWArray* array, int32_t count, const KWAKeyDef* defs) {
+int32_t KeyAdd(KWArray* array, int32_t count, const KWAKeyDef* defs) {
     if (!array || count < 0 || (count > 0 && !defs)) return -1;
-    try {
-        for (int32_t i = 0; i < count && array->KeyCount() < kMaxKeys; ++i) {
-            if (const int32_t rc = AddKey(array, defs[i].expression, defs[i].options, KWA_TAG("KWAKeyAdd")))
-                return rc;
-        }
-    } catch (const std::bad_alloc&) {
-        LogNoMemory(KWA_TAG("KWAKeyAdd"));
-        return -1;
+    for (int32_t i = 0; i < count && array->KeyCount() < kMaxKeys; ++i) {
+        if (const int32_t rc = AddKey(array, defs[i].expression, defs[i].options, KWA_TAG("KWAKeyAdd")))
+            return rc;
     }
     return 0;
 }
 
-KWZ_API int32_t KWAKeyDel(KWArray* array, int32_t key) {
+int32_t KeyDel(KWArray* array, int32_t key) {
     if (!array || key < 0 || key >= array->KeyCount()) return 0;
     if (array->KeyCount() == 1) {
         // The last key stays as key 0 without a definition: it still lists
@@ -176,16 +166,11 @@ KWZ_API int32_t KWAKeyDel(KWArray* array, int32_t key) {
     return 0;
 }
 
-KWZ_API int32_t KWARecSort(KWArray* array, int32_t key) {
+int32_t RecSort(KWArray* array, int32_t key) {
     KWAKey* k = array ? array->Key(key) : nullptr;
     if (!k) return -1;
-    try {
-        SortKey(k);
-    } catch (const std::bad_alloc&) {
-        LogNoMemory(KWA_TAG("KWARecSort"));
-        return -1;
-    }
+    SortKey(k);  // std::bad_alloc leaves the key as it was
     return 0;
 }
 
-}  // extern "C"
+}  // namespace kwz::recarr

@@ -2,6 +2,8 @@
 // kwRecArrOrder.h for the layout).
 #include "rec/kwRecArrOrder.h"
 
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 namespace kwz::recarr {
@@ -98,13 +100,25 @@ void KeyOrder::PutInBlock(size_t b, int32_t off, Entry entry) {
     ++size_;
 }
 
+std::unique_ptr<KeyOrder::Block> KeyOrder::TakeBlock() {
+    if (spare_) return std::move(spare_);
+    return std::make_unique<Block>();
+}
+
+void KeyOrder::Reserve() {
+    RoomForOneMore(slots_);
+    if (fenwick_.capacity() < slots_.size() + 2) fenwick_.reserve(slots_.size() * 2 + 16);
+    if (!spare_) spare_ = std::make_unique<Block>();
+}
+
 void KeyOrder::Insert(int32_t index, Entry entry) {
     if (slots_.empty()) {
         fenwick_.reserve(2);
         slots_.reserve(1);
-        slots_.push_back(Slot{std::make_unique<Block>(), 0, 0});
+        slots_.push_back(Slot{TakeBlock(), 0, 0});
         PutInBlock(0, 0, entry);
         Rebuild();
+        CheckInvariants();
         return;
     }
     size_t b;
@@ -122,11 +136,12 @@ void KeyOrder::Insert(int32_t index, Entry entry) {
         PutInBlock(b, off, entry);
         FenwickAdd(b, 1);
         Invalidate();
+        CheckInvariants();
         return;
     }
     // A full block.  Allocate everything before anything moves, so that a
     // failed allocation leaves the order as it was.
-    auto fresh = std::make_unique<Block>();
+    auto fresh = TakeBlock();
     RoomForOneMore(fenwick_, slots_.size() + 2 - fenwick_.size());
     RoomForOneMore(slots_);
     if (off == kBlockCapacity && b + 1 == slots_.size()) {
@@ -151,6 +166,7 @@ void KeyOrder::Insert(int32_t index, Entry entry) {
     }
     PutInBlock(b, off, entry);
     Rebuild();
+    CheckInvariants();
 }
 
 void KeyOrder::RemoveBlock(size_t block) {
@@ -170,6 +186,7 @@ Entry KeyOrder::Erase(int32_t index) {
     --size_;
     if (slot.count == 0) {
         RemoveBlock(b);
+        CheckInvariants();
         return out;
     }
     if (off == 0) slot.first = e[0].prefix;
@@ -181,6 +198,7 @@ Entry KeyOrder::Erase(int32_t index) {
             std::memcpy(prev.block->entries + prev.count, e, sizeof(Entry) * static_cast<size_t>(slot.count));
             prev.count += slot.count;
             RemoveBlock(b);
+            CheckInvariants();
             return out;
         }
         if (b + 1 < slots_.size() && slots_[b + 1].count + slot.count <= kMergeUpTo) {
@@ -191,11 +209,13 @@ Entry KeyOrder::Erase(int32_t index) {
             next.count += slot.count;
             next.first = n[0].prefix;
             RemoveBlock(b);
+            CheckInvariants();
             return out;
         }
     }
     FenwickAdd(b, -1);
     Invalidate();
+    CheckInvariants();
     return out;
 }
 
@@ -221,6 +241,7 @@ void KeyOrder::Assign(const Entry* entries, int32_t count) {
     fenwick_.swap(fenwick);
     size_ = n;
     Rebuild();
+    CheckInvariants();
 }
 
 void KeyOrder::CopyTo(std::vector<Entry>& out) const {
@@ -237,5 +258,35 @@ int32_t KeyOrder::IndexOf(const KWRData* rec) const {
     }
     return -1;
 }
+
+#ifdef KWZ_DEBUG_CHECKS
+void KeyOrder::CheckInvariants() const {
+    auto fail = [](const char* what) {
+        std::fprintf(stderr, "KeyOrder invariant broken: %s\n", what);
+        std::abort();
+    };
+    const size_t m = slots_.size();
+    if (fenwick_.size() != m + 1 && !(m == 0 && fenwick_.empty()))
+        fail("Fenwick size differs from the block count + 1");
+    int32_t total = 0;
+    for (size_t b = 0; b < m; ++b) {
+        const Slot& slot = slots_[b];
+        if (!slot.block) fail("slot without a block");
+        if (slot.count < 1 || slot.count > kBlockCapacity) fail("block count outside 1..capacity");
+        if (slot.first != slot.block->entries[0].prefix) fail("first prefix differs from the block's");
+        if (Start(b) != total) fail("Fenwick prefix sum differs from the block counts");
+        total += slot.count;
+    }
+    if (total != size_) fail("block counts do not add up to the size");
+    if (m > 0 && Start(m) != size_) fail("Fenwick total differs from the size");
+    if (cacheEnd_ > cacheStart_) {
+        if (cacheBlock_ >= m) fail("cached block out of range");
+        if (Start(cacheBlock_) != cacheStart_ || cacheEnd_ - cacheStart_ != slots_[cacheBlock_].count)
+            fail("cached block range stale");
+    }
+}
+#else
+void KeyOrder::CheckInvariants() const {}
+#endif
 
 }  // namespace kwz::recarr

@@ -17,6 +17,18 @@
 
 #include <VomKwz.h>
 
+// Debug builds and AddressSanitizer builds check the key orders' invariants
+// after every change (KWZ_DEBUG_CHECKS may also be defined by hand).
+#if !defined(KWZ_DEBUG_CHECKS)
+#if !defined(NDEBUG) || defined(__SANITIZE_ADDRESS__)
+#define KWZ_DEBUG_CHECKS 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define KWZ_DEBUG_CHECKS 1
+#endif
+#endif
+#endif
+
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -86,8 +98,17 @@ public:
     }
 
     // Inserts before index (0 <= index <= Size()); throws std::bad_alloc,
-    // leaving the order as it was.
+    // leaving the order as it was.  After Reserve() the next Insert, and an
+    // Erase followed by one Insert, allocate nothing and cannot fail.
     void Insert(int32_t index, Entry entry);
+    // Makes room for one Insert (a spare block and the vectors' capacity);
+    // throws std::bad_alloc with the order unchanged.
+    void Reserve();
+    // Checks the blocks and the Fenwick index against each other (counts,
+    // first prefixes, the tree's sums, the size); aborts with a message on a
+    // mismatch.  Only in builds with KWZ_DEBUG_CHECKS, after every change;
+    // elsewhere it does nothing.
+    void CheckInvariants() const;
     // Removes and returns the entry at 0 <= index < Size().
     Entry Erase(int32_t index);
     void Clear();
@@ -123,9 +144,11 @@ private:
     void FenwickAdd(size_t block, int32_t delta);
     void RemoveBlock(size_t block);
     void PutInBlock(size_t block, int32_t off, Entry entry);  // the block has room
+    std::unique_ptr<Block> TakeBlock();  // the spare block, or a new one
 
     std::vector<Slot> slots_;
     std::vector<int32_t> fenwick_;  // 1-based over slots_
+    std::unique_ptr<Block> spare_;  // made by Reserve, used by the next split
     int32_t size_ = 0;
     // The block found last covers positions [cacheStart_, cacheEnd_).
     mutable size_t cacheBlock_ = 0;

@@ -49,7 +49,7 @@ uint64_t TableSize(KWArray* array) {
         }
     }
     if (size > UINT32_MAX) {
-        LogMessage(2, KWA_TAG("KWAPack"), "table larger than 4 GiB");
+        Log(2, KWA_TAG("KWAPack"), "table larger than 4 GiB");
         return 0;
     }
     return size;
@@ -97,12 +97,12 @@ struct KeyDescriptor {
     uint32_t options;
 };
 
-// Steps shared by both unpackers: clear the array, add the fields, read the
+// Steps shared by both unpackers, on a fresh array: add the fields, read the
 // key descriptors and add the first key.  Returns the offset of the first
-// record image, or 0 on failure; *keys gets the descriptors.
-uint64_t UnpackHead(KWArray* array, const uint8_t* table, const TableHeader& h,
-                    std::vector<KeyDescriptor>* keys) {
-    KWAClearAll(array);
+// record image, 0 when the table does not make an array, -1 when memory runs
+// out; *keys gets the descriptors.
+int64_t UnpackHead(KWArray* array, const uint8_t* table, const TableHeader& h,
+                   std::vector<KeyDescriptor>* keys) {
     uint64_t pos = h.descriptors;
     std::vector<KWRFieldDef> defs(h.fieldCount);
     for (auto& d : defs) {
@@ -114,99 +114,114 @@ uint64_t UnpackHead(KWArray* array, const uint8_t* table, const TableHeader& h,
         d.width = table[pos++];
         d.type = table[pos++];
     }
-    if (h.fieldCount && KWAFldAdd(array, static_cast<int32_t>(h.fieldCount), defs.data()) != 0) return 0;
+    if (h.fieldCount) {
+        const int32_t rc = FldAdd(array, static_cast<int32_t>(h.fieldCount), defs.data());
+        if (rc != 0) return rc == -1 ? -1 : 0;
+    }
     for (uint32_t k = 0; k < h.keyCount; ++k) {
         const auto* expression = reinterpret_cast<const char*>(table + pos);
         pos += std::strlen(expression) + 1;
         keys->push_back(KeyDescriptor{expression, LoadU32(table + pos)});
         pos += 4;
     }
-    if (keys->empty()) return pos;
-    if (AddKey(array, (*keys)[0].expression, (*keys)[0].options, KWA_TAG("KWAUnpack")) != 0) return 0;
-    return pos;
+    if (keys->empty()) return static_cast<int64_t>(pos);
+    if (const int32_t rc = AddKey(array, (*keys)[0].expression, (*keys)[0].options, KWA_TAG("KWAUnpack")))
+        return rc == -1 ? -1 : 0;
+    return static_cast<int64_t>(pos);
 }
 
-// The remaining keys, each sorted from key 0 by KWAKeyAdd's rule.
-bool UnpackTail(KWArray* array, const std::vector<KeyDescriptor>& keys) {
+// The remaining keys, each sorted from key 0 by KWAKeyAdd's rule: 0, -1 out
+// of memory, or the failing AddKey's -3.
+int32_t UnpackTail(KWArray* array, const std::vector<KeyDescriptor>& keys) {
     for (size_t k = 1; k < keys.size() && array->KeyCount() < kMaxKeys; ++k)
-        if (AddKey(array, keys[k].expression, keys[k].options, KWA_TAG("KWAUnpack")) != 0) return false;
+        if (const int32_t rc = AddKey(array, keys[k].expression, keys[k].options, KWA_TAG("KWAUnpack")))
+            return rc;
     array->changes = 0;
-    return true;
+    return 0;
 }
 
-uint64_t Unpack(KWArray* array, const uint8_t* table) {
+// An image length that cannot be one: below the image header.  The trusting
+// unpackers refuse such a table rather than make members of whatever follows.
+bool BadImageLength(uint32_t length) { return length < rec::kImageHead; }
+
+// Fills a fresh array from a trusted table: its size, 0 when the table does
+// not make an array, -1 when memory runs out.
+int64_t UnpackTable(KWArray* array, const uint8_t* table) {
     TableHeader h;
     if (!ReadTableHeader(table, UINT64_MAX, &h)) return 0;
     std::vector<KeyDescriptor> keys;
-    uint64_t pos = UnpackHead(array, table, h, &keys);
-    if (pos == 0) return 0;
+    const int64_t head = UnpackHead(array, table, h, &keys);
+    if (head <= 0) return head;
+    uint64_t pos = static_cast<uint64_t>(head);
     if (keys.empty()) {
         // The records of a table without keys are not read.
         array->changes = 0;
-        return h.total;
+        return static_cast<int64_t>(h.total);
     }
     if (h.recordCount && !array->HasFields()) return 0;  // no record can be made
     KWAKey* key0 = array->keys[0].get();
     std::vector<Entry> entries;
+    struct Owned {  // the records made so far, until key 0 holds them
+        std::vector<Entry>& list;
+        bool keep = false;
+        ~Owned() {
+            if (!keep)
+                for (auto& e : list) FreeRecord(e.rec);
+        }
+    } owned{entries};
     entries.reserve(h.recordCount);
-    auto fail = [&] {
-        for (auto& e : entries) FreeRecord(e.rec);
-        LogNoMemory(KWA_TAG("KWAUnpack"));
-        return uint64_t{0};
-    };
     for (uint32_t i = 0; i < h.recordCount; ++i) {
         const uint32_t length = LoadU32(table + pos);
+        if (BadImageLength(length)) return 0;
         KWRData* rec = AllocRecord();
-        auto* image = rec ? static_cast<uint8_t*>(std::malloc(length < 6 ? 6 : length)) : nullptr;
+        auto* image = rec ? static_cast<uint8_t*>(kwz::MemAlloc(length)) : nullptr;
         if (!image) {
-            std::free(rec);
-            return fail();
+            kwz::MemFree(rec);
+            LogNoMemory(KWA_TAG("KWAUnpack"));
+            return -1;
         }
         std::memcpy(image, table + pos, length);
         pos += length;
-        if (KWRRecSet(rec, image) != KWR_OK) {
-            std::free(image);
-            std::free(rec);
-            for (auto& e : entries) FreeRecord(e.rec);
-            return 0;
-        }
+        rec::RecSet(rec, image);  // cannot refuse: the length is at least 6
         rec->typeId = array->fieldVersion;
         rec->owner = array;
         rec->editSource = MemberMark();
         entries.push_back(MakeEntry(key0, rec));
     }
     // The images come in key-0 order: appending puts each at its place.
-    try {
-        key0->order.Assign(entries.data(), static_cast<int32_t>(entries.size()));
-    } catch (const std::bad_alloc&) {
-        return fail();
-    }
+    key0->order.Assign(entries.data(), static_cast<int32_t>(entries.size()));
+    owned.keep = true;
     CheckSorted(key0);
-    if (!UnpackTail(array, keys)) return 0;
-    return h.total;
+    if (const int32_t rc = UnpackTail(array, keys)) return rc == -1 ? -1 : 0;
+    return static_cast<int64_t>(h.total);
 }
 
-int64_t UnpackForRead(KWArray* array, const uint8_t* table) {
+// As UnpackTable, into read-from-pack storage: every image in one data block.
+int64_t UnpackTableForRead(KWArray* array, const uint8_t* table) {
     TableHeader h;
     if (!ReadTableHeader(table, UINT64_MAX, &h)) return 0;
     std::vector<KeyDescriptor> keys;
-    const uint64_t first = UnpackHead(array, table, h, &keys);
-    if (first == 0) return 0;
+    const int64_t head = UnpackHead(array, table, h, &keys);
+    if (head <= 0) return head;
+    const uint64_t first = static_cast<uint64_t>(head);
     if (keys.empty()) {
         array->changes = 0;
         return static_cast<int64_t>(h.total);
     }
     if (h.recordCount && !array->HasFields()) return 0;
     uint64_t bytes = 0;
-    for (uint32_t i = 0; i < h.recordCount; ++i) bytes += LoadU32(table + first + bytes);
-    auto store = std::unique_ptr<PackStore>(new (std::nothrow) PackStore);
-    RecordBlock* rb = store && h.recordCount ? store->AddRecordBlock(h.recordCount) : nullptr;
+    for (uint32_t i = 0; i < h.recordCount; ++i) {
+        const uint32_t length = LoadU32(table + first + bytes);
+        if (BadImageLength(length)) return 0;
+        bytes += length;
+    }
+    auto store = std::make_unique<PackStore>();
+    RecordBlock* rb = h.recordCount ? store->AddRecordBlock(h.recordCount) : nullptr;
     DataBlock* db = rb ? store->AddDataBlock(bytes) : nullptr;
     if (h.recordCount && !db) {
         LogNoMemory(KWA_TAG("KWAUnpackForRead"));
         return -1;
     }
-    if (!store) return -1;
     KWAKey* key0 = array->keys[0].get();
     std::vector<Entry> entries;
     entries.reserve(h.recordCount);
@@ -217,7 +232,7 @@ int64_t UnpackForRead(KWArray* array, const uint8_t* table) {
         uint64_t at = 0;
         for (uint32_t i = 0; i < h.recordCount; ++i) {
             KWRData* rec = &recs[i];
-            KWRRecInit(rec);
+            rec::RecInit(rec);
             rec->image = db->Bytes() + at;
             rec->length = LoadU32(rec->image);
             rec->flags = rec->image[4];
@@ -230,12 +245,24 @@ int64_t UnpackForRead(KWArray* array, const uint8_t* table) {
         }
         rb->used = h.recordCount;
     }
+    key0->order.Assign(entries.data(), static_cast<int32_t>(entries.size()));
     store->imageBytes = bytes;
     array->store = std::move(store);
-    key0->order.Assign(entries.data(), static_cast<int32_t>(entries.size()));
     CheckSorted(key0);
-    if (!UnpackTail(array, keys)) return 0;
+    if (const int32_t rc = UnpackTail(array, keys)) return rc == -1 ? -1 : 0;
     return static_cast<int64_t>(h.total);
+}
+
+// Unpacks into a fresh array and moves it into `array` only when the whole
+// table made one, so that a failure leaves the array as it was.
+int64_t UnpackAtomic(KWArray* array, const uint8_t* table, bool forRead) {
+    KWArray* made = nullptr;
+    if (Create(&made, nullptr) != 0) return -1;
+    std::unique_ptr<KWArray, void (*)(KWArray*)> fresh(made, Destroy);
+    const int64_t rc = forRead ? UnpackTableForRead(made, table) : UnpackTable(made, table);
+    if (rc <= 0) return rc;
+    TakeOver(array, made);
+    return rc;
 }
 
 }  // namespace
@@ -252,64 +279,36 @@ bool ReadTableHeader(const uint8_t* table, uint64_t length, TableHeader* h) {
     return true;
 }
 
-}  // namespace kwz::recarr
-
-using namespace kwz::recarr;
-
-extern "C" {
-
-KWZ_API uint64_t KWAPack(KWArray* array, void** block) {
+uint64_t Pack(KWArray* array, void** block) {
     if (!array) return 0;
-    try {
-        const uint64_t size = TableSize(array);
-        if (size == 0 || !block) return size;
-        auto* out = static_cast<uint8_t*>(KWMemAlloc(static_cast<uint32_t>(size), nullptr));
-        if (!out) {
-            LogNoMemory(KWA_TAG("KWAPack"));
-            return 0;
-        }
-        if (!WriteTable(array, out, size)) {
-            KWMemFree(out);
-            return 0;
-        }
-        *block = out;
-        return size;
-    } catch (const std::bad_alloc&) {
+    const uint64_t size = TableSize(array);
+    if (size == 0 || !block) return size;
+    std::unique_ptr<uint8_t, decltype(&kwz::MemFree)> out(static_cast<uint8_t*>(kwz::MemAlloc(size)),
+                                                          &kwz::MemFree);
+    if (!out) {
         LogNoMemory(KWA_TAG("KWAPack"));
         return 0;
     }
+    if (!WriteTable(array, out.get(), size)) return 0;
+    *block = out.release();
+    return size;
 }
 
-KWZ_API uint64_t KWAPackBuff(KWArray* array, void* buffer) {
+uint64_t PackBuff(KWArray* array, void* buffer) {
     if (!array) return 0;
-    try {
-        const uint64_t size = TableSize(array);
-        if (size == 0 || !buffer) return size;
-        return WriteTable(array, static_cast<uint8_t*>(buffer), size) ? size : 0;
-    } catch (const std::bad_alloc&) {
-        LogNoMemory(KWA_TAG("KWAPackBuff"));
-        return 0;
-    }
+    const uint64_t size = TableSize(array);
+    if (size == 0 || !buffer) return size;
+    return WriteTable(array, static_cast<uint8_t*>(buffer), size) ? size : 0;
 }
 
-KWZ_API uint64_t KWAUnpack(KWArray* array, const void* table) {
+int64_t Unpack(KWArray* array, const void* table) {
     if (!array || !table) return 0;
-    try {
-        return Unpack(array, static_cast<const uint8_t*>(table));
-    } catch (const std::bad_alloc&) {
-        LogNoMemory(KWA_TAG("KWAUnpack"));
-        return 0;
-    }
+    return UnpackAtomic(array, static_cast<const uint8_t*>(table), false);
 }
 
-KWZ_API int64_t KWAUnpackForRead(KWArray* array, const void* table) {
+int64_t UnpackForRead(KWArray* array, const void* table) {
     if (!array || !table) return 0;
-    try {
-        return UnpackForRead(array, static_cast<const uint8_t*>(table));
-    } catch (const std::bad_alloc&) {
-        LogNoMemory(KWA_TAG("KWAUnpackForRead"));
-        return -1;
-    }
+    return UnpackAtomic(array, static_cast<const uint8_t*>(table), true);
 }
 
-}  // extern "C"
+}  // namespace kwz::recarr

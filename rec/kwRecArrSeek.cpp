@@ -60,6 +60,16 @@ bool SeekRecord(const KWAKey* key, const KWRData* keyRecord, int32_t* position) 
         [&](const Entry& e) { return CompareRecords(key, e.rec, keyRecord); }, position);
 }
 
+bool SeekRecordExcept(const KWAKey* key, const KWRData* keyRecord, int32_t skip, int32_t* position) {
+    const bool usePrefix = key->prefixMode != PrefixMode::kNone;
+    const uint64_t prefix = usePrefix ? RecordPrefix(key, keyRecord) : 0;
+    const KeyOrder& order = key->order;
+    auto cmp = [&](int32_t mid) {
+        return CompareEntry(key, order.At(mid < skip ? mid : mid + 1), prefix, keyRecord);
+    };
+    return SeekSorted(order.Size() - 1, key->Unique(), cmp, position);
+}
+
 // A linear search by pointer where the order cannot be trusted to lead to
 // the record (no fields, not maintained, a key field being changed) or is
 // too short to bother; otherwise a seek by the record's own values and a
@@ -111,25 +121,20 @@ bool InsertInKeys(KWArray* array, KWRData* rec, const int32_t* positions) {
     return true;
 }
 
-}  // namespace kwz::recarr
 
-using namespace kwz::recarr;
-
-extern "C" {
-
-KWZ_API KWRData* KWARec(KWArray* array, int32_t key, int32_t index) {
+KWRData* Rec(KWArray* array, int32_t key, int32_t index) {
     KWAKey* k = array ? array->Key(key) : nullptr;
     if (!k || index < 0 || index >= k->order.Size()) return nullptr;
     return k->order.At(index).rec;
 }
 
-KWZ_API int32_t KWARecIdx(KWArray* array, int32_t key, const KWRData* record) {
+int32_t RecIdx(KWArray* array, int32_t key, const KWRData* record) {
     KWAKey* k = array ? array->Key(key) : nullptr;
     if (!k || !record || record->owner != array || !IsMember(record)) return -1;
     return FindMember(k, record);
 }
 
-KWZ_API KWRData* KWARecSeek(KWArray* array, int32_t key, const KWRData* keyRecord, int32_t* position) {
+KWRData* RecSeek(KWArray* array, int32_t key, const KWRData* keyRecord, int32_t* position) {
     if (!keyRecord || !keyRecord->image || !array || keyRecord->length < array->type.dataLength) {
         if (position) *position = -1;
         return nullptr;
@@ -138,7 +143,7 @@ KWZ_API KWRData* KWARecSeek(KWArray* array, int32_t key, const KWRData* keyRecor
                       [&](KWAKey* k, int32_t* pos) { return SeekRecord(k, keyRecord, pos); });
 }
 
-KWZ_API KWRData* KWARecSeekF(KWArray* array, int32_t key, KWACompareFn compare, void* searchKey,
+KWRData* RecSeekF(KWArray* array, int32_t key, KWACompareFn compare, void* searchKey,
                              int32_t* position) {
     if (!compare) {
         if (position) *position = -1;
@@ -149,7 +154,7 @@ KWZ_API KWRData* KWARecSeekF(KWArray* array, int32_t key, KWACompareFn compare, 
     });
 }
 
-KWZ_API KWRData* KWARecSeekV(KWArray* array, int32_t key, const KWRVal* cells, int32_t* position) {
+KWRData* RecSeekV(KWArray* array, int32_t key, const KWRVal* cells, int32_t* position) {
     return SeekPublic(array, key, position, [&](KWAKey* k, int32_t* pos) {
         const bool usePrefix = k->prefixMode != PrefixMode::kNone;
         const uint64_t prefix = usePrefix ? CellPrefix(k, cells) : 0;
@@ -159,4 +164,4 @@ KWZ_API KWRData* KWARecSeekV(KWArray* array, int32_t key, const KWRVal* cells, i
     });
 }
 
-}  // extern "C"
+}  // namespace kwz::recarr

@@ -20,19 +20,21 @@ namespace {
 
 using rec::kOwnedBit;
 
-// Frees the owned text blocks of a record changed in place, leaving its
-// "CM"/"CB" slots empty; the image itself stays.
+}  // namespace
+
 void ReleaseOwned(const KWRType* type, KWRData* rec) {
     for (uint32_t i = 0; i < type->fieldCount; ++i) {
         const KWRField* f = &type->fields[i];
         if (!rec::IsVarType(f->type)) continue;
         uint8_t* header = rec::HeaderByte(f, rec->image);
         if (!(*header & kOwnedBit)) continue;
-        std::free(rec::LoadBlock(rec::ValuePtr(f, rec->image)));
+        kwz::MemFree(rec::LoadBlock(rec::ValuePtr(f, rec->image)));
         *header = static_cast<uint8_t>(*header & ~kOwnedBit);
         std::memset(rec::ValuePtr(f, rec->image), 0, 8);
     }
 }
+
+namespace {
 
 // An individually owned copy of a stored record, owned text blocks
 // duplicated too, so that packing the copy leaves the original intact.
@@ -49,7 +51,7 @@ KWRData* DeepClone(const KWRType* type, const KWRData* rec) {
         uint8_t* dup = nullptr;
         if (block) {
             const size_t bytes = rec::kBlockHead + LoadU32(block);
-            dup = static_cast<uint8_t*>(std::malloc(bytes));
+            dup = static_cast<uint8_t*>(kwz::MemAlloc(bytes));
             if (dup) std::memcpy(dup, block, bytes);
         }
         rec::StoreBlock(value, dup);
@@ -75,7 +77,7 @@ void ShrinkNewestData(PackStore* store) {
     if (!block || block->used == block->capacity) return;
     const uintptr_t oldBytes = reinterpret_cast<uintptr_t>(block->Bytes());
     const uint64_t used = block->used;
-    auto* moved = static_cast<DataBlock*>(std::realloc(block, sizeof(DataBlock) + used));
+    auto* moved = static_cast<DataBlock*>(kwz::MemReAlloc(block, sizeof(DataBlock) + used));
     if (!moved) return;  // keeping the spare room is harmless
     moved->capacity = used;
     store->data = moved;
@@ -114,18 +116,18 @@ void ForwardEntries(KWArray* array) {
 PackStore::~PackStore() {
     while (records) {
         RecordBlock* next = records->next;
-        std::free(records);
+        kwz::MemFree(records);
         records = next;
     }
     while (data) {
         DataBlock* next = data->next;
-        std::free(data);
+        kwz::MemFree(data);
         data = next;
     }
 }
 
 RecordBlock* PackStore::AddRecordBlock(uint64_t slots) {
-    auto* block = static_cast<RecordBlock*>(std::malloc(sizeof(RecordBlock) + slots * sizeof(KWRData)));
+    auto* block = static_cast<RecordBlock*>(kwz::MemAlloc(sizeof(RecordBlock) + slots * sizeof(KWRData)));
     if (!block) return nullptr;
     block->used = 0;
     block->slots = slots;
@@ -135,7 +137,7 @@ RecordBlock* PackStore::AddRecordBlock(uint64_t slots) {
 }
 
 DataBlock* PackStore::AddDataBlock(uint64_t capacity) {
-    auto* block = static_cast<DataBlock*>(std::malloc(sizeof(DataBlock) + capacity));
+    auto* block = static_cast<DataBlock*>(kwz::MemAlloc(sizeof(DataBlock) + capacity));
     if (!block) return nullptr;
     block->used = 0;
     block->capacity = capacity;
@@ -156,7 +158,7 @@ void FreeStore(KWArray* array) {
 
 const uint8_t* PackedImageOf(KWArray* array, KWRData* rec, std::vector<uint8_t>& scratch, uint32_t* length) {
     if (!InStore(array, rec)) {
-        if (KWRRecPack(&array->type, rec, 0, 0) == KWR_NOMEM) return nullptr;
+        if (rec::RecPack(&array->type, rec, 0, 0) == KWR_NOMEM) return nullptr;
         *length = rec->length;
         return rec->image;
     }
@@ -165,7 +167,7 @@ const uint8_t* PackedImageOf(KWArray* array, KWRData* rec, std::vector<uint8_t>&
         return rec->image;
     }
     KWRData* copy = DeepClone(&array->type, rec);
-    if (!copy || KWRRecPack(&array->type, copy, 0, 0) == KWR_NOMEM) {
+    if (!copy || rec::RecPack(&array->type, copy, 0, 0) == KWR_NOMEM) {
         if (copy) FreeRecord(copy);
         return nullptr;
     }
@@ -178,13 +180,13 @@ const uint8_t* PackedImageOf(KWArray* array, KWRData* rec, std::vector<uint8_t>&
 int32_t RepackStored(KWArray* array, KWRData* rec) {
     if (rec->state == 0) return 0;
     KWRData* copy = DeepClone(&array->type, rec);
-    if (!copy || KWRRecPack(&array->type, copy, 1, 0) == KWR_NOMEM) {
+    if (!copy || rec::RecPack(&array->type, copy, 1, 0) == KWR_NOMEM) {
         if (copy) FreeRecord(copy);
         return -1;
     }
     if (copy->length != rec->length) {
         FreeRecord(copy);
-        LogMessage(2, KWA_TAG("KWARecPost"), "image size differs from the stored one");
+        Log(2, KWA_TAG("KWARecPost"), "image size differs from the stored one");
         return -2;
     }
     ReleaseOwned(&array->type, rec);
@@ -212,8 +214,8 @@ int32_t UnpackForWrite(KWArray* array) {
         KWRData* copy = CloneRecord(old);
         if (!copy) {
             for (KWRData* c : copies) {
-                std::free(c->image);  // not FreeRecord: owned blocks still belong to the stored records
-                std::free(c);
+                kwz::MemFree(c->image);  // not FreeRecord: owned blocks still belong to the stored records
+                kwz::MemFree(c);
             }
             LogNoMemory(KWA_TAG("KWAUnpackForWrite"));
             return -1;
@@ -227,32 +229,17 @@ int32_t UnpackForWrite(KWArray* array) {
     return 0;
 }
 
-}  // namespace kwz::recarr
 
-using namespace kwz::recarr;
-
-extern "C" {
-
-KWZ_API int32_t KWAUnpackForWrite(KWArray* array) {
-    if (!array) return -1;
-    return UnpackForWrite(array);
-}
-
-KWZ_API int32_t KWAPackForRead(KWArray* array) {
+int32_t PackForRead(KWArray* array) {
     if (!array) return -1;
     if (array->store) return 0;
     if (!array->HasFields()) return -4;
-    std::vector<KWRData*> olds;
-    try {
-        if (!array->keys.empty()) array->keys[0]->order.ForEach([&](Entry& e) { olds.push_back(e.rec); });
-    } catch (const std::bad_alloc&) {
-        LogNoMemory(KWA_TAG("KWAPackForRead"));
-        return -1;
-    }
+    std::vector<KWRData*> olds;  // std::bad_alloc here changes nothing
+    if (!array->keys.empty()) array->keys[0]->order.ForEach([&](Entry& e) { olds.push_back(e.rec); });
     const uint64_t n = olds.size();
     uint64_t total = 0;
     for (KWRData* rec : olds) {
-        if (KWRRecPack(&array->type, rec, 0, 0) == KWR_NOMEM) return -1;
+        if (rec::RecPack(&array->type, rec, 0, 0) == KWR_NOMEM) return -1;
         total += rec->length;
     }
     // Above 0x1FFFFF bytes the images get one block of exactly their size.
@@ -264,8 +251,8 @@ KWZ_API int32_t KWAPackForRead(KWArray* array) {
         if (room > kDataBlockLimit) room = kDataBlockLimit;
         if (room > capacity) capacity = room;
     }
-    auto store = std::unique_ptr<PackStore>(new (std::nothrow) PackStore);
-    RecordBlock* rb = store ? store->AddRecordBlock(n > kRecordBlockSlots ? n : kRecordBlockSlots) : nullptr;
+    auto store = std::make_unique<PackStore>();
+    RecordBlock* rb = store->AddRecordBlock(n > kRecordBlockSlots ? n : kRecordBlockSlots);
     DataBlock* db = rb ? store->AddDataBlock(capacity) : nullptr;
     if (!db) {
         LogNoMemory(KWA_TAG("KWAPackForRead"));
@@ -289,14 +276,14 @@ KWZ_API int32_t KWAPackForRead(KWArray* array) {
     return 0;
 }
 
-KWZ_API KWRData* KWARecAddPack(KWArray* array, const KWRVal* cells) {
+KWRData* RecAddPack(KWArray* array, const KWRVal* cells) {
     static constexpr const char* kTag = KWA_TAG("KWARecAddPack");
     if (!array || !array->HasFields()) return nullptr;
-    if (!array->store && KWAPackForRead(array) != 0) return nullptr;
+    if (!array->store && PackForRead(array) != 0) return nullptr;
     if (!EnsureKey0(array)) return nullptr;
     PackStore* store = array->store.get();
     uint32_t size = 0;
-    if (KWRSetBuff(&array->type, nullptr, cells, &size) != KWR_OK) return nullptr;
+    if (rec::SetBuff(&array->type, nullptr, cells, &size) != KWR_OK) return nullptr;
     if (!store->records || store->records->used == store->records->slots) {
         if (!store->AddRecordBlock(kRecordBlockSlots)) {
             LogNoMemory(kTag);
@@ -313,14 +300,14 @@ KWZ_API KWRData* KWARecAddPack(KWArray* array, const KWRVal* cells) {
     RecordBlock* rb = store->records;
     DataBlock* db = store->data;
     uint8_t* image = db->Bytes() + db->used;
-    if (KWRSetBuff(&array->type, image, cells, &size) != KWR_OK) return nullptr;
+    if (rec::SetBuff(&array->type, image, cells, &size) != KWR_OK) return nullptr;
     // Members carry no edited bits, as a post leaves them.
     for (uint32_t i = 0; i < array->type.fieldCount; ++i) {
         uint8_t* header = kwz::rec::HeaderByte(&array->type.fields[i], image);
         *header = static_cast<uint8_t>(*header & ~kwz::rec::kEditBit);
     }
     KWRData* rec = rb->Records() + rb->used;
-    KWRRecInit(rec);
+    rec::RecInit(rec);
     rec->length = size;
     rec->image = image;
     rec->flags = image[4];
@@ -334,7 +321,7 @@ KWZ_API KWRData* KWARecAddPack(KWArray* array, const KWRVal* cells) {
     int32_t positions[kMaxKeys];
     for (size_t k = 0; k < array->keys.size(); ++k) {
         if (!PlaceNew(array->keys[k].get(), rec, &positions[k])) {
-            LogMessageF(3, kTag, "duplicate values under unique key %zu", k);
+            LogF(3, kTag, "duplicate values under unique key %zu", k);
             return nullptr;
         }
     }
@@ -349,4 +336,4 @@ KWZ_API KWRData* KWARecAddPack(KWArray* array, const KWRVal* cells) {
     return rec;
 }
 
-}  // extern "C"
+}  // namespace kwz::recarr

@@ -3,6 +3,7 @@
 // the image they are given; this is the test to run before trusting one from
 // outside.  It reads nothing outside [image, image + L).
 #include "base/kwBase.h"
+#include "rec/kwRecCore.h"
 #include "rec/kwRecord.h"
 
 namespace kwz::rec {
@@ -51,8 +52,7 @@ uint32_t CheckImage(const KWRType* type, const KWRData* record) {
 }
 
 }  // namespace
-}  // namespace kwz::rec
 
-extern "C" KWZ_API uint32_t KWRRecCheck(const KWRType* type, const KWRData* record) {
-    return kwz::rec::CheckImage(type, record);
-}
+uint32_t RecCheck(const KWRType* type, const KWRData* record) { return CheckImage(type, record); }
+
+}  // namespace kwz::rec

@@ -18,6 +18,7 @@
 #include <limits>
 
 #include "base/kwBase.h"
+#include "rec/kwRecCore.h"
 #include "rec/kwRecord.h"
 
 namespace kwz::rec {
@@ -93,10 +94,8 @@ void ConvertValue(uint8_t from, const void* src, uint8_t to, void* dst) {
     }
 }
 
-namespace {
-
 // Getter core: 5 for a text field, -2 for an invalid type code, 2 for a null
-// value (dst left zeroed by the caller), else the converted value.
+// value (dst left as the caller zeroed it), else the converted value.
 uint32_t ReadScalar(const KWRField* field, const KWRData* record, uint8_t to, void* dst) {
     if (uint32_t rc = CheckFieldAccess(field, record)) return rc;
     const uint8_t header = *HeaderOf(field, record);
@@ -108,15 +107,7 @@ uint32_t ReadScalar(const KWRField* field, const KWRData* record, uint8_t to, vo
     return KWR_OK;
 }
 
-template <typename T, uint8_t kType>
-uint32_t GetAs(const KWRField* field, const KWRData* record, T* out) {
-    T value{};
-    const uint32_t rc = ReadScalar(field, record, kType, &value);
-    if (out) *out = value;
-    return rc;
-}
-
-// Setter core, also used by KWRSetVal with the cell's type as `from`.
+// Setter core, also used by SetVal with the cell's type as `from`.
 uint32_t WriteScalar(const KWRField* field, KWRData* record, uint8_t from, const void* src) {
     if (uint32_t rc = CheckFieldAccess(field, record)) return rc;
     uint8_t* header = HeaderOf(field, record);
@@ -128,36 +119,5 @@ uint32_t WriteScalar(const KWRField* field, KWRData* record, uint8_t from, const
     return KWR_OK;
 }
 
-}  // namespace
-
-uint32_t WriteNumber(const KWRField* field, KWRData* record, uint8_t from, const void* src) {
-    return WriteScalar(field, record, from, src);
-}
-
 }  // namespace kwz::rec
 
-using kwz::rec::GetAs;
-using kwz::rec::WriteScalar;
-
-#define KWZ_SCALAR_ACCESSORS(Name, CType, Code)                                             \
-    KWZ_API uint32_t KWRGetAs##Name(const KWRField* field, const KWRData* record, CType* out) { \
-        return GetAs<CType, Code>(field, record, out);                                      \
-    }                                                                                       \
-    KWZ_API uint32_t KWRSetAs##Name(const KWRField* field, KWRData* record, CType value) {    \
-        return WriteScalar(field, record, Code, &value);                                    \
-    }
-
-extern "C" {
-
-KWZ_SCALAR_ACCESSORS(Bool, uint8_t, iFldType_Bool)
-KWZ_SCALAR_ACCESSORS(Byte, uint8_t, iFldType_Byte)
-KWZ_SCALAR_ACCESSORS(Int8, int8_t, iFldType_Int8)
-KWZ_SCALAR_ACCESSORS(Int16, int16_t, iFldType_Int16)
-KWZ_SCALAR_ACCESSORS(Int32, int32_t, iFldType_Int32)
-KWZ_SCALAR_ACCESSORS(Int64, int64_t, iFldType_Int64)
-KWZ_SCALAR_ACCESSORS(Float, float, iFldType_Float)
-KWZ_SCALAR_ACCESSORS(Double, double, iFldType_Double)
-
-}  // extern "C"
-
-#undef KWZ_SCALAR_ACCESSORS

@@ -20,6 +20,8 @@
 #include <cstring>
 
 #include "base/kwBase.h"
+#include "base/kwMem.h"
+#include "rec/kwRecCore.h"
 #include "rec/kwRecord.h"
 
 namespace kwz::rec {
@@ -27,17 +29,16 @@ namespace {
 
 constexpr uint64_t kMaxImage = UINT32_MAX;
 
-// Steps 1-3 of packing: the size of the variable part, whether any owned block
-// exists, and the edited / user bits cleared as asked.  -2 when a text in the
-// image reaches past the image (a damaged received image).
-uint32_t MeasureTexts(const KWRType* type, KWRData* record, uint8_t clearMask, uint64_t* total,
-                      bool* owned) {
+// Steps 1-2 of packing: the size of the variable part and whether any owned
+// block exists.  -2 when a text in the image reaches past the image (a
+// damaged received image).  Changes nothing, so that a failure leaves the
+// record as it was.
+uint32_t MeasureTexts(const KWRType* type, const KWRData* record, uint64_t* total, bool* owned) {
     *total = 0;
     *owned = false;
     for (uint32_t i = 0; i < type->fieldCount; ++i) {
         const KWRField* field = &type->fields[i];
-        uint8_t* header = HeaderOf(field, record);
-        *header &= static_cast<uint8_t>(~clearMask);
+        const uint8_t* header = HeaderOf(field, record);
         if (!IsVarType(*header & kTypeMask) || (*header & kNullBit)) continue;
         const uint8_t* value = ValueOf(field, record);
         if (*header & kOwnedBit) {
@@ -52,6 +53,11 @@ uint32_t MeasureTexts(const KWRType* type, KWRData* record, uint8_t clearMask, u
         *total += length + 1;
     }
     return KWR_OK;
+}
+
+// Step 3, once nothing can fail: the edited / user bits cleared as asked.
+void ClearBits(const KWRType* type, KWRData* record, uint8_t clearMask) {
+    for (uint32_t i = 0; i < type->fieldCount; ++i) *HeaderOf(&type->fields[i], record) &= static_cast<uint8_t>(~clearMask);
 }
 
 // Step 5: the new image.  Owned blocks are freed as their texts are copied;
@@ -73,7 +79,7 @@ void WriteVariablePart(const KWRType* type, const KWRData* record, uint8_t* imag
                 const uint32_t size = LoadU32(block);
                 length = size ? size - 1 : 0;
                 std::memcpy(image + pos, block + kBlockHead, length);
-                std::free(block);
+                kwz::MemFree(block);
                 present = true;
             }
             *header &= static_cast<uint8_t>(~kOwnedBit);
@@ -99,14 +105,9 @@ void WriteVariablePart(const KWRType* type, const KWRData* record, uint8_t* imag
 }
 
 }  // namespace
-}  // namespace kwz::rec
 
-using namespace kwz;
-using namespace kwz::rec;
 
-extern "C" {
-
-KWZ_API uint32_t KWRRecPack(const KWRType* type, KWRData* record, uint32_t clearEdited,
+uint32_t RecPack(const KWRType* type, KWRData* record, uint32_t clearEdited,
                             uint32_t clearUser) {
     if (!type || !record) return KWR_BADARG;
     if (!record->image) return KWR_NOIMAGE;
@@ -120,19 +121,21 @@ KWZ_API uint32_t KWRRecPack(const KWRType* type, KWRData* record, uint32_t clear
     const uint8_t clearMask = static_cast<uint8_t>((edited ? kEditBit : 0) | (user ? kUserBit : 0));
     uint64_t total = 0;
     bool owned = false;
-    if (uint32_t rc = MeasureTexts(type, record, clearMask, &total, &owned)) return rc;
+    if (uint32_t rc = MeasureTexts(type, record, &total, &owned)) return rc;
     const uint64_t length = total + type->dataLength;
     if (length > kMaxImage) return KWR_NOMEM;
     if (length == record->length && !owned) {
+        ClearBits(type, record, clearMask);
         record->state = kStatePacked;  // already packed: no copy
         return KWR_OK;
     }
-    auto* image = static_cast<uint8_t*>(std::malloc(length));
+    auto* image = static_cast<uint8_t*>(kwz::MemAlloc(length));
     if (!image) return KWR_NOMEM;
+    ClearBits(type, record, clearMask);
     std::memcpy(image, record->image, type->dataLength);
     StoreU32(image, static_cast<uint32_t>(length));
     WriteVariablePart(type, record, image);
-    std::free(record->image);
+    kwz::MemFree(record->image);
     record->image = image;
     record->length = static_cast<uint32_t>(length);
     record->state = kStatePacked;
@@ -143,7 +146,7 @@ KWZ_API uint32_t KWRRecPack(const KWRType* type, KWRData* record, uint32_t clear
 // With one, the caller guarantees room for that size.  Scalar fields are
 // written by the setters' conversion table and so come out edited; text
 // fields get the bare type code.
-KWZ_API uint32_t KWRSetBuff(const KWRType* type, void* buffer, const KWRVal* cells,
+uint32_t SetBuff(const KWRType* type, void* buffer, const KWRVal* cells,
                             uint32_t* size) {
     if (!type) return KWR_BADARG;
     auto cellLength = [&](uint32_t i) { return LoadU32(cells[i].value); };
@@ -205,4 +208,4 @@ KWZ_API uint32_t KWRSetBuff(const KWRType* type, void* buffer, const KWRVal* cel
     return rc;
 }
 
-}  // extern "C"
+}  // namespace kwz::rec

@@ -15,6 +15,8 @@
 #include <cstring>
 
 #include "base/kwBase.h"
+#include "base/kwMem.h"
+#include "rec/kwRecCore.h"
 #include "rec/kwRecord.h"
 
 namespace kwz::rec {
@@ -54,7 +56,7 @@ namespace {
 
 // A new owned block holding n bytes of text (zeros for a null text).
 uint8_t* NewBlock(uint32_t n, const void* text) {
-    auto* block = static_cast<uint8_t*>(std::malloc(size_t{n} + kBlockHead + 1));
+    auto* block = static_cast<uint8_t*>(kwz::MemAlloc(size_t{n} + kBlockHead + 1));
     if (!block) return nullptr;
     StoreU32(block, n + 1);
     if (text) {
@@ -90,7 +92,7 @@ uint32_t SetOwnedText(uint8_t* header, uint8_t* value, uint32_t n, const void* t
                       bool* repack) {
     uint8_t* old = LoadBlock(value);
     if (n == 0) {
-        std::free(old);
+        kwz::MemFree(old);
         StoreU32(value + kVarLength, 0);
         StoreU32(value + kVarOffset, 0);
         *header &= static_cast<uint8_t>(~kOwnedBit);
@@ -98,7 +100,7 @@ uint32_t SetOwnedText(uint8_t* header, uint8_t* value, uint32_t n, const void* t
     }
     uint8_t* block = NewBlock(n, text);
     if (!block) return KWR_NOMEM;
-    std::free(old);
+    kwz::MemFree(old);
     StoreBlock(value, block);
     *repack = true;
     return KWR_OK;
@@ -140,14 +142,9 @@ uint32_t SetImageText(KWRData* record, uint8_t* header, uint8_t* value, uint32_t
 }
 
 }  // namespace
-}  // namespace kwz::rec
 
-using namespace kwz;
-using namespace kwz::rec;
 
-extern "C" {
-
-KWZ_API uint32_t KWRGetAsText(const KWRField* field, const KWRData* record, int32_t start,
+uint32_t GetAsText(const KWRField* field, const KWRData* record, int32_t start,
                               int32_t size, char* buffer) {
     if (!buffer) return KWR_BADARG;
     if (size > 0) buffer[0] = 0;
@@ -172,7 +169,7 @@ KWZ_API uint32_t KWRGetAsText(const KWRField* field, const KWRData* record, int3
     return KWR_OK;
 }
 
-KWZ_API uint32_t KWRSetAsText(const KWRField* field, KWRData* record, int32_t length,
+uint32_t SetAsText(const KWRField* field, KWRData* record, int32_t length,
                               const void* text) {
     if (uint32_t rc = CheckFieldAccess(field, record)) return rc;
     if (length < 0) return KWR_BADARG;
@@ -197,7 +194,7 @@ KWZ_API uint32_t KWRSetAsText(const KWRField* field, KWRData* record, int32_t le
     return KWR_OK;
 }
 
-KWZ_API uint32_t KWRGetTextRef(const KWRField* field, const KWRData* record, uint32_t* length,
+uint32_t GetTextRef(const KWRField* field, const KWRData* record, uint32_t* length,
                                const char** text) {
     uint32_t n = 0;
     const char* p = nullptr;
@@ -208,12 +205,4 @@ KWZ_API uint32_t KWRGetTextRef(const KWRField* field, const KWRData* record, uin
     return rc;
 }
 
-KWZ_API uint32_t KWRGetTextLen(const KWRField* field, const KWRData* record, uint32_t* length) {
-    return KWRGetTextRef(field, record, length, nullptr);
-}
-
-KWZ_API uint32_t KWRGetTextPtr(const KWRField* field, const KWRData* record, const char** text) {
-    return KWRGetTextRef(field, record, nullptr, text);
-}
-
-}  // extern "C"
+}  // namespace kwz::rec

@@ -18,6 +18,8 @@
 #include <string>
 
 #include "base/kwBase.h"
+#include "base/kwMem.h"
+#include "rec/kwRecCore.h"
 #include "rec/kwRecImage.h"
 #include "rec/kwRecType.h"
 
@@ -33,7 +35,7 @@ void CopyName(char (&out)[64], std::string_view text) {
 
 // A NUL-terminated copy from the C allocator, or null when out of memory.
 char* DupText(std::string_view text) {
-    auto* copy = static_cast<char*>(std::malloc(text.size() + 1));
+    auto* copy = static_cast<char*>(kwz::MemAlloc(text.size() + 1));
     if (!copy) return nullptr;
     std::memcpy(copy, text.data(), text.size());
     copy[text.size()] = '\0';
@@ -156,7 +158,7 @@ uint32_t GenerateFromImage(KWRType* type, const char* name, const KWRData* recor
 
 void ResetKeepId(KWRType* type) {
     const uint32_t id = type->id;
-    KWRTypFree(type);
+    TypFree(type);
     type->id = id;
 }
 
@@ -177,13 +179,14 @@ BuildResult BuildType(KWRType* type, std::string_view name, std::string_view des
     }
     uint32_t size = kImageHead;
     if (count > 0) {
-        // calloc: every description pointer and chain link starts null, so a
-        // failure half-way can be freed with KWRTypFree.
-        type->fields = static_cast<KWRField*>(std::calloc(count, sizeof(KWRField)));
+        // Zeroed: every description pointer and chain link starts null, so a
+        // failure half-way can be freed with TypFree.
+        type->fields = static_cast<KWRField*>(kwz::MemAlloc(count * sizeof(KWRField)));
         if (!type->fields) {
             ResetKeepId(type);
             return BuildResult::kNoMemory;
         }
+        std::memset(type->fields, 0, count * sizeof(KWRField));
         type->fieldCount = static_cast<uint8_t>(count);
         for (uint32_t i = 0; i < count; ++i) {
             KWRField& f = type->fields[i];
@@ -211,45 +214,40 @@ BuildResult BuildType(KWRType* type, std::string_view name, std::string_view des
     return BuildResult::kOk;
 }
 
-}  // namespace kwz::rec
 
-using kwz::rec::BuildResult;
-using kwz::rec::FieldPlan;
 
-extern "C" {
-
-KWZ_API uint32_t KWRTypInit(KWRType* type) {
+uint32_t TypInit(KWRType* type) {
     if (!type) return KWR_BADARG;
     std::memset(type, 0, sizeof *type);
     return KWR_OK;
 }
 
-KWZ_API uint32_t KWRTypFree(KWRType* type) {
+uint32_t TypFree(KWRType* type) {
     if (!type) return KWR_BADARG;
     if (type->fields) {
-        for (uint32_t i = 0; i < type->fieldCount; ++i) std::free(type->fields[i].description);
+        for (uint32_t i = 0; i < type->fieldCount; ++i) kwz::MemFree(type->fields[i].description);
     }
-    std::free(type->fields);
-    std::free(type->description);
-    return KWRTypInit(type);
+    kwz::MemFree(type->fields);
+    kwz::MemFree(type->description);
+    return TypInit(type);
 }
 
-KWZ_API uint32_t KWRTypSetA(KWRType* type, uint32_t id, const char* name, uint8_t count,
+uint32_t TypSetA(KWRType* type, uint32_t id, const char* name, uint8_t count,
                             const KWRFieldDef* defs) {
     if (!type) return KWR_BADARG;
-    KWRTypFree(type);
+    TypFree(type);
     type->id = id;
     if (count > 0 && !defs) return KWR_BADARG;
     std::array<FieldPlan, 256> plans;
     for (uint32_t i = 0; i < count; ++i) {
         const KWRFieldDef& d = defs[i];
-        if (!kwz::rec::IsValidType(d.type)) return KWR_SYNTAX;
+        if (!IsValidType(d.type)) return KWR_SYNTAX;
         plans[i].name = std::string_view(d.name, strnlen(d.name, sizeof d.name));
         plans[i].type = d.type;
         // The definition's width counts for "CH" only, and is taken as given.
-        plans[i].width = kwz::rec::TypeWidth(d.type, d.width);
+        plans[i].width = TypeWidth(d.type, d.width);
     }
-    switch (kwz::rec::BuildType(type, name ? name : "", {}, plans.data(), count)) {
+    switch (BuildType(type, name ? name : "", {}, plans.data(), count)) {
         case BuildResult::kOk: return KWR_OK;
         case BuildResult::kNoMemory: return KWR_NOMEM;
         case BuildResult::kDuplicate: break;
@@ -257,22 +255,22 @@ KWZ_API uint32_t KWRTypSetA(KWRType* type, uint32_t id, const char* name, uint8_
     return KWR_SYNTAX;
 }
 
-KWZ_API uint32_t KWRTypGen(KWRType* type, const char* name, const KWRData* record) {
+uint32_t TypGen(KWRType* type, const char* name, const KWRData* record) {
     if (!type) return KWR_BADARG;
-    KWRTypFree(type);
-    return kwz::rec::GenerateFromImage(type, name, record);
+    TypFree(type);
+    return GenerateFromImage(type, name, record);
 }
 
-KWZ_API uint32_t KWRTypGet(const KWRType* type, char** text) {
+uint32_t TypGet(const KWRType* type, char** text) {
     if (!text) return KWR_OK;
     *text = nullptr;
     if (!type) return KWR_BADARG;
     for (uint32_t i = 0; i < type->fieldCount; ++i) {
-        if (!kwz::rec::IsValidType(type->fields[i].type)) return KWR_CORRUPT;
+        if (!IsValidType(type->fields[i].type)) return KWR_CORRUPT;
     }
     try {
-        const std::string def = kwz::rec::DefinitionText(type);
-        auto* out = static_cast<char*>(KWMemAlloc(static_cast<uint32_t>(def.size() + 1), nullptr));
+        const std::string def = DefinitionText(type);
+        auto* out = static_cast<char*>(kwz::MemAlloc(static_cast<uint32_t>(def.size() + 1)));
         if (!out) return KWR_NOMEM;
         std::memcpy(out, def.c_str(), def.size() + 1);
         *text = out;
@@ -282,43 +280,43 @@ KWZ_API uint32_t KWRTypGet(const KWRType* type, char** text) {
     }
 }
 
-KWZ_API uint32_t KWRTypDefStrSet(KWRType* type, const char* text) {
+uint32_t TypDefStrSet(KWRType* type, const char* text) {
     if (!type) return KWR_BADARG;
     char* copy = nullptr;
     if (text && *text) {
-        copy = kwz::rec::DupText(text);
+        copy = DupText(text);
         if (!copy) return KWR_NOMEM;  // the old description stays
     }
-    std::free(type->description);
+    kwz::MemFree(type->description);
     type->description = copy;
     return KWR_OK;
 }
 
-KWZ_API uint32_t KWRTypFld(const KWRType* type, const char* name, KWRField** field) {
-    auto* f = const_cast<KWRField*>(kwz::rec::FindByName(type, name));
+uint32_t TypFld(const KWRType* type, const char* name, KWRField** field) {
+    auto* f = const_cast<KWRField*>(FindByName(type, name));
     if (field) *field = f;
     return f ? KWR_OK : KWR_NOFIELD;
 }
 
-KWZ_API uint32_t KWRTypFldN(const KWRType* type, uint8_t number, KWRField** field) {
-    auto* f = const_cast<KWRField*>(kwz::rec::FindByNumber(type, number));
+uint32_t TypFldN(const KWRType* type, uint8_t number, KWRField** field) {
+    auto* f = const_cast<KWRField*>(FindByNumber(type, number));
     if (field) *field = f;
     return f ? KWR_OK : KWR_NOFIELD;
 }
 
-KWZ_API KWRField* KWRFldByName(const KWRType* type, const char* name) {
-    return const_cast<KWRField*>(kwz::rec::FindByName(type, name));
+KWRField* FldByName(const KWRType* type, const char* name) {
+    return const_cast<KWRField*>(FindByName(type, name));
 }
 
-KWZ_API KWRField* KWRFldByNum(const KWRType* type, uint8_t number) {
-    return const_cast<KWRField*>(kwz::rec::FindByNumber(type, number));
+KWRField* FldByNum(const KWRType* type, uint8_t number) {
+    return const_cast<KWRField*>(FindByNumber(type, number));
 }
 
 // h = h * 33 + c over the name's bytes taken as signed chars, with 32 taken
 // off bytes above 96 so that a-z hash like A-Z.  Bytes 0x80..0xFF are
 // negative, hence neither folded nor added as their unsigned value; names are
 // hashed this way wherever an index was ever built, so keep it.
-KWZ_API uint32_t HashKey(const char* name) {
+uint32_t HashKey(const char* name) {
     if (!name) return 0;
     uint32_t h = 0;
     for (const auto* p = reinterpret_cast<const signed char*>(name); *p; ++p) {
@@ -328,7 +326,7 @@ KWZ_API uint32_t HashKey(const char* name) {
     return h;
 }
 
-KWZ_API uint32_t _FldAddGet(const KWRType* type, KWRFieldDef* defs) {
+uint32_t FldAddGet(const KWRType* type, KWRFieldDef* defs) {
     if (!type || !defs || !type->fields) return 0;
     uint32_t variable = 0;
     for (uint32_t i = 0; i < type->fieldCount; ++i) {
@@ -338,9 +336,9 @@ KWZ_API uint32_t _FldAddGet(const KWRType* type, KWRFieldDef* defs) {
         std::memcpy(d.name, f.name, sizeof d.name);
         d.width = static_cast<uint8_t>(f.width);
         d.type = f.type;
-        if (kwz::rec::IsVarType(f.type)) variable = 1;
+        if (IsVarType(f.type)) variable = 1;
     }
     return variable;
 }
 
-}  // extern "C"
+}  // namespace kwz::rec

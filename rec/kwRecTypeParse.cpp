@@ -16,6 +16,7 @@
 
 #include "base/kwBase.h"
 #include "rec/kwRecImage.h"
+#include "rec/kwRecCore.h"
 #include "rec/kwRecType.h"
 
 namespace kwz::rec {
@@ -121,19 +122,21 @@ uint32_t ParseDefinition(KWRType* type, const char* text) {
 }
 
 }  // namespace
-}  // namespace kwz::rec
 
 // 0, 4 for any fault in the text (and a failed allocation of the type's own
-// storage), -1 when the parser's working storage cannot be allocated.
-extern "C" KWZ_API uint32_t KWRTypSet(KWRType* type, uint32_t id, const char* definition) {
+// storage), -1 when the parser's working storage cannot be allocated (the
+// type is then left empty, its id kept).
+uint32_t TypSet(KWRType* type, uint32_t id, const char* definition) {
     if (!type) return KWR_BADARG;
-    KWRTypFree(type);
+    TypFree(type);
     type->id = id;
     if (!definition) return KWR_SYNTAX;
     try {
-        return kwz::rec::ParseDefinition(type, definition);
+        return ParseDefinition(type, definition);
     } catch (const std::bad_alloc&) {
-        kwz::rec::ResetKeepId(type);
+        ResetKeepId(type);
         return KWR_NOMEM;
     }
 }
+
+}  // namespace kwz::rec

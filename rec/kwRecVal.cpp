@@ -7,11 +7,11 @@
 #include <cstring>
 
 #include "base/kwBase.h"
+#include "base/kwMem.h"
+#include "rec/kwRecCore.h"
 #include "rec/kwRecord.h"
 
-using namespace kwz;
-using namespace kwz::rec;
-
+namespace kwz::rec {
 namespace {
 
 constexpr size_t kCellLength = 0;
@@ -19,11 +19,10 @@ constexpr size_t kCellText = 4;
 
 }  // namespace
 
-extern "C" {
 
 // A null field gives its type, isNull 1, zero value and result 0: the cell
 // itself says that the value is null.
-KWZ_API uint32_t KWRGetVal(const KWRField* field, const KWRData* record, KWRVal* cell) {
+uint32_t GetVal(const KWRField* field, const KWRData* record, KWRVal* cell) {
     if (!cell) return KWR_BADARG;
     std::memset(cell, 0, sizeof *cell);
     if (uint32_t rc = CheckFieldAccess(field, record)) return rc;
@@ -48,36 +47,36 @@ KWZ_API uint32_t KWRGetVal(const KWRField* field, const KWRData* record, KWRVal*
 // "F4" fields are refused with 5 although KWRSetAsFloat accepts them: cell
 // producers have always had to send such values through the typed setter, and
 // callers test for this 5, so the asymmetry stays.
-KWZ_API uint32_t KWRSetVal(const KWRField* field, KWRData* record, const KWRVal* cell) {
-    if (!cell || cell->isNull) return KWRSetNull(field, record);
+uint32_t SetVal(const KWRField* field, KWRData* record, const KWRVal* cell) {
+    if (!cell || cell->isNull) return SetNull(field, record);
     if (uint32_t rc = CheckFieldAccess(field, record)) return rc;
     const uint8_t type = *HeaderOf(field, record) & kTypeMask;
     if (type == iFldType_Float || !IsValidType(type)) return KWR_BADTYPE;
-    if (!IsTextType(type)) return WriteNumber(field, record, cell->type, cell->value);
+    if (!IsTextType(type)) return WriteScalar(field, record, cell->type, cell->value);
     if (!IsTextType(cell->type)) return KWR_BADTYPE;
     const uint32_t length = LoadU32(cell->value + kCellLength);
     const auto* text = Load<const void*>(cell->value + kCellText);
-    return KWRSetAsText(field, record, static_cast<int32_t>(length), text);
+    return SetAsText(field, record, static_cast<int32_t>(length), text);
 }
 
-KWZ_API uint32_t KWRGetRec(const KWRType* type, const KWRData* record, KWRVal* cells) {
+uint32_t GetRec(const KWRType* type, const KWRData* record, KWRVal* cells) {
     if (!cells || !type || !record) return KWR_BADARG;
     if (!record->image) return KWR_NOIMAGE;
     for (uint32_t i = 0; i < type->fieldCount; ++i) {
-        if (uint32_t rc = KWRGetVal(&type->fields[i], record, &cells[i])) return rc;
+        if (uint32_t rc = GetVal(&type->fields[i], record, &cells[i])) return rc;
     }
     return KWR_OK;
 }
 
-KWZ_API uint32_t KWRSetRec(const KWRType* type, KWRData* record, const KWRVal* cells) {
+uint32_t SetRec(const KWRType* type, KWRData* record, const KWRVal* cells) {
     if (!type || !record) return KWR_BADARG;
     if (!record->image) return KWR_NOIMAGE;
     for (uint32_t i = 0; i < type->fieldCount; ++i) {
         const KWRField* field = &type->fields[i];
-        const uint32_t rc = cells ? KWRSetVal(field, record, &cells[i]) : KWRSetNull(field, record);
+        const uint32_t rc = cells ? SetVal(field, record, &cells[i]) : SetNull(field, record);
         if (rc != KWR_OK) return rc;
     }
     return KWR_OK;
 }
 
-}  // extern "C"
+}  // namespace kwz::rec

@@ -2,14 +2,15 @@
 // and the per-field null / edited / user bits.
 #include <cstdlib>
 #include <cstring>
-#include <stdexcept>
 
 #include "base/kwBase.h"
+#include "base/kwMem.h"
+#include "rec/kwRecCore.h"
 #include "rec/kwRecord.h"
 
 namespace kwz::rec {
 
-void LogCorrupt(const char* tag) { LogMessage(1, tag, "REC DATA CORRUPT"); }
+void LogCorrupt(const char* tag) { Log(1, tag, "REC DATA CORRUPT"); }
 
 namespace {
 
@@ -25,7 +26,7 @@ uint32_t FreeOwnedBlocks(KWRData* record) {
     if (uint32_t rc = WalkSlots(record->image, record->length, record->fieldCount, noop)) return rc;
     WalkSlots(record->image, record->length, record->fieldCount, [](uint8_t* header, uint8_t* value) {
         if (IsVarType(*header & kTypeMask) && (*header & kOwnedBit)) {
-            std::free(LoadBlock(value));
+            kwz::MemFree(LoadBlock(value));
             StoreBlock(value, nullptr);
         }
     });
@@ -38,7 +39,7 @@ uint32_t FreeRecord(KWRData* record) {
     if (record->image && record->state != kStatePacked) {
         if (uint32_t rc = FreeOwnedBlocks(record)) return rc;
     }
-    std::free(record->image);
+    kwz::MemFree(record->image);
     std::memset(record, 0, sizeof *record);
     return KWR_OK;
 }
@@ -54,8 +55,9 @@ bool GuardBroken(const KWRData* record, const char* tag) {
 //   [L u32][flags 0][N] then per field: header = type | null, for "CH" also
 //   the capacity byte; all value bytes zero.
 uint32_t NewImage(const KWRType* type, KWRData* record) {
-    auto* image = static_cast<uint8_t*>(std::calloc(1, type->dataLength));
+    auto* image = static_cast<uint8_t*>(kwz::MemAlloc(type->dataLength));
     if (!image) return KWR_NOMEM;
+    std::memset(image, 0, type->dataLength);
     StoreU32(image, type->dataLength);
     image[4] = 0;
     image[5] = type->fieldCount;
@@ -85,20 +87,15 @@ uint32_t ReadBit(const KWRField* field, const KWRData* record, uint8_t* out, uin
 }
 
 }  // namespace
-}  // namespace kwz::rec
 
-using namespace kwz;
-using namespace kwz::rec;
 
-extern "C" {
-
-KWZ_API uint32_t KWRRecInit(KWRData* record) {
+uint32_t RecInit(KWRData* record) {
     if (!record) return KWR_BADARG;
     std::memset(record, 0, sizeof *record);
     return KWR_OK;
 }
 
-KWZ_API uint32_t KWRRecNew(const KWRType* type, KWRData* record) {
+uint32_t RecNew(const KWRType* type, KWRData* record) {
     if (!record || !UsableType(type)) return KWR_BADARG;
     if (GuardBroken(record, "Kwz.kwRec.KWRRecNew")) return KWR_CORRUPT;
     if (uint32_t rc = FreeRecord(record)) return rc;
@@ -106,17 +103,17 @@ KWZ_API uint32_t KWRRecNew(const KWRType* type, KWRData* record) {
     return NewImage(type, record);
 }
 
-KWZ_API uint32_t KWRRecFree(KWRData* record) {
+uint32_t RecFree(KWRData* record) {
     if (!record || record->guard != 0) {
         LogCorrupt(kFreeTag);
-        throw std::runtime_error("KWRRecFree RE_DATACORRUPT");
+        return KWR_CORRUPT;
     }
     return FreeRecord(record);
 }
 
 // The caller keeps the block when it is refused (-2): only an accepted image
 // is adopted, and the record is left as it was.
-KWZ_API uint32_t KWRRecSet(KWRData* record, void* image) {
+uint32_t RecSet(KWRData* record, void* image) {
     if (!record) return KWR_BADARG;
     if (!image || LoadU32(image) < kImageHead) return KWR_CORRUPT;
     if (GuardBroken(record, "Kwz.kwRec.KWRRecSet")) return KWR_CORRUPT;
@@ -130,18 +127,18 @@ KWZ_API uint32_t KWRRecSet(KWRData* record, void* image) {
     return KWR_OK;
 }
 
-KWZ_API KWRData* KWRRecAlloc(const KWRType* type, const KWRVal* cells) {
+KWRData* RecAlloc(const KWRType* type, const KWRVal* cells) {
     if (!UsableType(type)) return nullptr;
-    auto* record = static_cast<KWRData*>(KWMemAlloc(sizeof(KWRData), nullptr));
+    auto* record = static_cast<KWRData*>(kwz::MemAlloc(sizeof(KWRData)));
     if (!record) return nullptr;
-    KWRRecInit(record);
-    uint32_t rc = KWRRecNew(type, record);
+    RecInit(record);
+    uint32_t rc = RecNew(type, record);
     if (rc == KWR_OK && cells) {
-        rc = KWRSetRec(type, record, cells);
-        if (rc == KWR_OK) rc = KWRRecPack(type, record, 1, 1);
+        rc = SetRec(type, record, cells);
+        if (rc == KWR_OK) rc = RecPack(type, record, 1, 1);
     }
     if (rc != KWR_OK) {
-        KWRRecRelease(record);
+        RecRelease(record);
         return nullptr;
     }
     return record;
@@ -150,17 +147,17 @@ KWZ_API KWRData* KWRRecAlloc(const KWRType* type, const KWRVal* cells) {
 // Never throws (only KWRRecFree does): a corrupt structure is logged and left
 // alone, since its pointers cannot be trusted.  An image whose walk fails is
 // still released, without the owned blocks the walk could not reach.
-KWZ_API void KWRRecRelease(KWRData* record) {
+void RecRelease(KWRData* record) {
     if (!record) return;
     if (GuardBroken(record, "Kwz.kwRec.KWRRecRelease")) return;
     if (FreeRecord(record) != KWR_OK) {
         LogCorrupt("Kwz.kwRec.KWRRecRelease");
-        std::free(record->image);
+        kwz::MemFree(record->image);
     }
-    KWMemFree(record);
+    kwz::MemFree(record);
 }
 
-KWZ_API uint32_t KWRSetFlags(KWRData* record, uint8_t flags) {
+uint32_t SetFlags(KWRData* record, uint8_t flags) {
     if (!record) return KWR_BADARG;
     if (!record->image) return KWR_NOIMAGE;
     record->image[4] = flags;
@@ -168,28 +165,28 @@ KWZ_API uint32_t KWRSetFlags(KWRData* record, uint8_t flags) {
     return KWR_OK;
 }
 
-KWZ_API uint32_t KWRIsNull(const KWRField* field, const KWRData* record, uint8_t* out) {
+uint32_t IsNull(const KWRField* field, const KWRData* record, uint8_t* out) {
     return ReadBit(field, record, out, kNullBit);
 }
 
-KWZ_API uint32_t KWRIsEdit(const KWRField* field, const KWRData* record, uint8_t* out) {
+uint32_t IsEdit(const KWRField* field, const KWRData* record, uint8_t* out) {
     return ReadBit(field, record, out, kEditBit);
 }
 
-KWZ_API uint32_t KWRIsUser(const KWRField* field, const KWRData* record, uint8_t* out) {
+uint32_t IsUser(const KWRField* field, const KWRData* record, uint8_t* out) {
     return ReadBit(field, record, out, kUserBit);
 }
 
 // Null value bytes are zeroed ("CH" keeps its capacity byte, which a walk
 // needs); a "CM"/"CB" text is dropped first so that an owned block is freed.
-KWZ_API uint32_t KWRSetNull(const KWRField* field, KWRData* record) {
+uint32_t SetNull(const KWRField* field, KWRData* record) {
     if (uint32_t rc = CheckFieldAccess(field, record)) return rc;
     uint8_t* header = HeaderOf(field, record);
     if (*header & kNullBit) return KWR_OK;
     const uint8_t type = *header & kTypeMask;
     uint8_t* value = ValueOf(field, record);
     if (IsVarType(type)) {
-        if (uint32_t rc = KWRSetAsText(field, record, 0, nullptr)) return rc;
+        if (uint32_t rc = SetAsText(field, record, 0, nullptr)) return rc;
     } else if (type == iFldType_Char) {
         std::memset(value + kCharLength, 0, value[kCharCapacity] + 2u);
     } else {
@@ -200,7 +197,7 @@ KWZ_API uint32_t KWRSetNull(const KWRField* field, KWRData* record) {
     return KWR_OK;
 }
 
-KWZ_API uint32_t KWRSetEdit(const KWRField* field, KWRData* record, uint8_t on) {
+uint32_t SetEdit(const KWRField* field, KWRData* record, uint8_t on) {
     if (uint32_t rc = CheckFieldAccess(field, record)) return rc;
     uint8_t* header = HeaderOf(field, record);
     if (on) {
@@ -212,7 +209,7 @@ KWZ_API uint32_t KWRSetEdit(const KWRField* field, KWRData* record, uint8_t on) 
     return KWR_OK;
 }
 
-KWZ_API uint32_t KWRSetUser(const KWRField* field, KWRData* record, uint8_t on) {
+uint32_t SetUser(const KWRField* field, KWRData* record, uint8_t on) {
     if (uint32_t rc = CheckFieldAccess(field, record)) return rc;
     uint8_t* header = HeaderOf(field, record);
     if (on) {
@@ -223,4 +220,4 @@ KWZ_API uint32_t KWRSetUser(const KWRField* field, KWRData* record, uint8_t on) 
     return KWR_OK;
 }
 
-}  // extern "C"
+}  // namespace kwz::rec

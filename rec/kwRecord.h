@@ -48,10 +48,6 @@ inline void MarkWritten(uint8_t* header, KWRData* record) {
 // field); see kwRecConv.cpp.
 void ConvertValue(uint8_t from, const void* src, uint8_t to, void* dst);
 
-// A typed setter with the source type as an argument (KWRSetVal passes the
-// cell's type): 0, 1, 5 text field, 7, -2 invalid type code in the image.
-uint32_t WriteNumber(const KWRField* field, KWRData* record, uint8_t from, const void* src);
-
 // Where a text value lies: *text (null when there is none) and *length.
 // Returns 0, 2 null field, 5 not a text field, 6 a non-empty image text
 // without an offset.  The record must have an image.

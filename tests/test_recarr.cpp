@@ -327,3 +327,23 @@ TEST(recarr_Order, NaNSortsLastWithoutRunningOffTheList) {
     EXPECT_EQ(KWAKeyAdd(a, 1, &again), 0);
     EXPECT_EQ(KWARecCount(a), 180);
 }
+
+// A record whose guard byte is set is never freed or unlinked and nothing
+// throws out of the array functions: KWARecDel gives -2 and the array keeps
+// the member, whose image stays with it.
+TEST(recarr_Edit, DeleteOfACorruptRecordIsRefused) {
+    Array a({Field("Id", iFldType_Int32), Field("Note", iFldType_Memo)}, {Key("Id"), Key("Note")});
+    for (int32_t i = 0; i < 5; ++i) ASSERT_NE(Add(a, {I4(i), Text("n", iFldType_Memo)}), nullptr);
+    KWRData* member = KWARec(a, 1, 2);
+    KWRData* working = KWARecNew(a);
+    for (KWRData* rec : {member, working}) {
+        rec->guard = 1;
+        EXPECT_EQ(KWARecDel(rec), -2);
+        EXPECT_EQ(KWARecCount(a), 5);
+        EXPECT_EQ(Ints(a, 0, "Id"), (std::vector<int64_t>{0, 1, 2, 3, 4}));
+        rec->guard = 0;
+    }
+    EXPECT_EQ(KWARecDel(member), 0);
+    EXPECT_EQ(KWARecDel(working), 0);
+    EXPECT_EQ(Ints(a, 0, "Id").size(), 4u);
+}
