@@ -11,6 +11,8 @@
 #include "base/kwBase.h"
 #include "base/kwMem.h"
 #include "base/kwSearch.h"
+#include "base/kwSort.h"
+#include "base/kwGuard.h"
 
 namespace {
 
@@ -140,7 +142,9 @@ KWZ_API void KWLClear(KWList* list) {
 }
 
 KWZ_API void KWLSort(void* context, KWList* list, KWLCompareFn compare) {
-    if (list && list->items && list->count > 0) QuickSort(context, list->items, 0, list->count - 1, compare);
+    if (!list || !list->items || list->count <= 0) return;
+    kwz::CEdgeVoid("Kwz.kwCross.KWLSort",
+                   [&] { kwz::QuickSort(context, list->items, 0, list->count - 1, compare); });
 }
 
 // Binary search of a sorted list; the comparator gets (context, item, key).
@@ -157,9 +161,12 @@ KWZ_API int32_t KWLSeek(void* context, KWList* list, KWLCompareFn compare, void*
         // uint32_t of iKeyOpt_ bits); that word alone decides the Unique rule.
         const bool unique =
             context && (*static_cast<const uint32_t*>(context) & iKeyOpt_Unique);
-        found = kwz::SeekSorted(list->count, unique,
-                                [&](int32_t mid) { return compare(context, list->items[mid], key); },
-                                &lo);
+        // A throwing comparator ends the search as "not found" at 0.
+        found = kwz::CEdge("Kwz.kwCross.KWLSeek", 0, 0, [&] {
+            return kwz::SeekSorted(list->count, unique,
+                                   [&](int32_t mid) { return compare(context, list->items[mid], key); },
+                                   &lo) ? 1 : 0;
+        });
     }
     if (position) *position = lo;
     return found;

@@ -1,6 +1,9 @@
 // QuickSort over an array of pointers, and stricmp_rus, the case-insensitive
 // comparison of 8-bit Latin and Windows-1251 Cyrillic text.
+#include "base/kwSort.h"
+
 #include "base/kwBase.h"
+#include "base/kwGuard.h"
 
 namespace {
 
@@ -13,12 +16,12 @@ constexpr unsigned FoldCase(unsigned char c) {
 
 }  // namespace
 
-extern "C" {
+namespace kwz {
 
 // Hoare partition around the pointer in the middle, taken once per pass (not
 // re-read as items move).  The left part is sorted recursively, the right one
 // by the loop.  Not stable; the context goes to every comparison.
-KWZ_API void QuickSort(void* context, void** items, int32_t lo, int32_t hi, KWLCompareFn compare) {
+void QuickSort(void* context, void** items, int32_t lo, int32_t hi, KWLCompareFn compare) {
     if (!items || !compare || lo >= hi) return;
     do {
         int32_t i = lo;
@@ -41,7 +44,7 @@ KWZ_API void QuickSort(void* context, void** items, int32_t lo, int32_t hi, KWLC
 }
 
 // A null text compares as the empty text.
-KWZ_API int32_t stricmp_rus(const char* a, const char* b) {
+int32_t StrICmpRus(const char* a, const char* b) {
     if (!a) a = "";
     if (!b) b = "";
     const auto* p = reinterpret_cast<const unsigned char*>(a);
@@ -52,5 +55,18 @@ KWZ_API int32_t stricmp_rus(const char* a, const char* b) {
         if (x == 0) return 0;
     }
 }
+
+}  // namespace kwz
+
+extern "C" {
+
+// The caller's comparator may be C++ that throws: the sort stops there, its
+// items in some order, and nothing crosses into C.
+KWZ_API void QuickSort(void* context, void** items, int32_t lo, int32_t hi, KWLCompareFn compare) {
+    kwz::CEdgeVoid("Kwz.kwCross.QuickSort",
+                   [&] { kwz::QuickSort(context, items, lo, hi, compare); });
+}
+
+KWZ_API int32_t stricmp_rus(const char* a, const char* b) { return kwz::StrICmpRus(a, b); }
 
 }  // extern "C"

@@ -3,6 +3,7 @@
 #include <new>
 #include <string>
 
+#include "base/kwSort.h"
 #include "rec/kwRecArr.h"
 
 namespace kwz::recarr {
@@ -37,7 +38,7 @@ void FillFromKey0(KWArray* array, KWAKey* key, bool sort) {
     if (sort && entries.size() > 1) {
         std::vector<void*> items(entries.size());
         for (size_t i = 0; i < entries.size(); ++i) items[i] = &entries[i];
-        QuickSort(key, items.data(), 0, static_cast<int32_t>(items.size()) - 1, SortCompare);
+        kwz::QuickSort(key, items.data(), 0, static_cast<int32_t>(items.size()) - 1, SortCompare);
         std::vector<Entry> sorted(entries.size());
         for (size_t i = 0; i < items.size(); ++i) sorted[i] = *static_cast<Entry*>(items[i]);
         entries.swap(sorted);
