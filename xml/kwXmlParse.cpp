@@ -25,7 +25,6 @@ const char* SkipBlanks(const char* p) {
 }
 
 constexpr char kNameEnd[] = " \t\r\n/>";
-constexpr char kBlanks[] = " \t\r\n";
 
 class Parser {
 public:
