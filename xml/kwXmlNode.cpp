@@ -178,7 +178,8 @@ _tagXMLNode* _tagXMLNode::AppendChild(const char* name, const char* value) {
 _tagXMLNode* _tagXMLNode::AppendChildBranch(const _tagXMLNode* branch) {
     if (!branch || branch->Type == KWXML_DOCUMENT) return nullptr;
     std::unique_ptr<_tagXMLNode> copy(branch->CopyBranch());
-    return AppendChild(copy.release());
+    if (!AppendChild(copy.get())) return nullptr;
+    return copy.release();
 }
 
 bool _tagXMLNode::RemoveChild(int32_t index) {
