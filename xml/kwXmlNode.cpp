@@ -20,6 +20,8 @@ std::unique_ptr<_tagXMLNode> NewNode(int32_t type, _tagXMLNode* parent) {
 }
 
 _tagXMLNode* Adopt(_tagXMLNode* parent, std::unique_ptr<_tagXMLNode> node) {
+    // Most elements that have children have a few: one block for the first four.
+    if (parent->Childs.capacity() == 0) parent->Childs.reserve(4);
     parent->Childs.push_back(node.get());
     node->Parent = parent;
     return node.release();
