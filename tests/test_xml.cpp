@@ -126,6 +126,15 @@ TEST(xml, ElementNodeKeepsThePartialTreeAndItsOwner) {
     }
 }
 
+TEST(xml, AnyNodeButADocumentLoadsAsAnElement) {
+    for (int32_t kind : {KWXML_DECLARATION, KWXML_COMMENT, KWXML_CDATA}) {
+        Node node(kind);
+        EXPECT_EQ(KWXmlSetXml(node, "<a k='v'>t</a>", nullptr), 0);
+        EXPECT_EQ(KWXmlType(node), KWXML_ELEMENT);
+        EXPECT_EQ(Xml(node), "<a k=\"v\">t</a>");
+    }
+}
+
 TEST(xml, BadArguments) {
     Node doc;
     int32_t position = 7;

@@ -329,6 +329,7 @@ _tagParseInfo& OptionsFor(const _tagXMLNode* node, _tagParseInfo* info, _tagPars
 
 const char* _tagXMLNode::Load(const char* text, _tagParseInfo* info) {
     if (Type == KWXML_DOCUMENT) return static_cast<_tagXMLDocument*>(this)->Load(text, info);
+    Type = KWXML_ELEMENT;  // any other node loads as an element
     _tagParseInfo spare;
     _tagParseInfo& options = OptionsFor(this, info, spare);
     ResetReport(options);
