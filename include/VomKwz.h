@@ -757,7 +757,10 @@ public:
 private:
     static constexpr size_t kLocal = 15;
     bool IsLocal() const noexcept { return m_data == m_local; }
-    void Grow(size_t need);
+    void Grow(size_t need) {
+        if (need > (IsLocal() ? kLocal : m_capacity)) Enlarge(need);
+    }
+    void Enlarge(size_t need);
 
     char* m_data = m_local;
     size_t m_length = 0;

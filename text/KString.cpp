@@ -70,9 +70,8 @@ KString::~KString() {
     if (!IsLocal()) kwz::MemFree(m_data);
 }
 
-void KString::Grow(size_t need) {
+void KString::Enlarge(size_t need) {
     const size_t capacity = IsLocal() ? kLocal : m_capacity;
-    if (need <= capacity) return;
     size_t grown = capacity * 2;
     if (grown < need) grown = need;
     if (grown + 1 < grown) throw std::bad_alloc();

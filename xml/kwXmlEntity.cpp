@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "base/kwGuard.h"
+#include "xml/kwXmlTree.h"
 
 namespace {
 
@@ -101,23 +102,34 @@ void _tagXMLEntitys::Ref2Entity(const char* text, size_t length, KString& out) c
     out.Append(p, static_cast<size_t>(end - p));
 }
 
-void _tagXMLEntitys::Entity2Ref(const char* text, size_t length, KString& out, const char* only) const {
-    // A byte map of the characters to replace keeps the loop to one test.
-    int16_t slot[256];
-    std::memset(slot, -1, sizeof slot);
-    for (int32_t i = count - 1; i >= 0; --i) {
-        if (!only || std::strchr(only, items[i].entity)) slot[static_cast<unsigned char>(items[i].entity)] = static_cast<int16_t>(i);
+namespace kwz::xml {
+
+RefMap::RefMap(const _tagXMLEntitys& table, const char* only) : m_table(table) {
+    std::memset(m_slot, -1, sizeof m_slot);
+    for (int32_t i = table.count - 1; i >= 0; --i) {
+        if (!only || std::strchr(only, table.items[i].entity)) {
+            m_slot[static_cast<unsigned char>(table.items[i].entity)] = static_cast<int16_t>(i);
+        }
     }
+}
+
+void RefMap::Apply(const char* text, size_t length, KString& out) const {
     const char* run = text;
     const char* end = text + length;
     for (const char* p = text; p < end; ++p) {
-        const int16_t i = slot[static_cast<unsigned char>(*p)];
+        const int16_t i = m_slot[static_cast<unsigned char>(*p)];
         if (i < 0) continue;
         out.Append(run, static_cast<size_t>(p - run));
-        out.Append(items[i].ref);
+        out.Append(m_table.items[i].ref);
         run = p + 1;
     }
     out.Append(run, static_cast<size_t>(end - run));
+}
+
+}  // namespace kwz::xml
+
+void _tagXMLEntitys::Entity2Ref(const char* text, size_t length, KString& out, const char* only) const {
+    kwz::xml::RefMap(*this, only).Apply(text, length, out);
 }
 
 extern "C" {

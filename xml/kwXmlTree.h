@@ -26,6 +26,19 @@ _tagXMLNode* Adopt(_tagXMLNode* parent, std::unique_ptr<_tagXMLNode> node);
 // allocation; node keeps its own name, value and attributes.
 void FreeBelow(_tagXMLNode* node) noexcept;
 
+// Characters to references, with the lookup table built once: the writer
+// applies one map to every value.
+class RefMap {
+public:
+    // Every character of the table, or those that are also in only.
+    RefMap(const _tagXMLEntitys& table, const char* only);
+    void Apply(const char* text, size_t length, KString& out) const;
+
+private:
+    const _tagXMLEntitys& m_table;
+    int16_t m_slot[256];
+};
+
 // Visits node and everything below it in document order: pre(n) on the way
 // down, post(n) once all of n's children are done.  No recursion.
 template <typename Pre, typename Post>

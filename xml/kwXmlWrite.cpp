@@ -25,7 +25,11 @@ namespace {
 
 class Writer {
 public:
-    Writer(KString& out, const _tagDispOption& options) : m_out(out), m_options(options) {}
+    Writer(KString& out, const _tagDispOption& options)
+        : m_out(out),
+          m_options(options),
+          m_text(_tagXMLEntitys::Default(), options.references ? nullptr : "&<>"),
+          m_attribute(_tagXMLEntitys::Default(), options.references ? nullptr : "&<>\"") {}
 
     void Node(const _tagXMLNode* top);
 
@@ -41,16 +45,16 @@ private:
 
     KString& m_out;
     const _tagDispOption& m_options;
+    const kwz::xml::RefMap m_text;
+    const kwz::xml::RefMap m_attribute;
 };
 
 void Writer::Text(const KString& value, bool attribute) {
-    const _tagXMLEntitys& table = _tagXMLEntitys::Default();
-    const char* only = m_options.references ? nullptr : attribute ? "&<>\"" : "&<>";
     const char esc = m_options.escapeChar;
     size_t n = value.length();
     const bool escapeAtEnd = esc && n && value[n - 1] == esc;
     if (escapeAtEnd) --n;
-    table.Entity2Ref(value.c_str(), n, m_out, only);
+    (attribute ? m_attribute : m_text).Apply(value.c_str(), n, m_out);
     if (escapeAtEnd) m_out.AppendFormat("&#%u;", static_cast<unsigned>(static_cast<unsigned char>(esc)));
 }
 
