@@ -819,6 +819,10 @@ struct KWZ_API _tagXMLAttr {
     KString name;
     KString value;
     _tagXMLNode* node = nullptr; /* owning node */
+
+    /* Nodes and attributes come from the library's node pool. */
+    static void* operator new(size_t size);
+    static void operator delete(void* block, size_t size) noexcept;
 };
 
 /* A node.  Children and attributes are owned; Parent is null for a document or
@@ -833,6 +837,9 @@ struct KWZ_API _tagXMLNode {
     _tagXMLDocument* Document = nullptr;
     _tagXMLNode* Owner = nullptr;
     int32_t CalcRef = 0; /* references held by calculator values */
+
+    static void* operator new(size_t size);
+    static void operator delete(void* block, size_t size) noexcept;
 
     explicit _tagXMLNode(int32_t type = KWXML_ELEMENT) : Type(type) {}
     _tagXMLNode(const _tagXMLNode&) = delete;
