@@ -114,8 +114,12 @@ const char* Parser::Attributes(_tagXMLNode* node, const char* p, bool declaratio
             Error(KWXML_ATTR_NO_VALUE, p, KString::Format("<%s> attribute has error ", node->Name.c_str()));
             return nullptr;
         }
-        _tagXMLAttr* attr = node->AppendAttr("", "");
-        attr->name.Assign(p, static_cast<size_t>(eq - p));
+        // Most tags with attributes have a few: one block for the first four.
+        if (node->Attrs.capacity() == 0) node->Attrs.reserve(4);
+        auto made = std::make_unique<_tagXMLAttr>();
+        made->name.Assign(p, static_cast<size_t>(eq - p));
+        _tagXMLAttr* attr = node->AppendAttr(made.get());
+        made.release();
         const char* v = SkipBlanks(eq + 1);
         if (*v == '"' || *v == '\'') {
             const char* close = FindUnescaped(v + 1, *v);
@@ -180,7 +184,9 @@ const char* Parser::Others(_tagXMLNode* parent, _tagXMLDocument* doc, const char
             continue;
         }
         int32_t type;
-        if (std::strncmp(q, "<!--", 4) == 0) {
+        if (q[1] != '!') {
+            return p == start ? start : q;
+        } else if (std::strncmp(q, "<!--", 4) == 0) {
             type = KWXML_COMMENT;
         } else if (strncasecmp(q, "<![CDATA[", 9) == 0) {
             type = KWXML_CDATA;

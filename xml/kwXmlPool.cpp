@@ -49,7 +49,10 @@ void Release(Slab* slab) noexcept {
 // The thread's current slab; the thread's hold on it ends with the thread.
 struct Current {
     Slab* slab = nullptr;
-    ~Current() { Release(slab); }
+    ~Current() {
+        Release(slab);
+        slab = nullptr;
+    }
 };
 thread_local Current t_current;
 
