@@ -28,13 +28,19 @@ const std::string& Document(size_t megabytes) {
     text = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<catalog>\n";
     for (size_t i = 0; text.size() < bytes; ++i) {
         const std::string n = std::to_string(i);
-        text += "  <item id=\"" + n + "\" sku=\"SKU-" + n + "-X\" available=\"true\">\n"
-                "    <name>Item number " + n + " &amp; friends</name>\n"
-                "    <price currency=\"EUR\">" + std::to_string(i % 1000) + ".99</price>\n"
+        text += "  <item id=\"" + n + "\" sku=\"SKU-" + n +
+                "-X\" available=\"true\">\n"
+                "    <name>Item number " +
+                n +
+                " &amp; friends</name>\n"
+                "    <price currency=\"EUR\">" +
+                std::to_string(i % 1000) +
+                ".99</price>\n"
                 "    <tags><tag>alpha</tag><tag>beta</tag><tag>gamma</tag></tags>\n";
         if (i % 8 == 0) text += "    <!-- reviewed -->\n    <notes><![CDATA[a < b && c > d]]></notes>\n";
-        text += "    <description>A longer text that describes the item in a sentence or two, "
-                "with &lt;markup&gt; written as references.</description>\n  </item>\n";
+        text +=
+            "    <description>A longer text that describes the item in a sentence or two, "
+            "with &lt;markup&gt; written as references.</description>\n  </item>\n";
     }
     text += "</catalog>\n";
     return text;
@@ -77,7 +83,8 @@ void BM_Kwz(benchmark::State& state) {
 void BM_Pugixml(benchmark::State& state) {
     Run(state, [](const std::string& text, size_t before, auto pause) {
         pugi::xml_document doc;
-        if (!doc.load_buffer(text.data(), text.size(), pugi::parse_default | pugi::parse_comments)) std::abort();
+        if (!doc.load_buffer(text.data(), text.size(), pugi::parse_default | pugi::parse_comments))
+            std::abort();
         const size_t held = HeapInUse() - before;
         pause();
         return held;
@@ -97,7 +104,8 @@ void BM_Tinyxml2(benchmark::State& state) {
 }  // namespace
 
 // Args: megabytes, and 1 to count the free with the parse.
-#define KWZ_XML_SIZES ->ArgsProduct({{1, 50}, {0, 1}})->ArgNames({"MB", "cycle"})->Unit(benchmark::kMillisecond)
+#define KWZ_XML_SIZES \
+    ->ArgsProduct({{1, 50}, {0, 1}})->ArgNames({"MB", "cycle"})->Unit(benchmark::kMillisecond)
 BENCHMARK(BM_Kwz) KWZ_XML_SIZES;
 BENCHMARK(BM_Pugixml) KWZ_XML_SIZES;
 BENCHMARK(BM_Tinyxml2) KWZ_XML_SIZES;

@@ -42,14 +42,10 @@ TEST(kstring, Compare) {
         int exact;
         int noCase;
     } cases[] = {
-        {"", "", 0, 0},
-        {"abc", "abc", 0, 0},
-        {"abc", "ABC", 1, 0},
-        {"abc", "abd", -1, -1},
-        {"ab", "abc", -1, -1},
-        {"abc", "ab", 1, 1},
-        {"\xE0\xFF", "\xC0\xDF", 1, 0},  // Windows-1251 а я / А Я
-        {"\xB8", "\xA8", 1, 1},          // ё is not folded
+        {"", "", 0, 0},         {"abc", "abc", 0, 0}, {"abc", "ABC", 1, 0},           {"abc", "abd", -1, -1},
+        {"ab", "abc", -1, -1},  {"abc", "ab", 1, 1},  {"\xE0\xFF", "\xC0\xDF", 1, 0},  // Windows-1251 а я / А
+                                                                                       // Я
+        {"\xB8", "\xA8", 1, 1},  // ё is not folded
         {"[", "{", -1, -1},
     };
     for (const auto& c : cases) {

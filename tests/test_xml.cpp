@@ -21,10 +21,10 @@ namespace {
 struct ParseCase {
     const char* text;
     int32_t flags;
-    int32_t code;      // result of KWXmlSetXmlEx
-    int32_t position;  // error offset
-    const char* tree;  // Dump of the document after the parse
-    const char* error; // KWXmlError
+    int32_t code;       // result of KWXmlSetXmlEx
+    int32_t position;   // error offset
+    const char* tree;   // Dump of the document after the parse
+    const char* error;  // KWXmlError
 };
 
 const ParseCase kParseCases[] = {
@@ -34,10 +34,10 @@ const ParseCase kParseCases[] = {
     {"<a>x<b/>y</a>", 0, 0, 0, "a\"y\"(b)", ""},
     {"<a>x<b/></a>", 0, 0, 0, "a\"x\"(b)", ""},  // an empty run keeps the earlier text
     {"<a>\n <b>1</b>\n</a>", 0, 0, 0, "a\"\n\"(b\"1\")", ""},
-    {"junk <a/> <b/> more", 0, 0, 0, "a", ""},  // text around and a second root are skipped
+    {"junk <a/> <b/> more", 0, 0, 0, "a", ""},     // text around and a second root are skipped
     {"<a>< x='1'/>t</a>", 0, 0, 0, "a\"t\"", ""},  // a nameless child is dropped
     {"<a></ a>", 0, 0, 0, "a", ""},
-    {"<a><b></b >t</a>", 0, 0, 0, "a\">t\"(b)", ""},  // the close tag ends at its blank
+    {"<a><b></b >t</a>", 0, 0, 0, "a\">t\"(b)", ""},        // the close tag ends at its blank
     {"<a x><b y='1'/></a>", 0, 0, 0, "a[x><b\\ y=1]", ""},  // "=" is searched past the tag
     {"<a x=1 y=\"2\" z='3'>t</a>", 0, 0, 0, "a[x=1;y=2;z=3]\"t\"", ""},
     {"<a x = '1'/>", 0, 0, 0, "a[x\\ =1]", ""},
@@ -54,8 +54,8 @@ const ParseCase kParseCases[] = {
     {"<![CDATA[top]]><a/>", 0, 0, 0, "#d\"top\" a", ""},
     // References and the escape character.
     {"<a>&lt;x&gt;</a>", 0, 0, 0, "a\"<x>\"", ""},
-    {"<a v='&quot;&apos;&amp;'>&#65;&#x42;&#0;&bogus;&amp</a>", 0, 0, 0,
-     "a[v=\\\"'&]\"AB&#0;&bogus;&amp\"", ""},
+    {"<a v='&quot;&apos;&amp;'>&#65;&#x42;&#0;&bogus;&amp</a>", 0, 0, 0, "a[v=\\\"'&]\"AB&#0;&bogus;&amp\"",
+     ""},
     {"<a>&lt;</a>", KWXML_PARSE_NO_ENTITIES, 0, 0, "a\"&lt;\"", ""},
     {"<a>x\\<y</a>", 0, 0, 0, "a\"x\\\\<y\"", ""},
     {"<a v=\"q\\\"q\"/>", 0, 0, 0, "a[v=q\\\\\\\"q]", ""},
@@ -154,8 +154,11 @@ TEST(xml, NewNodesOfEveryKind) {
     const struct {
         int32_t kind;
         const char* name;
-    } kinds[] = {{KWXML_ELEMENT, ""}, {KWXML_DECLARATION, ""}, {KWXML_COMMENT, "#COMMENT"},
-                 {KWXML_CDATA, "#CDATA"}, {KWXML_DOCUMENT, ""}};
+    } kinds[] = {{KWXML_ELEMENT, ""},
+                 {KWXML_DECLARATION, ""},
+                 {KWXML_COMMENT, "#COMMENT"},
+                 {KWXML_CDATA, "#CDATA"},
+                 {KWXML_DOCUMENT, ""}};
     for (const auto& k : kinds) {
         Node n(k.kind);
         ASSERT_NE(n.p, nullptr);
@@ -180,8 +183,7 @@ const WriteCase kWriteCases[] = {
     // Only what must be hidden, unless all references are asked for.
     {"<a v='&quot;&apos;&lt;&gt;&amp;'>&quot;&apos;&lt;&gt;&amp;</a>", 0,
      "<a v=\"&quot;'&lt;&gt;&amp;\">\"'&lt;&gt;&amp;</a>"},
-    {"<a v='&quot;&apos;'>&quot;&apos;</a>", KWXML_REFERENCES,
-     "<a v=\"&quot;&apos;\">&quot;&apos;</a>"},
+    {"<a v='&quot;&apos;'>&quot;&apos;</a>", KWXML_REFERENCES, "<a v=\"&quot;&apos;\">&quot;&apos;</a>"},
     // A trailing escape character cannot hide the delimiter after it.
     {"<a v='x\\\\'>y\\\\<b/>z\\\\</a>", 0, "<a v=\"x\\&#92;\"><b/>z\\&#92;</a>"},
     {"<a><b>1</b><c/>t</a>", KWXML_NEWLINES, "<a>\r\n<b>1</b>\r\n<c/>\r\nt\r\n</a>\r\n"},
@@ -221,7 +223,8 @@ TEST(xml, EntityConversions) {
         {"", "", ""},
         {"plain", "plain", "plain"},
         {"<a & \"b\" 'c'>", "&lt;a &amp; &quot;b&quot; &apos;c&apos;&gt;", "<a & \"b\" 'c'>"},
-        {"&lt;&amp;lt;&#x263A;&#1044;&#99999999;&#;&", "&amp;lt;&amp;amp;lt;&amp;#x263A;&amp;#1044;&amp;#99999999;&amp;#;&amp;",
+        {"&lt;&amp;lt;&#x263A;&#1044;&#99999999;&#;&",
+         "&amp;lt;&amp;amp;lt;&amp;#x263A;&amp;#1044;&amp;#99999999;&amp;#;&amp;",
          "<&lt;\xE2\x98\xBA\xD0\x94&#99999999;&#;&"},
     };
     for (const auto& c : cases) {
@@ -238,7 +241,8 @@ TEST(xml, EntityConversions) {
 
 TEST(xml, NavigationIgnoresCaseAndFindsInDocumentOrder) {
     Node doc;
-    ASSERT_EQ(KWXmlSetXml(doc, "<r><a id='1'><x n='deep'/></a><X n='late'/><b Id='2' id='3'/></r>", nullptr), 0);
+    ASSERT_EQ(KWXmlSetXml(doc, "<r><a id='1'><x n='deep'/></a><X n='late'/><b Id='2' id='3'/></r>", nullptr),
+              0);
     _tagXMLNode* r = KWXmlNodeGet(doc, "R");
     ASSERT_NE(r, nullptr);
     EXPECT_EQ(KWXmlOwner(r), doc.p);
@@ -267,8 +271,8 @@ TEST(xml, EditingNodesAndAttributes) {
     ASSERT_NE(b, nullptr);
     EXPECT_EQ(KWXmlOwner(b), doc.p);
     EXPECT_EQ(KWXmlAttrSet(b, "k", "1"), 0);
-    EXPECT_EQ(KWXmlAttrSet(b, "K", "2"), 0);     // same attribute
-    EXPECT_EQ(KWXmlAttrAdd(b, "k", "3"), 1);     // a second one
+    EXPECT_EQ(KWXmlAttrSet(b, "K", "2"), 0);  // same attribute
+    EXPECT_EQ(KWXmlAttrAdd(b, "k", "3"), 1);  // a second one
     EXPECT_EQ(KWXmlAttrSetN(b, 1, "4"), 0);
     EXPECT_EQ(KWXmlAttrSetN(b, 2, "x"), KWXML_BADARG);
     EXPECT_EQ(KWXmlSetName(KWXmlNodeGetN(r, 0), "first"), 0);

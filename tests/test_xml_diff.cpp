@@ -81,8 +81,7 @@ bool PugiHead(std::string& out, pugi::xml_node n) {
         }
         return true;
     }
-    default:
-        return false;
+    default: return false;
     }
 }
 
@@ -128,7 +127,8 @@ std::string PugiDump(const pugi::xml_document& doc) {
 void Compare(const std::string& text) {
     pugi::xml_document pugiDoc;
     const pugi::xml_parse_result parsed = pugiDoc.load_buffer(text.data(), text.size(), kPugiFlags);
-    ASSERT_TRUE(parsed) << "the sample is not well-formed: " << parsed.description() << " at " << parsed.offset;
+    ASSERT_TRUE(parsed) << "the sample is not well-formed: " << parsed.description() << " at "
+                        << parsed.offset;
     Node doc;
     int32_t position = 0;
     ASSERT_EQ(KWXmlSetXml(doc, text.c_str(), &position), 0) << KWXmlError(doc) << " at " << position;
@@ -208,8 +208,9 @@ private:
     // Character data; quote is the attribute's delimiter (0 in text).
     std::string Chars(char quote) {
         static const char* const pieces[] = {
-            "a", "Z", "9", " ", "\t", "\n", "\r\n", "&amp;", "&lt;", "&gt;", "&quot;", "&apos;",
-            "&#65;", "&#x263A;", "\xC3\xA9", "\xE6\x97\xA5", "\\n", ">", "'", "\"", "-", "]",
+            "a",    "Z",    "9",      " ",      "\t",    "\n",       "\r\n",     "&amp;",
+            "&lt;", "&gt;", "&quot;", "&apos;", "&#65;", "&#x263A;", "\xC3\xA9", "\xE6\x97\xA5",
+            "\\n",  ">",    "'",      "\"",     "-",     "]",
         };
         std::string s;
         for (uint32_t i = Pick(12); i > 0; --i) {

@@ -17,9 +17,7 @@ constexpr bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c 
 
 // Latin a..z and Windows-1251 Cyrillic а..я fold to upper case, as the
 // library's other case-insensitive comparisons do (ё is left alone there too).
-constexpr unsigned FoldCase(unsigned char c) {
-    return (c >= 0x61 && c <= 0x7A) || c >= 0xE0 ? c - 0x20u : c;
-}
+constexpr unsigned FoldCase(unsigned char c) { return (c >= 0x61 && c <= 0x7A) || c >= 0xE0 ? c - 0x20u : c; }
 
 }  // namespace
 

@@ -85,23 +85,28 @@ KWZ_API const char* KWXmlError(_tagXMLNode* document) {
 }
 
 KWZ_API int32_t KWXmlType(_tagXMLNode* node) {
-    return kwz::CEdge<int32_t>("Kwz.kwXml.KWXmlType", kBadArg, kBadArg, [&]() -> int32_t { return node ? node->Type : kBadArg; });
+    return kwz::CEdge<int32_t>("Kwz.kwXml.KWXmlType", kBadArg, kBadArg,
+                               [&]() -> int32_t { return node ? node->Type : kBadArg; });
 }
 
 KWZ_API _tagXMLNode* KWXmlOwner(_tagXMLNode* node) {
-    return kwz::CEdge<_tagXMLNode*>("Kwz.kwXml.KWXmlOwner", nullptr, nullptr, [&]() -> _tagXMLNode* { return node ? node->Owner : nullptr; });
+    return kwz::CEdge<_tagXMLNode*>("Kwz.kwXml.KWXmlOwner", nullptr, nullptr,
+                                    [&]() -> _tagXMLNode* { return node ? node->Owner : nullptr; });
 }
 
 KWZ_API _tagXMLNode* KWXmlParent(_tagXMLNode* node) {
-    return kwz::CEdge<_tagXMLNode*>("Kwz.kwXml.KWXmlParent", nullptr, nullptr, [&]() -> _tagXMLNode* { return node ? node->Parent : nullptr; });
+    return kwz::CEdge<_tagXMLNode*>("Kwz.kwXml.KWXmlParent", nullptr, nullptr,
+                                    [&]() -> _tagXMLNode* { return node ? node->Parent : nullptr; });
 }
 
 KWZ_API const char* KWXmlGetName(_tagXMLNode* node) {
-    return kwz::CEdge<const char*>("Kwz.kwXml.KWXmlGetName", nullptr, nullptr, [&]() -> const char* { return node ? Text(node->Name) : nullptr; });
+    return kwz::CEdge<const char*>("Kwz.kwXml.KWXmlGetName", nullptr, nullptr,
+                                   [&]() -> const char* { return node ? Text(node->Name) : nullptr; });
 }
 
 KWZ_API const char* KWXmlGetVal(_tagXMLNode* node) {
-    return kwz::CEdge<const char*>("Kwz.kwXml.KWXmlGetVal", nullptr, nullptr, [&]() -> const char* { return node ? Text(node->Value) : nullptr; });
+    return kwz::CEdge<const char*>("Kwz.kwXml.KWXmlGetVal", nullptr, nullptr,
+                                   [&]() -> const char* { return node ? Text(node->Value) : nullptr; });
 }
 
 KWZ_API int32_t KWXmlSetName(_tagXMLNode* node, const char* name) {
@@ -121,15 +126,19 @@ KWZ_API int32_t KWXmlSetVal(_tagXMLNode* node, const char* value) {
 }
 
 KWZ_API int32_t KWXmlCount(_tagXMLNode* node) {
-    return kwz::CEdge<int32_t>("Kwz.kwXml.KWXmlCount", 0, 0, [&]() -> int32_t { return node ? node->GetChildCount() : 0; });
+    return kwz::CEdge<int32_t>("Kwz.kwXml.KWXmlCount", 0, 0,
+                               [&]() -> int32_t { return node ? node->GetChildCount() : 0; });
 }
 
 KWZ_API _tagXMLNode* KWXmlNodeGetN(_tagXMLNode* node, int32_t index) {
-    return kwz::CEdge<_tagXMLNode*>("Kwz.kwXml.KWXmlNodeGetN", nullptr, nullptr, [&]() -> _tagXMLNode* { return node ? node->GetChild(index) : nullptr; });
+    return kwz::CEdge<_tagXMLNode*>("Kwz.kwXml.KWXmlNodeGetN", nullptr, nullptr,
+                                    [&]() -> _tagXMLNode* { return node ? node->GetChild(index) : nullptr; });
 }
 
 KWZ_API _tagXMLNode* KWXmlNodeGet(_tagXMLNode* node, const char* name) {
-    return kwz::CEdge<_tagXMLNode*>("Kwz.kwXml.KWXmlNodeGet", nullptr, nullptr, [&]() -> _tagXMLNode* { return node && name ? node->GetChild(name) : nullptr; });
+    return kwz::CEdge<_tagXMLNode*>("Kwz.kwXml.KWXmlNodeGet", nullptr, nullptr, [&]() -> _tagXMLNode* {
+        return node && name ? node->GetChild(name) : nullptr;
+    });
 }
 
 KWZ_API _tagXMLNode* KWXmlFind(_tagXMLNode* node, const char* name) {
@@ -163,7 +172,8 @@ KWZ_API int32_t KWXmlDel(_tagXMLNode* node, int32_t index) {
 }
 
 KWZ_API int32_t KWXmlAttrCount(_tagXMLNode* node) {
-    return kwz::CEdge<int32_t>("Kwz.kwXml.KWXmlAttrCount", 0, 0, [&]() -> int32_t { return node ? node->GetAttrCount() : 0; });
+    return kwz::CEdge<int32_t>("Kwz.kwXml.KWXmlAttrCount", 0, 0,
+                               [&]() -> int32_t { return node ? node->GetAttrCount() : 0; });
 }
 
 KWZ_API const char* KWXmlAttrName(_tagXMLNode* node, int32_t index) {
@@ -174,7 +184,8 @@ KWZ_API const char* KWXmlAttrName(_tagXMLNode* node, int32_t index) {
 }
 
 KWZ_API int32_t KWXmlAttrIdx(_tagXMLNode* node, const char* name) {
-    return kwz::CEdge<int32_t>("Kwz.kwXml.KWXmlAttrIdx", -1, -1, [&]() -> int32_t { return node && name ? node->GetAttrIdx(name) : -1; });
+    return kwz::CEdge<int32_t>("Kwz.kwXml.KWXmlAttrIdx", -1, -1,
+                               [&]() -> int32_t { return node && name ? node->GetAttrIdx(name) : -1; });
 }
 
 KWZ_API const char* KWXmlAttrGetN(_tagXMLNode* node, int32_t index) {
@@ -185,7 +196,9 @@ KWZ_API const char* KWXmlAttrGetN(_tagXMLNode* node, int32_t index) {
 }
 
 KWZ_API const char* KWXmlAttrGet(_tagXMLNode* node, const char* name) {
-    return kwz::CEdge<const char*>("Kwz.kwXml.KWXmlAttrGet", nullptr, nullptr, [&]() -> const char* { return node && name ? node->GetAttrValue(name) : nullptr; });
+    return kwz::CEdge<const char*>("Kwz.kwXml.KWXmlAttrGet", nullptr, nullptr, [&]() -> const char* {
+        return node && name ? node->GetAttrValue(name) : nullptr;
+    });
 }
 
 KWZ_API int32_t KWXmlAttrSet(_tagXMLNode* node, const char* name, const char* value) {
@@ -228,4 +241,3 @@ KWZ_API int32_t KWXmlAttrDelN(_tagXMLNode* node, int32_t index) {
 }
 
 }  // extern "C"
-

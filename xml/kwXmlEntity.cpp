@@ -51,10 +51,14 @@ size_t NumericReference(const char* p, const char* end, unsigned long* cp) {
     for (; q < end && q - digits < 8; ++q) {
         const char c = *q;
         int d;
-        if (c >= '0' && c <= '9') d = c - '0';
-        else if (hex && c >= 'a' && c <= 'f') d = c - 'a' + 10;
-        else if (hex && c >= 'A' && c <= 'F') d = c - 'A' + 10;
-        else break;
+        if (c >= '0' && c <= '9')
+            d = c - '0';
+        else if (hex && c >= 'a' && c <= 'f')
+            d = c - 'a' + 10;
+        else if (hex && c >= 'A' && c <= 'F')
+            d = c - 'A' + 10;
+        else
+            break;
         v = v * (hex ? 16 : 10) + static_cast<unsigned long>(d);
     }
     if (q == digits || q >= end || *q != ';' || v == 0 || v > 0x10FFFF) return 0;

@@ -59,7 +59,8 @@ bool NameIs(const KString& name, const char* wanted) { return wanted && name.Equ
 
 template <typename T>
 T* At(const std::vector<T*>& list, int32_t index) {
-    return index >= 0 && static_cast<size_t>(index) < list.size() ? list[static_cast<size_t>(index)] : nullptr;
+    return index >= 0 && static_cast<size_t>(index) < list.size() ? list[static_cast<size_t>(index)]
+                                                                  : nullptr;
 }
 
 }  // namespace
@@ -158,7 +159,11 @@ _tagXMLNode* _tagXMLNode::AppendChild(_tagXMLNode* node) {
     // Everything that can fail happens before the branch moves.
     std::vector<_tagXMLNode*> branch;
     kwz::xml::Walk(
-        node, [&](const _tagXMLNode* n) { branch.push_back(const_cast<_tagXMLNode*>(n)); return true; },
+        node,
+        [&](const _tagXMLNode* n) {
+            branch.push_back(const_cast<_tagXMLNode*>(n));
+            return true;
+        },
         [](const _tagXMLNode*) {});
     Childs.reserve(Childs.size() + 1);
     if (node->Parent) {
@@ -276,7 +281,12 @@ _tagXMLNode* _tagXMLNode::CopyBranch() const {
 int32_t _tagXMLNode::CalcRefCount() const {
     int64_t sum = 0;
     kwz::xml::Walk(
-        this, [&](const _tagXMLNode* n) { sum += n->CalcRef; return true; }, [](const _tagXMLNode*) {});
+        this,
+        [&](const _tagXMLNode* n) {
+            sum += n->CalcRef;
+            return true;
+        },
+        [](const _tagXMLNode*) {});
     return static_cast<int32_t>(sum);
 }
 

@@ -124,7 +124,8 @@ const char* Parser::Attributes(_tagXMLNode* node, const char* p, bool declaratio
         if (*v == '"' || *v == '\'') {
             const char* close = FindUnescaped(v + 1, *v);
             if (!close) {
-                Error(KWXML_ATTR_NO_VALUE, p, KString::Format("<%s> attribute has error ", node->Name.c_str()));
+                Error(KWXML_ATTR_NO_VALUE, p,
+                      KString::Format("<%s> attribute has error ", node->Name.c_str()));
                 return nullptr;
             }
             StoreValue(attr->value, v + 1, close);
@@ -274,7 +275,8 @@ const char* Parser::Element(_tagXMLNode* top, const char* p) {
             if (!*e) {
                 Error(KWXML_NOT_CLOSED, p, KString::Format("it must be closed with </%s>", name.c_str()));
                 step = kFailed;
-            } else if (name.length() == static_cast<size_t>(e - c) && std::memcmp(name.c_str(), c, name.length()) == 0) {
+            } else if (name.length() == static_cast<size_t>(e - c) &&
+                       std::memcmp(name.c_str(), c, name.length()) == 0) {
                 p = e + 1;
                 step = kClosed;
             } else if (!m_info.forceParse) {
@@ -291,7 +293,8 @@ const char* Parser::Element(_tagXMLNode* top, const char* p) {
         if (*p != '<') {
             const char* lt = FindUnescaped(p, '<');
             if (!lt) {
-                Error(KWXML_NOT_CLOSED, p, KString::Format("it must be closed with </%s>", cur->Name.c_str()));
+                Error(KWXML_NOT_CLOSED, p,
+                      KString::Format("it must be closed with </%s>", cur->Name.c_str()));
                 step = kFailed;
                 continue;
             }

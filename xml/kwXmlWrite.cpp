@@ -79,8 +79,7 @@ void Writer::EndLine() {
 
 bool Writer::Open(const _tagXMLNode* node, size_t depth) {
     switch (node->Type) {
-    case KWXML_DOCUMENT:
-        return true;
+    case KWXML_DOCUMENT: return true;
     case KWXML_DECLARATION:
         Indent(depth);
         m_out.Append("<?", 2);
@@ -99,8 +98,7 @@ bool Writer::Open(const _tagXMLNode* node, size_t depth) {
         EndLine();
         return false;
     }
-    default:
-        break;
+    default: break;
     }
     Indent(depth);
     m_out.Append('<');
