@@ -18,13 +18,17 @@
 
 #include "base/kwMem.h"
 
+// Under AddressSanitizer every object gets a slab of its own that no thread
+// holds, so that a leaked or freed node is seen exactly as a heap block is.
 #if defined(__SANITIZE_ADDRESS__)
 #include <sanitizer/asan_interface.h>
 #define KWZ_POISON(p, n) ASAN_POISON_MEMORY_REGION(p, n)
 #define KWZ_UNPOISON(p, n) ASAN_UNPOISON_MEMORY_REGION(p, n)
+constexpr bool kSlabPerObject = true;
 #else
 #define KWZ_POISON(p, n) ((void)(p), (void)(n))
 #define KWZ_UNPOISON(p, n) ((void)(p), (void)(n))
+constexpr bool kSlabPerObject = false;
 #endif
 
 namespace {
@@ -62,16 +66,21 @@ void* PoolAlloc(size_t size) {
     // Each object counts as one allocation for the fault-injection tests.
     if (kwz::FaultCheck()) throw std::bad_alloc();
     const size_t need = kHeader + RoundUp(size);
-    Slab* slab = t_current.slab;
+    Slab* slab = kSlabPerObject ? nullptr : t_current.slab;
     if (!slab || slab->size - slab->used < need) {
-        const size_t room = need > kSlabBytes ? need : kSlabBytes;
+        const size_t room = need > kSlabBytes || kSlabPerObject ? need : kSlabBytes;
         auto* fresh = static_cast<Slab*>(std::malloc(offsetof(Slab, data) + room));
         if (!fresh) throw std::bad_alloc();
         new (&fresh->refs) std::atomic<int64_t>(1);
         fresh->used = 0;
         fresh->size = room;
-        Release(slab);
-        t_current.slab = slab = fresh;
+        if (kSlabPerObject) {
+            fresh->refs.store(0, std::memory_order_relaxed);  // no thread holds it
+            slab = fresh;
+        } else {
+            Release(slab);
+            t_current.slab = slab = fresh;
+        }
     }
     char* block = slab->data + slab->used;
     slab->used += need;
