@@ -10,10 +10,11 @@
 #include <utility>
 
 #include "base/kwMem.h"
+#include "text/kwText.h"
 
 namespace {
 
-constexpr bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
+using kwz::text::IsBlank;
 
 // Latin a..z and Windows-1251 Cyrillic а..я fold to upper case, as the
 // library's other case-insensitive comparisons do (ё is left alone there too).

@@ -11,13 +11,14 @@
 #include <memory>
 
 #include "xml/kwXmlTree.h"
+#include "text/kwText.h"
 
 namespace {
 
+using kwz::text::IsBlank;
+
 using kwz::xml::Adopt;
 using kwz::xml::NewNode;
-
-constexpr bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
 
 const char* SkipBlanks(const char* p) {
     while (IsBlank(*p)) ++p;
