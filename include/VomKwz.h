@@ -877,7 +877,8 @@ struct KWZ_API _tagXMLNode {
     const char* GetAttrValue(const char* name) const;
     int32_t GetAttrCount() const { return static_cast<int32_t>(Attrs.size()); }
 
-    /* New detached node or attribute (the caller owns it until appended). */
+    /* New detached node (kind 4: a document) or attribute; the caller owns it
+       until it is appended. */
     _tagXMLNode* CreateNode(int32_t type, const char* name = "", const char* value = "") const;
     static _tagXMLAttr* CreateAttr(const char* name, const char* value);
     /* Takes node over (out of its former parent); null for a document, this

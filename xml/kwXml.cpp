@@ -23,8 +23,8 @@ int32_t SetXml(_tagXMLNode* node, const char* text, int32_t flags, int32_t* erro
     info.entityValue = (flags & KWXML_PARSE_NO_ENTITIES) == 0;
     info.forceParse = (flags & KWXML_PARSE_FORCE) != 0;
     info.escapeChar = (flags & KWXML_PARSE_NO_ESCAPE) ? 0 : '\\';
-    if (node->Type == KWXML_DOCUMENT) {
-        static_cast<_tagXMLDocument*>(node)->Load(text, &info);
+    if (auto* document = dynamic_cast<_tagXMLDocument*>(node)) {
+        document->Load(text, &info);
     } else {
         node->Load(text, &info);
         if (node->Document) node->Document->LastError = info.errorText;

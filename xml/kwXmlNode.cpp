@@ -137,6 +137,7 @@ const char* _tagXMLNode::GetAttrValue(const char* name) const {
 }
 
 _tagXMLNode* _tagXMLNode::CreateNode(int32_t type, const char* name, const char* value) const {
+    if (type == KWXML_DOCUMENT) return new _tagXMLDocument();
     auto node = kwz::xml::NewNode(type, nullptr);
     node->Document = Document;
     if (name && *name) node->Name = name;

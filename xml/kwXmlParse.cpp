@@ -338,7 +338,7 @@ _tagParseInfo& OptionsFor(const _tagXMLNode* node, _tagParseInfo* info, _tagPars
 }  // namespace
 
 const char* _tagXMLNode::Load(const char* text, _tagParseInfo* info) {
-    if (Type == KWXML_DOCUMENT) return static_cast<_tagXMLDocument*>(this)->Load(text, info);
+    if (auto* document = dynamic_cast<_tagXMLDocument*>(this)) return document->Load(text, info);
     Type = KWXML_ELEMENT;  // any other node loads as an element
     _tagParseInfo spare;
     _tagParseInfo& options = OptionsFor(this, info, spare);
