@@ -652,7 +652,97 @@ KWZ_API void RC4Code(uint8_t* data, int32_t length, RC4Key* state);
 /* XML documents                                                              */
 /* ======================================================================== */
 
-/* (XML declarations go here) */
+/* Nodes are C++ objects (see the C++ section); C sees opaque handles.  Node
+   kinds: */
+#define KWXML_ELEMENT 0     /* name: the tag; value: its text */
+#define KWXML_DECLARATION 1 /* "<?target ...?>"; its attributes hold the pseudo-attributes */
+#define KWXML_COMMENT 2     /* name "#COMMENT"; value: the text inside */
+#define KWXML_CDATA 3       /* name "#CDATA"; value: the text inside */
+#define KWXML_DOCUMENT 4
+/* Results: 0, a parse error 1..4, or a failure. */
+#define KWXML_OK 0
+#define KWXML_ALONE_NOT_CLOSED 1 /* "Element must be closed." */
+#define KWXML_NOT_CLOSED 2       /* "%s must be closed with </%s>" / "it must be closed with </%s>" */
+#define KWXML_NOT_NESTED 3       /* "'<%s> ... </%s>' is not wel-formed." */
+#define KWXML_ATTR_NO_VALUE 4    /* "<%s> attribute has error " */
+#define KWXML_NOMEM (-1)         /* out of memory; the node is left empty */
+#define KWXML_BADARG (-2)        /* a NULL node or text, an index out of range, a bad child */
+/* KWXmlGetXml options (0: compact text, references only where needed, which
+   parses back into the same tree). */
+#define KWXML_NEWLINES 1   /* "\r\n" after every node */
+#define KWXML_INDENT 2     /* new lines, and two blanks per level */
+#define KWXML_REFERENCES 4 /* all five characters & " ' < > as references */
+/* KWXmlSetXmlEx flags (0: the options of KWXmlSetXml). */
+#define KWXML_PARSE_TRIM 1        /* trim white space from values */
+#define KWXML_PARSE_NO_ENTITIES 2 /* keep references as written */
+#define KWXML_PARSE_FORCE 4       /* accept a closing tag that does not match */
+#define KWXML_PARSE_NO_ESCAPE 8   /* no escape character ('\\' otherwise) */
+
+typedef struct _tagXMLNode _tagXMLNode;
+
+/* A new node of that kind (0..3: no parent, no document; 4: a document with
+   the default parse options), or NULL for another kind.  Freed with KWXmlFree. */
+KWZ_API _tagXMLNode* KWXmlNew(int32_t kind);
+/* Frees a node with everything below it; a node that has a parent is first
+   taken out of its parent's children. */
+KWZ_API void KWXmlFree(_tagXMLNode* node);
+/* Parses text into the node (a document loads as a document, any other node as
+   an element).  Returns 0 or the error code 1..4 with *errorPosition the byte
+   offset of the error in text (0 without error); KWXML_NOMEM, KWXML_BADARG.
+   After a parse error the node keeps what was read before the error (a
+   document keeps no root). */
+KWZ_API int32_t KWXmlSetXml(_tagXMLNode* node, const char* text, int32_t* errorPosition);
+/* As KWXmlSetXml with KWXML_PARSE_... flags. */
+KWZ_API int32_t KWXmlSetXmlEx(_tagXMLNode* node, const char* text, int32_t flags,
+                              int32_t* errorPosition);
+/* The node as text (KWXML_... options); released with KWMemFree; NULL when out
+   of memory or node is NULL. */
+KWZ_API char* KWXmlGetXml(_tagXMLNode* node, int32_t options);
+/* Text of the last parse error of the document (or of the node's document),
+   "" when none; valid until the next parse. */
+KWZ_API const char* KWXmlError(_tagXMLNode* document);
+
+/* Navigation.  Returned texts and nodes belong to the tree and stay valid
+   until it changes.  Names are compared ignoring case. */
+KWZ_API int32_t KWXmlType(_tagXMLNode* node); /* kind, -2 for NULL */
+KWZ_API _tagXMLNode* KWXmlOwner(_tagXMLNode* node);  /* topmost node of the tree it was loaded in */
+KWZ_API _tagXMLNode* KWXmlParent(_tagXMLNode* node);
+KWZ_API const char* KWXmlGetName(_tagXMLNode* node); /* NULL for a NULL node */
+KWZ_API const char* KWXmlGetVal(_tagXMLNode* node);
+KWZ_API int32_t KWXmlSetName(_tagXMLNode* node, const char* name);   /* 0, -1, -2 */
+KWZ_API int32_t KWXmlSetVal(_tagXMLNode* node, const char* value);   /* 0, -1, -2 */
+KWZ_API int32_t KWXmlCount(_tagXMLNode* node);                       /* children */
+KWZ_API _tagXMLNode* KWXmlNodeGetN(_tagXMLNode* node, int32_t index);
+KWZ_API _tagXMLNode* KWXmlNodeGet(_tagXMLNode* node, const char* name); /* first child element */
+/* First element named so below the node, in document order. */
+KWZ_API _tagXMLNode* KWXmlFind(_tagXMLNode* node, const char* name);
+/* Appends child (taking it out of its former parent; the tree takes ownership).
+   Returns its index, or -2 for a document, the node itself or one of its
+   ancestors, -1 out of memory (child unchanged). */
+KWZ_API int32_t KWXmlAdd(_tagXMLNode* node, _tagXMLNode* child);
+/* Appends a new element; the new node, NULL on failure. */
+KWZ_API _tagXMLNode* KWXmlAddNew(_tagXMLNode* node, const char* name, const char* value);
+KWZ_API int32_t KWXmlDel(_tagXMLNode* node, int32_t index); /* frees child index; 0, -2 */
+
+KWZ_API int32_t KWXmlAttrCount(_tagXMLNode* node);
+KWZ_API const char* KWXmlAttrName(_tagXMLNode* node, int32_t index);
+KWZ_API int32_t KWXmlAttrIdx(_tagXMLNode* node, const char* name); /* index, -1 when none */
+KWZ_API const char* KWXmlAttrGetN(_tagXMLNode* node, int32_t index);
+KWZ_API const char* KWXmlAttrGet(_tagXMLNode* node, const char* name);
+/* Sets the first attribute of that name, appending one when there is none. */
+KWZ_API int32_t KWXmlAttrSet(_tagXMLNode* node, const char* name, const char* value);
+KWZ_API int32_t KWXmlAttrSetN(_tagXMLNode* node, int32_t index, const char* value);
+/* Appends an attribute even when one of that name exists; its index. */
+KWZ_API int32_t KWXmlAttrAdd(_tagXMLNode* node, const char* name, const char* value);
+KWZ_API int32_t KWXmlAttrDel(_tagXMLNode* node, const char* name); /* 0, -2 when none */
+KWZ_API int32_t KWXmlAttrDelN(_tagXMLNode* node, int32_t index);
+
+/* The text with & " ' < > replaced by their references (XEntity2Ref), or with
+   the references of the default table and numeric character references
+   replaced by their characters (XRef2Entity).  Released with KWMemFree; NULL
+   for NULL text or out of memory. */
+KWZ_API char* XEntity2Ref(const char* text);
+KWZ_API char* XRef2Entity(const char* text);
 
 
 #ifdef __cplusplus
@@ -667,7 +757,217 @@ KWZ_API void RC4Code(uint8_t* data, int32_t length, RC4Key* state);
 /* (graph classes go here) */
 
 
-/* (XML and KString classes go here) */
+/* XML and KString classes.  Methods throw std::bad_alloc when memory runs out
+   (a failing Load leaves the node empty); nothing else throws.  No operation
+   recurses over the depth of a tree. */
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+/* An owned byte string, always followed by a 0 byte (which c_str() shows);
+   it may hold 0 bytes of its own.  Short texts live inside the object. */
+class KWZ_API KString {
+public:
+    KString() noexcept { m_local[0] = 0; }
+    KString(const char* text);                  /* NULL: empty */
+    KString(const char* bytes, size_t length);
+    KString(const KString& other);
+    KString(KString&& other) noexcept;
+    KString& operator=(const KString& other);
+    KString& operator=(KString&& other) noexcept;
+    KString& operator=(const char* text);
+    ~KString();
+
+    const char* c_str() const noexcept { return m_data; }
+    size_t length() const noexcept { return m_length; }
+    bool empty() const noexcept { return m_length == 0; }
+    char operator[](size_t i) const noexcept { return m_data[i]; }
+
+    KString& Assign(const char* bytes, size_t length);
+    KString& Append(const char* bytes, size_t length);
+    KString& Append(const char* text);
+    KString& Append(char c);
+    KString& Append(const KString& other) { return Append(other.m_data, other.m_length); }
+    KString& AppendFormat(const char* format, ...) __attribute__((format(printf, 2, 3)));
+    static KString Format(const char* format, ...) __attribute__((format(printf, 1, 2)));
+    void Clear() noexcept;
+    void Reserve(size_t capacity);
+    /* Removes blanks (space, tab, CR, LF) at the start, the end, or both. */
+    KString& TrimLeft();
+    KString& TrimRight();
+    KString& Trim();
+    /* Byte order, and ignoring the case of Latin and Windows-1251 Cyrillic letters. */
+    int Compare(const char* text) const;
+    int CompareNoCase(const char* text) const;
+    bool EqualsNoCase(const char* text) const { return CompareNoCase(text) == 0; }
+    bool operator==(const KString& other) const noexcept;
+    bool operator!=(const KString& other) const noexcept { return !(*this == other); }
+    /* Hands the bytes to the caller as a block for KWMemFree; the string is empty after. */
+    char* Detach();
+
+private:
+    static constexpr size_t kLocal = 15;
+    bool IsLocal() const noexcept { return m_data == m_local; }
+    void Grow(size_t need) {
+        if (need > (IsLocal() ? kLocal : m_capacity)) Enlarge(need);
+    }
+    void Enlarge(size_t need);
+
+    char* m_data = m_local;
+    size_t m_length = 0;
+    union {
+        size_t m_capacity;
+        char m_local[kLocal + 1];
+    };
+};
+
+struct _tagXMLNode;
+struct _tagXMLDocument;
+
+/* One entity of a table: the character and its reference ("&amp;"). */
+struct _tagXMLEntity {
+    char entity;
+    const char* ref;
+};
+/* An entity table; Default() is & " ' < > in this order. */
+struct KWZ_API _tagXMLEntitys {
+    const _tagXMLEntity* items;
+    int32_t count;
+    static const _tagXMLEntitys& Default();
+    /* Appends text with the table's references (and "&#N;" numeric references)
+       replaced by their characters; unknown references stay as written. */
+    void Ref2Entity(const char* text, size_t length, KString& out) const;
+    /* Appends text with every character of the table that is also in only
+       (NULL: every one) replaced by its reference. */
+    void Entity2Ref(const char* text, size_t length, KString& out, const char* only = nullptr) const;
+};
+
+/* Parse options and the report of the first error of a parse. */
+struct _tagParseInfo {
+    bool trimValue = false;
+    bool entityValue = true;
+    const _tagXMLEntitys* entities = &_tagXMLEntitys::Default();
+    char escapeChar = '\\'; /* 0: none */
+    bool forceParse = false;
+    bool errorOccurred = false;
+    const char* errorPosition = nullptr;
+    int32_t errorCode = 0;
+    KString errorText;
+};
+
+/* Writing options: "\r\n" after every node, blanks per level, and whether
+   all five references are written (otherwise only where the text needs one).
+   escapeChar: the reader's escape character, which the writer keeps from
+   hiding a delimiter. */
+struct _tagDispOption {
+    bool newLines = false;
+    int32_t indent = 0;
+    bool references = false;
+    char escapeChar = '\\';
+};
+
+struct KWZ_API _tagXMLAttr {
+    KString name;
+    KString value;
+    _tagXMLNode* node = nullptr; /* owning node */
+
+    /* Nodes and attributes come from the library's node pool. */
+    static void* operator new(size_t size);
+    static void operator delete(void* block, size_t size) noexcept;
+};
+
+/* A node.  Children and attributes are owned; Parent is null for a document or
+   a detached node; Owner is the topmost node of the tree it was loaded in. */
+struct KWZ_API _tagXMLNode {
+    KString Name;
+    KString Value;
+    _tagXMLNode* Parent = nullptr;
+    std::vector<_tagXMLNode*> Childs;
+    std::vector<_tagXMLAttr*> Attrs;
+    int32_t Type = KWXML_ELEMENT;
+    _tagXMLDocument* Document = nullptr;
+    _tagXMLNode* Owner = nullptr;
+    int32_t CalcRef = 0; /* references held by calculator values */
+
+    static void* operator new(size_t size);
+    static void operator delete(void* block, size_t size) noexcept;
+
+    explicit _tagXMLNode(int32_t type = KWXML_ELEMENT) : Type(type) {}
+    _tagXMLNode(const _tagXMLNode&) = delete;
+    _tagXMLNode& operator=(const _tagXMLNode&) = delete;
+    virtual ~_tagXMLNode();
+
+    /* Loading: each returns the position after what it read, or null (on a
+       parse error, reported in info, or when the text holds no element). */
+    const char* Load(const char* text, _tagParseInfo* info);
+    const char* LoadAttributes(const char* text, _tagParseInfo* info);
+    const char* LoadComment(const char* text, _tagParseInfo* info);  /* text at "<!--" */
+    const char* LoadCDATA(const char* text, _tagParseInfo* info);    /* text at "<![CDATA[" */
+    const char* LoadProcessingInstrunction(const char* text, _tagParseInfo* info); /* at "<?" */
+
+    /* The node as text (appended to out); GetText: the values of the elements
+       and CDATA sections of the branch in document order. */
+    void GetXML(KString& out, const _tagDispOption* options = nullptr) const;
+    KString GetXML(const _tagDispOption* options = nullptr) const;
+    KString GetText() const;
+
+    _tagXMLNode* GetChild(int32_t index) const;
+    _tagXMLNode* GetChild(const char* name) const; /* first element child of that name */
+    const std::vector<_tagXMLNode*>& GetChilds() const { return Childs; }
+    int32_t GetChildCount() const { return static_cast<int32_t>(Childs.size()); }
+    const char* GetChildValue(const char* name) const;
+    _tagXMLAttr* GetChildAttr(const char* name, const char* attr) const;
+    const char* GetChildAttrValue(const char* name, const char* attr) const;
+    KString GetChildText(const char* name) const;
+    _tagXMLNode* Find(const char* name) const; /* first element below, in document order */
+
+    _tagXMLAttr* GetAttr(int32_t index) const;
+    _tagXMLAttr* GetAttr(const char* name) const;
+    const std::vector<_tagXMLAttr*>& GetAttrs() const { return Attrs; }
+    int32_t GetAttrIdx(const char* name) const; /* -1 when none */
+    const char* GetAttrValue(const char* name) const;
+    int32_t GetAttrCount() const { return static_cast<int32_t>(Attrs.size()); }
+
+    /* New detached node (kind 4: a document) or attribute; the caller owns it
+       until it is appended. */
+    _tagXMLNode* CreateNode(int32_t type, const char* name = "", const char* value = "") const;
+    static _tagXMLAttr* CreateAttr(const char* name, const char* value);
+    /* Takes node over (out of its former parent); null for a document, this
+       node or an ancestor of it.  The branch joins this node's document. */
+    _tagXMLNode* AppendChild(_tagXMLNode* node);
+    _tagXMLNode* AppendChild(const char* name, const char* value);
+    _tagXMLNode* AppendChildBranch(const _tagXMLNode* branch); /* appends a copy */
+    bool RemoveChild(int32_t index);
+    bool RemoveChild(_tagXMLNode* node);
+    _tagXMLNode* DetachChild(int32_t index); /* the caller owns the result */
+    _tagXMLNode* DetachChild(_tagXMLNode* node);
+    _tagXMLAttr* AppendAttr(_tagXMLAttr* attr); /* takes attr over */
+    _tagXMLAttr* AppendAttr(const char* name, const char* value);
+    bool RemoveAttr(int32_t index);
+    bool RemoveAttr(const char* name);
+    _tagXMLAttr* DetachAttr(int32_t index);
+    /* Copies: the node with its attributes, or the whole branch (detached). */
+    _tagXMLNode* CopyNode() const;
+    _tagXMLNode* CopyBranch() const;
+    /* Empties the node: name, value, attributes and children. */
+    void Close() noexcept;
+    /* Calculator references held on the node and everything below it. */
+    int32_t CalcRefCount() const;
+};
+
+/* A document: a node of kind 4, its own document, with default parse options
+   and the text of the last error. */
+struct KWZ_API _tagXMLDocument : _tagXMLNode {
+    _tagParseInfo ParseInfo;
+    KString LastError;
+
+    _tagXMLDocument();
+    ~_tagXMLDocument() override;
+    /* Reads declarations, comments, the root element and what follows it; null
+       on error (the root is then discarded) or when there is no element. */
+    const char* Load(const char* text, _tagParseInfo* info = nullptr);
+    _tagXMLNode* GetRoot() const; /* the first element child */
+};
 
 
 #endif /* __cplusplus */

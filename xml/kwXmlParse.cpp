@@ -1,0 +1,398 @@
+// The forgiving single-pass parser.  It reads what it can, keeps the first
+// error (code, text and position) in the parse options, and leaves the tree
+// read up to the error.  Elements are read by one loop that climbs back up
+// through the parent pointers, so the depth of a document never reaches the
+// C stack.
+#include <VomKwz.h>
+
+#include <strings.h>
+
+#include <cstring>
+#include <memory>
+
+#include "xml/kwXmlTree.h"
+#include "text/kwText.h"
+
+namespace {
+
+using kwz::text::IsBlank;
+
+using kwz::xml::Adopt;
+using kwz::xml::NewNode;
+
+const char* SkipBlanks(const char* p) {
+    while (IsBlank(*p)) ++p;
+    return p;
+}
+
+constexpr char kNameEnd[] = " \t\r\n/>";
+
+class Parser {
+public:
+    explicit Parser(_tagParseInfo& info) : m_info(info) {}
+
+    const char* Element(_tagXMLNode* top, const char* p);
+    const char* Others(_tagXMLNode* parent, _tagXMLDocument* doc, const char* p, bool* completed);
+    const char* Attributes(_tagXMLNode* node, const char* p, bool declaration);
+    const char* Declaration(_tagXMLNode* node, const char* p);
+    const char* Delimited(_tagXMLNode* node, const char* p, int32_t type);
+
+private:
+    enum Step { kOpen, kClosed, kFailed };
+
+    Step OpenTag(_tagXMLNode* node, const char*& p);
+    void Error(int32_t code, const char* at, KString text);
+    void StoreValue(KString& to, const char* begin, const char* end) const;
+    const char* FindUnescaped(const char* p, char wanted) const;
+    static void Discard(_tagXMLNode* parent, _tagXMLNode* node);
+
+    _tagParseInfo& m_info;
+};
+
+void Parser::Error(int32_t code, const char* at, KString text) {
+    if (m_info.errorOccurred) return;  // the first error of a parse stays
+    m_info.errorOccurred = true;
+    m_info.errorPosition = at;
+    m_info.errorCode = code;
+    m_info.errorText = std::move(text);
+}
+
+// A value as the options want it: trimmed, references turned into characters.
+void Parser::StoreValue(KString& to, const char* begin, const char* end) const {
+    if (m_info.trimValue) {
+        while (begin < end && IsBlank(*begin)) ++begin;
+        while (end > begin && IsBlank(end[-1])) --end;
+    }
+    const size_t n = static_cast<size_t>(end - begin);
+    if (m_info.entityValue && m_info.entities && std::memchr(begin, '&', n)) {
+        to.Clear();
+        m_info.entities->Ref2Entity(begin, n, to);
+    } else {
+        to.Assign(begin, n);
+    }
+}
+
+// The next wanted character that the escape character does not hide, or null.
+const char* Parser::FindUnescaped(const char* p, char wanted) const {
+    const char esc = m_info.escapeChar;
+    if (!esc || esc == wanted) return std::strchr(p, wanted);
+    const char stops[3] = {wanted, esc, 0};
+    for (;;) {
+        p += std::strcspn(p, stops);
+        if (*p == wanted) return p;
+        if (!*p || !p[1]) return nullptr;
+        p += 2;
+    }
+}
+
+// A nameless node is dropped once read; it is the last or next-to-last child
+// of its parent (a comment that ended its step may follow it).
+void Parser::Discard(_tagXMLNode* parent, _tagXMLNode* node) {
+    auto& list = parent->Childs;
+    for (size_t i = list.size(); i-- > 0;) {
+        if (list[i] == node) {
+            list.erase(list.begin() + static_cast<std::ptrdiff_t>(i));
+            break;
+        }
+    }
+    delete node;
+}
+
+// attributes: { blanks name "=" blanks ( quoted | unquoted ) } blanks ( ">" | "/" )
+// The "=" is searched without regard to the tag's end, so "<a x><b y='1'/>"
+// gives a the attribute "x><b y": documents written for this reader rely on
+// it, and the writer's output never depends on it.
+const char* Parser::Attributes(_tagXMLNode* node, const char* p, bool declaration) {
+    for (;;) {
+        p = SkipBlanks(p);
+        if (!*p) {
+            Error(KWXML_ALONE_NOT_CLOSED, p, "Element must be closed.");
+            return nullptr;
+        }
+        if (*p == '>' || *p == (declaration ? '?' : '/')) return p;
+        const char* eq = std::strchr(p, '=');
+        if (!eq) {
+            Error(KWXML_ATTR_NO_VALUE, p, KString::Format("<%s> attribute has error ", node->Name.c_str()));
+            return nullptr;
+        }
+        // Most tags with attributes have a few: one block for the first four.
+        if (node->Attrs.capacity() == 0) node->Attrs.reserve(4);
+        auto made = std::make_unique<_tagXMLAttr>();
+        made->name.Assign(p, static_cast<size_t>(eq - p));
+        _tagXMLAttr* attr = node->AppendAttr(made.get());
+        made.release();
+        const char* v = SkipBlanks(eq + 1);
+        if (*v == '"' || *v == '\'') {
+            const char* close = FindUnescaped(v + 1, *v);
+            if (!close) {
+                Error(KWXML_ATTR_NO_VALUE, p,
+                      KString::Format("<%s> attribute has error ", node->Name.c_str()));
+                return nullptr;
+            }
+            StoreValue(attr->value, v + 1, close);
+            p = close + 1;
+        } else {
+            const char* end = v + std::strcspn(v, " \t\r\n>");
+            StoreValue(attr->value, v, end);
+            p = end;
+        }
+    }
+}
+
+// declaration: "<?" name attributes "?>"
+const char* Parser::Declaration(_tagXMLNode* node, const char* p) {
+    node->Type = KWXML_DECLARATION;
+    const char* name = p + 2;
+    const char* e = name + std::strcspn(name, " \t\r\n?>");
+    node->Name.Assign(name, static_cast<size_t>(e - name));
+    p = Attributes(node, e, true);
+    if (!p) return nullptr;
+    if (p[0] == '?' && p[1] == '>') return p + 2;
+    if (*p == '>') return p + 1;
+    const char* end = std::strstr(p, "?>");
+    return end ? end + 2 : p + std::strlen(p);
+}
+
+// comment: "<!--" text "-->"; cdata: "<![CDATA[" text "]]>".  Without its
+// closing delimiter the node runs to the end of the text.
+const char* Parser::Delimited(_tagXMLNode* node, const char* p, int32_t type) {
+    const bool comment = type == KWXML_COMMENT;
+    node->Type = type;
+    node->Name = comment ? "#COMMENT" : "#CDATA";
+    const char* v = p + (comment ? 4 : 9);
+    const char* end = std::strstr(v, comment ? "-->" : "]]>");
+    const char* stop = end ? end : v + std::strlen(v);
+    node->Value.Assign(v, static_cast<size_t>(stop - v));
+    return end ? end + 3 : stop;
+}
+
+// others: { blanks ( declaration | comment | cdata ) }
+// Declarations go to the document; comments and CDATA sections to parent
+// (the document when there is none).  Inside an element a comment or CDATA
+// section ends the step (*completed).  Returns p when nothing was read.
+const char* Parser::Others(_tagXMLNode* parent, _tagXMLDocument* doc, const char* p, bool* completed) {
+    *completed = false;
+    const bool inside = parent && parent->Type != KWXML_DOCUMENT;
+    _tagXMLNode* home = parent ? parent : doc;
+    const char* start = p;
+    for (;;) {
+        const char* q = SkipBlanks(p);
+        if (q[0] != '<') return p == start ? start : q;
+        if (q[1] == '?') {
+            auto node = NewNode(KWXML_DECLARATION, doc);
+            p = Declaration(node.get(), q);
+            if (!p) return nullptr;
+            if (doc) Adopt(doc, std::move(node));
+            continue;
+        }
+        int32_t type;
+        if (q[1] != '!') {
+            return p == start ? start : q;
+        } else if (std::strncmp(q, "<!--", 4) == 0) {
+            type = KWXML_COMMENT;
+        } else if (strncasecmp(q, "<![CDATA[", 9) == 0) {
+            type = KWXML_CDATA;
+        } else {
+            return p == start ? start : q;
+        }
+        auto node = NewNode(type, home);
+        p = Delimited(node.get(), q, type);
+        if (home) Adopt(home, std::move(node));
+        if (inside) {
+            *completed = true;
+            return p;
+        }
+    }
+}
+
+// open tag: "<" name attributes ( "/>" | ">" text ), p at the "<".
+Parser::Step Parser::OpenTag(_tagXMLNode* node, const char*& p) {
+    const char* name = p + 1;
+    const char* e = name + std::strcspn(name, kNameEnd);
+    node->Name.Assign(name, static_cast<size_t>(e - name));
+    p = Attributes(node, e, false);
+    if (!p) return kFailed;
+    if (*p == '/') {
+        if (p[1] == '>') {
+            p += 2;
+            return kClosed;
+        }
+        Error(KWXML_ALONE_NOT_CLOSED, p, "Element must be closed.");
+        return kFailed;
+    }
+    const char* text = p + 1;
+    const char* lt = FindUnescaped(text, '<');
+    if (!lt) {
+        Error(KWXML_NOT_CLOSED, text,
+              KString::Format("%s must be closed with </%s>", node->Name.c_str(), node->Name.c_str()));
+        return kFailed;
+    }
+    StoreValue(node->Value, text, lt);
+    p = lt;
+    return kOpen;
+}
+
+// element: others* ( open-tag content* close-tag | "<" name attributes "/>" )
+// content: text | others | element;  close-tag: "</" blanks name ( blank | ">" )
+// The value of an element is its last run of text.  A child without a name
+// is read and dropped.
+const char* Parser::Element(_tagXMLNode* top, const char* p) {
+    top->Close();
+    for (;;) {
+        p = std::strchr(p, '<');
+        if (!p) return nullptr;
+        if (p[1] == '/') return p;  // the end tag belongs to the caller
+        bool completed = false;
+        const char* q = Others(top->Parent, top->Document, p, &completed);
+        if (!q) return nullptr;
+        if (completed) return q;
+        if (q == p) break;
+        if (*q != '<' && top->Parent && top->Parent->Type != KWXML_DOCUMENT) return q;
+        p = q;
+    }
+    _tagXMLNode* cur = top;
+    Step step = OpenTag(cur, p);
+    for (;;) {
+        if (step == kFailed) {
+            // Up to top, nameless nodes go; named ones stay as read.
+            while (cur != top) {
+                _tagXMLNode* parent = cur->Parent;
+                if (cur->Name.empty()) Discard(parent, cur);
+                cur = parent;
+            }
+            return nullptr;
+        }
+        if (step == kClosed) {
+            if (cur == top) return p;
+            _tagXMLNode* parent = cur->Parent;
+            if (cur->Name.empty()) Discard(parent, cur);
+            cur = parent;
+        }
+        // cur reads its content at p.
+        if (p[0] == '<' && p[1] == '/') {
+            const char* c = SkipBlanks(p + 2);
+            const char* e = c + std::strcspn(c, " \t\r\n>");
+            const KString& name = cur->Name;
+            if (!*e) {
+                Error(KWXML_NOT_CLOSED, p, KString::Format("it must be closed with </%s>", name.c_str()));
+                step = kFailed;
+            } else if (name.length() == static_cast<size_t>(e - c) &&
+                       std::memcmp(name.c_str(), c, name.length()) == 0) {
+                p = e + 1;
+                step = kClosed;
+            } else if (!m_info.forceParse) {
+                const KString close(c, static_cast<size_t>(e - c));
+                Error(KWXML_NOT_NESTED, p,
+                      KString::Format("'<%s> ... </%s>' is not wel-formed.", name.c_str(), close.c_str()));
+                step = kFailed;
+            } else {
+                p = e + 1;
+                step = kOpen;
+            }
+            continue;
+        }
+        if (*p != '<') {
+            const char* lt = FindUnescaped(p, '<');
+            if (!lt) {
+                Error(KWXML_NOT_CLOSED, p,
+                      KString::Format("it must be closed with </%s>", cur->Name.c_str()));
+                step = kFailed;
+                continue;
+            }
+            StoreValue(cur->Value, p, lt);
+            p = lt;
+            step = kOpen;
+            continue;
+        }
+        bool completed = false;
+        const char* q = Others(cur, cur->Document, p, &completed);
+        if (!q) {
+            step = kFailed;
+            continue;
+        }
+        if (q != p) {
+            p = q;
+            step = kOpen;
+            continue;
+        }
+        cur = Adopt(cur, NewNode(KWXML_ELEMENT, cur));
+        step = OpenTag(cur, p);
+    }
+}
+
+void ResetReport(_tagParseInfo& info) {
+    info.errorOccurred = false;
+    info.errorPosition = nullptr;
+    info.errorCode = 0;
+    info.errorText.Clear();
+}
+
+// The options a call runs with: the given ones, else the document's, else
+// the defaults (kept in spare).
+_tagParseInfo& OptionsFor(const _tagXMLNode* node, _tagParseInfo* info, _tagParseInfo& spare) {
+    if (info) return *info;
+    if (node->Document) return node->Document->ParseInfo;
+    return spare;
+}
+
+}  // namespace
+
+const char* _tagXMLNode::Load(const char* text, _tagParseInfo* info) {
+    if (auto* document = dynamic_cast<_tagXMLDocument*>(this)) return document->Load(text, info);
+    Type = KWXML_ELEMENT;  // any other node loads as an element
+    _tagParseInfo spare;
+    _tagParseInfo& options = OptionsFor(this, info, spare);
+    ResetReport(options);
+    try {
+        return Parser(options).Element(this, text ? text : "");
+    } catch (...) {
+        Close();  // out of memory: an empty node, never half a tree
+        throw;
+    }
+}
+
+const char* _tagXMLNode::LoadAttributes(const char* text, _tagParseInfo* info) {
+    _tagParseInfo spare;
+    return Parser(OptionsFor(this, info, spare)).Attributes(this, text ? text : "", false);
+}
+
+const char* _tagXMLNode::LoadComment(const char* text, _tagParseInfo* info) {
+    _tagParseInfo spare;
+    if (!text || std::strncmp(text, "<!--", 4) != 0) return nullptr;
+    return Parser(OptionsFor(this, info, spare)).Delimited(this, text, KWXML_COMMENT);
+}
+
+const char* _tagXMLNode::LoadCDATA(const char* text, _tagParseInfo* info) {
+    _tagParseInfo spare;
+    if (!text || strncasecmp(text, "<![CDATA[", 9) != 0) return nullptr;
+    return Parser(OptionsFor(this, info, spare)).Delimited(this, text, KWXML_CDATA);
+}
+
+const char* _tagXMLNode::LoadProcessingInstrunction(const char* text, _tagParseInfo* info) {
+    _tagParseInfo spare;
+    if (!text || text[0] != '<' || text[1] != '?') return nullptr;
+    return Parser(OptionsFor(this, info, spare)).Declaration(this, text);
+}
+
+// document: others* element others*
+const char* _tagXMLDocument::Load(const char* text, _tagParseInfo* info) {
+    _tagParseInfo& options = info ? *info : ParseInfo;
+    ResetReport(options);
+    LastError.Clear();
+    Close();
+    try {
+        Parser parser(options);
+        auto root = NewNode(KWXML_ELEMENT, this);
+        const char* p = parser.Element(root.get(), text ? text : "");
+        if (p) {
+            if (!root->Name.empty()) Adopt(this, std::move(root));
+            bool completed = false;
+            p = parser.Others(this, this, p, &completed);
+        }
+        LastError = options.errorText;
+        return p;
+    } catch (...) {
+        Close();
+        throw;
+    }
+}
