@@ -98,6 +98,20 @@ foreach(_line IN LISTS _kwz_api_lines)
   string(REGEX MATCH "([A-Za-z_][A-Za-z_0-9]*)\\(" _m "${_line}")
   string(APPEND _kwz_exports "    ${CMAKE_MATCH_1};\n")
 endforeach()
+# The C++ classes the header declares "class KWZ_API Name" / "struct KWZ_API
+# Name" leave the library with their members, vtables and type information.
+file(STRINGS "${PROJECT_SOURCE_DIR}/include/VomKwz.h" _kwz_class_lines
+     REGEX "^(class|struct) KWZ_API [A-Za-z_][A-Za-z_0-9]*")
+set(_kwz_cxx "")
+foreach(_line IN LISTS _kwz_class_lines)
+  string(REGEX MATCH "KWZ_API ([A-Za-z_][A-Za-z_0-9]*)" _m "${_line}")
+  set(_c "${CMAKE_MATCH_1}")
+  string(APPEND _kwz_cxx "      ${_c}::*;\n      \"vtable for ${_c}\";\n"
+         "      \"typeinfo for ${_c}\";\n      \"typeinfo name for ${_c}\";\n")
+endforeach()
+if(_kwz_cxx)
+  string(APPEND _kwz_exports "    extern \"C++\" {\n${_kwz_cxx}    };\n")
+endif()
 set(KWZ_VERSION_SCRIPT "${PROJECT_BINARY_DIR}/VomKwz.map")
 file(WRITE "${KWZ_VERSION_SCRIPT}.in" "{\n  global:\n${_kwz_exports}  local: *;\n};\n")
 configure_file("${KWZ_VERSION_SCRIPT}.in" "${KWZ_VERSION_SCRIPT}" COPYONLY)
