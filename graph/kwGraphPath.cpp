@@ -4,6 +4,7 @@
 // only what the previous search marked (the nodes it touched and their
 // half-links), so that a query between near nodes of a large graph costs what
 // it visits; no mark of an earlier search is ever left behind.
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -50,6 +51,7 @@ struct PathSearch {
     TGraphItem& r;
     Nodes wave, next;
     uint32_t depth = 0;
+    std::unordered_set<uint32_t> started;  // ids that have been the start of a pass
 
     // One pass from W's head: waves outward; a node of W met on the way is a
     // target reached (its mark is raised past c + 1).
@@ -119,7 +121,7 @@ struct PathSearch {
                     const uint32_t nodeId = f.node->id;
                     const bool keep = f.unspent != 0;
                     stack.pop_back();
-                    if (keep)
+                    if (keep && !started.count(nodeId))
                         w.AppendNode(nodeId);
                     else
                         w.DeleteNode(nodeId);
@@ -252,12 +254,20 @@ TGraphItem TGraphItem::BuildPath(TGraphNode& from, TGraphNode& to) {
     w.AppendNode(from.id);
     Nodes& touched = TGraphScratchBegin(*this, scratch_);
     try {
-        PathSearch search{*this, Marker{touched}, w, r, {}, {}};
+        PathSearch search{*this, Marker{touched}, w, r, {}, {}, 0, {}};
         search.wave.reserve(256);
         search.next.reserve(256);
         while (w.nodeCount >= 2) {
+            // The pass's start leaves W after it, for good: the build step
+            // may push nodes at W's head, so the start is named by its id,
+            // and a node that has been a start is never taken back into W.
+            // Without both, W can cycle through the same nodes forever (a
+            // node keeps unspent links, since each pass clears the marks of
+            // what it visits).
+            const uint32_t start = w.nodeFirst->id;
+            search.started.insert(start);
             if (search.Pass()) search.Build();
-            if (w.nodeFirst) w.DeleteNode(w.nodeFirst->id);
+            w.DeleteNode(start);
         }
     } catch (...) {
         ZeroMarks(touched);
