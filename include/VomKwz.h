@@ -647,7 +647,10 @@ KWZ_API TGraphItem* GraphBuildBord(TGraphItem* graph, TGraphItem* seeds, TGraphI
    collects paths wave by wave; GraphBuildPathCut gives exactly the links of
    all shortest paths, each half-link marked 1 at the end nearer from and 2 at
    the end nearer to (GraphLinkMark).  Empty when either node has no links.
-   Both write the path-search marks of graph; NULL when a node is not graph's. */
+   Both write the path-search marks of graph; NULL when a node is not graph's.
+   GraphBuildPath searches again from each node it collects, so its cost grows
+   as the result's size times the connected part's; GraphBuildPathCut costs
+   what its two searches reach. */
 KWZ_API TGraphItem* GraphBuildPath(TGraphItem* graph, TGraphNode* from, TGraphNode* to);
 KWZ_API TGraphItem* GraphBuildPathCut(TGraphItem* graph, TGraphNode* from, TGraphNode* to);
 KWZ_API uint32_t GraphNodeCount(TGraphItem* graph);
