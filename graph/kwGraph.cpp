@@ -276,42 +276,45 @@ TGraphLink* TGraphItem::FindLink(TGraphNode const& a, unsigned int id) const {
     return nullptr;
 }
 
-TGraphNode* TGraphItem::AppendNode(unsigned int id) {
-    if (nodeCount >= hashLimit) SetHashSize(GrownHashSize(nodeCount));
-    if (!hashTable) throw std::bad_alloc();  // not even the first bucket array
+namespace {
+
+// The node with that id, created when absent (created tells which).
+TGraphNode* FindOrCreate(TGraphItem& g, unsigned int id, bool& created) {
+    if (g.nodeCount >= g.hashLimit) g.SetHashSize(GrownHashSize(g.nodeCount));
+    if (!g.hashTable) throw std::bad_alloc();  // not even the first bucket array
     unsigned int bucket;
-    if (TGraphNode* found = FindNode(id, bucket)) return found;
-    TGraphNode* node = TakeNode(*this);
+    created = false;
+    if (TGraphNode* found = g.FindNode(id, bucket)) return found;
+    TGraphNode* node = TakeNode(g);
     node->id = id;
-    node->hashNext = hashTable[bucket];
-    hashTable[bucket] = node;
+    node->hashNext = g.hashTable[bucket];
+    g.hashTable[bucket] = node;
     node->nodePrev = nullptr;
-    node->nodeNext = nodeFirst;
-    if (nodeFirst) nodeFirst->nodePrev = node;
-    nodeFirst = node;
-    ++nodeCount;
+    node->nodeNext = g.nodeFirst;
+    if (g.nodeFirst) g.nodeFirst->nodePrev = node;
+    g.nodeFirst = node;
+    ++g.nodeCount;
+    created = true;
     return node;
 }
 
+}  // namespace
+
+TGraphNode* TGraphItem::AppendNode(unsigned int id) {
+    bool created;
+    return FindOrCreate(*this, id, created);
+}
+
 TGraphNode* TGraphItem::AppendNode(TGraphNode const& source) {
-    // The copied members are taken before the node, so a failure changes nothing.
-    const bool isNew = !FindNode(source.id);
-    std::pair<TGraphNode*, TGraphNode*> chain{nullptr, nullptr};
-    if (source.groupFirst && isNew) chain = CopyGroupChain(*this, source.groupFirst, true);
-    TGraphNode* node;
+    bool created;
+    TGraphNode* node = FindOrCreate(*this, source.id, created);
+    if (node->groupFirst || !source.groupFirst) return node;
     try {
-        node = AppendNode(source.id);
+        // Copied entries are pushed at the head one by one: reversed.
+        node->groupFirst = CopyGroupChain(*this, source.groupFirst, true).first;
     } catch (...) {
-        while (TGraphNode* e = chain.first) {
-            chain.first = e->groupFirst;
-            FreeNodeRecord(*this, e);
-        }
+        if (created) DeleteNode(source.id);  // all or nothing
         throw;
-    }
-    if (!node->groupFirst && source.groupFirst) {
-        // Only an existing node without a group list can get here with no chain.
-        if (!chain.first) chain = CopyGroupChain(*this, source.groupFirst, true);
-        node->groupFirst = chain.first;
     }
     return node;
 }

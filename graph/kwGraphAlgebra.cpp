@@ -12,6 +12,17 @@ using kwz::graph::SharedHeap;
 
 bool PassAll(uint32_t, uint32_t, void*) { return true; }
 
+// Takes `far` into r and links n to it; a node that was not there yet can
+// have no link, so the search for an existing one is skipped.
+void LinkTo(TGraphItem& r, TGraphNode& n, TGraphNode const& far) {
+    const uint32_t before = r.nodeCount;
+    TGraphNode* to = r.AppendNode(far);
+    if (r.nodeCount != before)
+        kwz::graph::AppendNewLink(r, n, *to);
+    else
+        r.AppendLink(n, *to);
+}
+
 // Expands the nodes of r from its head down to (not including) stop along b's
 // links that the filter lets in; new nodes are pushed at r's head.
 void ExpandOnce(TGraphItem& r, TGraphNode* head, TGraphNode* stop, TGraphItem const& b,
@@ -22,7 +33,7 @@ void ExpandOnce(TGraphItem& r, TGraphNode* head, TGraphNode* stop, TGraphItem co
         for (TGraphLink* h = nb->linkFirst; h; h = h->next) {
             TGraphNode const& far = *h->pair->owner;
             if (!filter(f->id, far.id, context)) continue;
-            r.AppendLink(*f, *r.AppendNode(far));
+            LinkTo(r, *f, far);
         }
     }
 }
@@ -72,7 +83,7 @@ TGraphItem TGraphItem::operator+(TGraphItem const& b) const {
     TGraphItem r(*this);
     for (TGraphNode* nb = b.nodeFirst; nb; nb = nb->nodeNext) {
         TGraphNode* rn = r.AppendNode(*nb);
-        for (TGraphLink* h = nb->linkFirst; h; h = h->next) r.AppendLink(*rn, *r.AppendNode(*h->pair->owner));
+        for (TGraphLink* h = nb->linkFirst; h; h = h->next) LinkTo(r, *rn, *h->pair->owner);
     }
     return r;
 }
@@ -119,7 +130,7 @@ TGraphItem TGraphItem::MulSel(TGraphItem const& b, GraphLinkFilter filter, void*
         TGraphNode* rn = r.FindNode(n->id);
         for (TGraphLink* h = nb->linkFirst; h; h = h->next) {
             TGraphNode const& far = *h->pair->owner;
-            if (filter(rn->id, far.id, context)) r.AppendLink(*rn, *r.AppendNode(far));
+            if (filter(rn->id, far.id, context)) LinkTo(r, *rn, far);
         }
     }
     return r;
