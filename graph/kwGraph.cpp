@@ -219,7 +219,7 @@ void TGraphItem::Init(TGraphHeap& pool) {
     nodeHeaps = nullptr;
     freeLinks = nullptr;
     linkHeaps = nullptr;
-    if (scratch_) scratch_->touched.clear();
+    if (scratch_) scratch_->Reset();
 }
 
 void TGraphItem::Clear() {
@@ -236,7 +236,7 @@ void TGraphItem::Clear() {
     hashSize = hashLimit = nodeCount = linkCount = 0;
     freeNodes = nodeFirst = nullptr;
     freeLinks = nullptr;
-    if (scratch_) scratch_->touched.clear();
+    if (scratch_) scratch_->Reset();
 }
 
 void TGraphItem::ClearTemp() {
@@ -245,7 +245,7 @@ void TGraphItem::ClearTemp() {
         n->mark = 0;
         for (TGraphLink* h = n->linkFirst; h; h = h->next) h->mark = 0;
     }
-    if (scratch_) scratch_->touched.clear();
+    if (scratch_) scratch_->Reset();
 }
 
 TGraphNode* TGraphItem::FindNode(unsigned int id, unsigned int& bucket) const {

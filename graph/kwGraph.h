@@ -53,10 +53,19 @@ struct TGraphHeap {
     TLinkHeap* retiredLinkHeaps = nullptr;
 };
 
-// What the last path search on a graph touched: every node whose mark it set
-// (the marked half-links all belong to these nodes).
+// What the last path search on a graph marked: every node whose mark it set
+// (touched), and the nodes whose half-links a wave walked (expanded).  Every
+// half-link it marked is one of an expanded node's or the pair of one; a
+// search that does not keep the expanded list (allExpanded) has its marks
+// cleared through all the half-links of the touched nodes.
 struct TGraphScratch {
     std::vector<TGraphNode*> touched;
+    std::vector<TGraphNode*> expanded;
+    bool allExpanded = false;
+    void Reset() {
+        touched.clear();
+        expanded.clear();
+    }
 };
 
 namespace kwz::graph {

@@ -17,12 +17,18 @@ using Nodes = std::vector<TGraphNode*>;
 
 constexpr uint32_t kSpent = 0xFFFFFFFFu;
 
-void ZeroMarks(Nodes& touched) {
-    for (TGraphNode* n : touched) {
+void ZeroMarks(TGraphScratch& s) {
+    for (TGraphNode* n : s.touched) {
         n->mark = 0;
-        for (TGraphLink* h = n->linkFirst; h; h = h->next) h->mark = 0;
+        if (s.allExpanded)
+            for (TGraphLink* h = n->linkFirst; h; h = h->next) h->mark = 0;
     }
-    touched.clear();
+    if (!s.allExpanded) {
+        for (TGraphNode* n : s.expanded) {
+            for (TGraphLink* h = n->linkFirst; h; h = h->next) h->mark = h->pair->mark = 0;
+        }
+    }
+    s.Reset();
 }
 
 // Sets a node's mark, remembering the node the first time it is marked.
@@ -34,12 +40,13 @@ struct Marker {
     }
 };
 
-// Clears what the previous search marked and gives the list to fill.
-Nodes& TGraphScratchBegin(TGraphItem& g, TGraphScratch*& scratch) {
+// Clears what the previous search marked and gives the lists to fill.
+TGraphScratch& TGraphScratchBegin(TGraphItem& g, TGraphScratch*& scratch, bool allExpanded) {
     if (!scratch) scratch = new TGraphScratch;
-    ZeroMarks(scratch->touched);
+    ZeroMarks(*scratch);
+    scratch->allExpanded = allExpanded;
     g.mark = 0;
-    return scratch->touched;
+    return *scratch;
 }
 
 // ---- BuildPath -------------------------------------------------------------
@@ -160,6 +167,7 @@ constexpr uint32_t Mark(uint32_t side, uint32_t level) { return side | (level <<
 struct CutSearch {
     TGraphItem& g;
     Marker marker;
+    Nodes& expanded;
     TGraphItem& r;
     Nodes scratch;
 
@@ -167,6 +175,7 @@ struct CutSearch {
     uint32_t Wave(Nodes& f) {
         scratch.clear();
         uint32_t meet = 0;
+        expanded.insert(expanded.end(), f.begin(), f.end());
         for (TGraphNode* x : f) {
             const uint32_t side = Side(x->mark);
             const uint32_t level = Level(x->mark);
@@ -252,9 +261,11 @@ TGraphItem TGraphItem::BuildPath(TGraphNode& from, TGraphNode& to) {
     TGraphItem w(SharedHeap());
     w.AppendNode(to.id);
     w.AppendNode(from.id);
-    Nodes& touched = TGraphScratchBegin(*this, scratch_);
+    // Passes clear and mark the links of the nodes they reach: the clearing
+    // walks every touched node's half-links.
+    TGraphScratch& marked = TGraphScratchBegin(*this, scratch_, true);
     try {
-        PathSearch search{*this, Marker{touched}, w, r, {}, {}, 0, {}};
+        PathSearch search{*this, Marker{marked.touched}, w, r, {}, {}, 0, {}};
         search.wave.reserve(256);
         search.next.reserve(256);
         while (w.nodeCount >= 2) {
@@ -270,7 +281,7 @@ TGraphItem TGraphItem::BuildPath(TGraphNode& from, TGraphNode& to) {
             w.DeleteNode(start);
         }
     } catch (...) {
-        ZeroMarks(touched);
+        ZeroMarks(marked);
         mark = 0;
         throw;
     }
@@ -279,10 +290,10 @@ TGraphItem TGraphItem::BuildPath(TGraphNode& from, TGraphNode& to) {
 
 TGraphItem TGraphItem::BuildPathCut(TGraphNode& from, TGraphNode& to) {
     TGraphItem r(SharedHeap());
-    if (!from.linkCount || !to.linkCount || &from == &to) return r;
-    Nodes& touched = TGraphScratchBegin(*this, scratch_);
+    if (!from.linkCount || !to.linkCount) return r;
+    TGraphScratch& marked = TGraphScratchBegin(*this, scratch_, false);
     try {
-        CutSearch search{*this, Marker{touched}, r, {}};
+        CutSearch search{*this, Marker{marked.touched}, marked.expanded, r, {}};
         search.marker.Set(&from, Mark(1, 0));
         search.marker.Set(&to, Mark(2, 0));
         Nodes first{&from}, second{&to};
@@ -301,9 +312,9 @@ TGraphItem TGraphItem::BuildPathCut(TGraphNode& from, TGraphNode& to) {
             }
             if (second.empty()) break;
         }
-        for (TGraphNode* n : touched) n->mark = Side(n->mark);
+        for (TGraphNode* n : marked.touched) n->mark = Side(n->mark);
     } catch (...) {
-        ZeroMarks(touched);
+        ZeroMarks(marked);
         throw;
     }
     return r;

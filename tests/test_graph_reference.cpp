@@ -238,6 +238,39 @@ TEST_P(GraphReference, ShortestPaths) {
     EXPECT_GT(found, 10);
 }
 
+// Every mark of the graph, node by node and half-link by half-link.
+std::vector<uint32_t> Marks(TGraphItem* g) {
+    std::vector<uint32_t> marks;
+    for (TGraphNode* n = GraphNodeFirst(g); n; n = GraphNodeNodeNext(n))
+        for (TGraphLink* h = GraphNodeLinkFirst(n); h; h = GraphLinkNext(h)) marks.push_back(GraphLinkMark(h));
+    return marks;
+}
+
+TEST_P(GraphReference, SearchesClearWhatTheLastOneMarked) {
+    // After any earlier searches, the marks a search leaves are those it
+    // leaves on a freshly cleared graph.
+    std::mt19937 rng(GetParam());
+    Graph g = Random(rng, 800, 600, 1000);
+    const Ids ids = Nodes(g.get());
+    std::uniform_int_distribution<size_t> pick(0, ids.size() - 1);
+    auto node = [&] { return GraphFindNode(g.get(), ids[pick(rng)]); };
+    using Build = TGraphItem* (*)(TGraphItem*, TGraphNode*, TGraphNode*);
+    for (int round = 0; round < 6; ++round) {
+        Build first = round % 3 == 0 ? GraphBuildPath : GraphBuildPathCut;
+        Build second = round % 2 == 0 ? GraphBuildPath : GraphBuildPathCut;
+        TGraphNode *a = node(), *b = node(), *c = node(), *d = node();
+        // A search between nodes without links returns at once and clears nothing.
+        if (!GraphNodeLinkCount(c) || !GraphNodeLinkCount(d)) continue;
+        Graph(first(g.get(), a, b));
+        Graph after(second(g.get(), c, d));
+        const std::vector<uint32_t> marks = Marks(g.get());
+        GraphClearTemp(g.get());
+        Graph fresh(second(g.get(), c, d));
+        EXPECT_EQ(Marks(g.get()), marks) << round;
+        EXPECT_TRUE(ShapeOf(after.get()) == ShapeOf(fresh.get())) << round;
+    }
+}
+
 TEST_P(GraphReference, SaveAndLoad) {
     std::mt19937 rng(GetParam());
     Graph g = Random(rng, 1u << 31, 3000, 5000);
