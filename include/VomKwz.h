@@ -645,7 +645,133 @@ KWZ_API void RC4Code(uint8_t* data, int32_t length, RC4Key* state);
 /* Graphs                                                                     */
 /* ======================================================================== */
 
-/* (graph declarations go here) */
+/* Graphs of nodes numbered by uint32_t, with undirected links and group lists.
+   Handles: a TGraphItem is made by GraphNew or returned by an operation below
+   and released with GraphDelete; node and link handles belong to their graph
+   and stay valid until that node or link is deleted or the graph is cleared.
+   Graphs take no locks (one thread at a time per graph); the storage pool
+   shared by all graphs is locked, so different graphs may be used in
+   different threads.  Functions that make a graph return NULL when memory
+   runs out; functions that change a graph leave it as it was in that case. */
+typedef struct TGraphItem TGraphItem; /* a C++ class; C sees an opaque handle */
+typedef struct TGraphNode TGraphNode;
+typedef struct TGraphLink TGraphLink;
+/* Link filter of GraphMulSel and GraphXorSel: true lets the link from -> to in. */
+typedef bool (*GraphLinkFilter)(uint32_t from, uint32_t to, void* context);
+
+/* A new empty graph, or a copy of source (NULL: empty).  NULL when out of memory. */
+KWZ_API TGraphItem* GraphNew(TGraphItem* source);
+/* Destroys a graph made by the library; NULL is ignored. */
+KWZ_API void GraphDelete(TGraphItem* graph);
+/* Makes destination a copy of source, with (GraphCopy) or without group lists;
+   nothing when both are the same graph. */
+KWZ_API void GraphCopy(TGraphItem* destination, TGraphItem* source);
+KWZ_API void GraphCopyWithoutGroup(TGraphItem* destination, TGraphItem* source);
+/* Removes every node and link and gives the storage back to the pool. */
+KWZ_API void GraphClear(TGraphItem* graph);
+/* Zeroes the path-search marks of the graph, its nodes and half-links. */
+KWZ_API void GraphClearTemp(TGraphItem* graph);
+/* Same node ids, link counts, links and group/non-group nodes (members not compared). */
+KWZ_API bool GraphEqual(TGraphItem* a, TGraphItem* b);
+/* New graphs, released with GraphDelete: a + b (union), a - b (nodes of a not
+   in b), a & b (intersection), a * b (one step along b's links), a ^ b (every
+   node reachable through b's links), a / b (each connected part of a & b
+   contracted into one group node). */
+KWZ_API TGraphItem* GraphAdd(TGraphItem* a, TGraphItem* b);
+KWZ_API TGraphItem* GraphSub(TGraphItem* a, TGraphItem* b);
+KWZ_API TGraphItem* GraphMul(TGraphItem* a, TGraphItem* b);
+KWZ_API TGraphItem* GraphAnd(TGraphItem* a, TGraphItem* b);
+KWZ_API TGraphItem* GraphXor(TGraphItem* a, TGraphItem* b);
+KWZ_API TGraphItem* GraphDiv(TGraphItem* a, TGraphItem* b);
+/* a * b and a ^ b through the links that filter lets in.  GraphMulSel with a
+   NULL filter is GraphMul; GraphXorSel requires a filter (NULL gives NULL). */
+KWZ_API TGraphItem* GraphMulSel(TGraphItem* a, TGraphItem* b, GraphLinkFilter filter,
+                                void* context);
+KWZ_API TGraphItem* GraphXorSel(TGraphItem* a, TGraphItem* b, GraphLinkFilter filter,
+                                void* context);
+/* New graph of the border nodes reachable from the seeds through graph without
+   entering barrier or border nodes (no links, no seeds).  barrier and border
+   may be NULL (none); graph and seeds may not. */
+KWZ_API TGraphItem* GraphBuildBord(TGraphItem* graph, TGraphItem* seeds, TGraphItem* barrier,
+                                   TGraphItem* border);
+/* New graph of paths of graph between two of its nodes: GraphBuildPath
+   collects paths wave by wave; GraphBuildPathCut gives exactly the links of
+   all shortest paths, each half-link marked 1 at the end nearer from and 2 at
+   the end nearer to (GraphLinkMark).  Empty when either node has no links.
+   Both write the path-search marks of graph; NULL when a node is not graph's.
+   GraphBuildPath searches again from each node it collects, so its cost grows
+   as the result's size times the connected part's; GraphBuildPathCut costs
+   what its two searches reach. */
+KWZ_API TGraphItem* GraphBuildPath(TGraphItem* graph, TGraphNode* from, TGraphNode* to);
+KWZ_API TGraphItem* GraphBuildPathCut(TGraphItem* graph, TGraphNode* from, TGraphNode* to);
+KWZ_API uint32_t GraphNodeCount(TGraphItem* graph);
+/* The newest node; walk on with GraphNodeNodeNext (NULL ends). */
+KWZ_API TGraphNode* GraphNodeFirst(TGraphItem* graph);
+KWZ_API TGraphNode* GraphFindNode(TGraphItem* graph, uint32_t id);
+/* The node with that id, created when absent; NULL when out of memory. */
+KWZ_API TGraphNode* GraphAppendNode(TGraphItem* graph, uint32_t id);
+/* Removes the node with its links and group list; an unknown id is ignored. */
+KWZ_API void GraphDeleteNode(TGraphItem* graph, uint32_t id);
+/* Gives node a new id; false when another node has it.  GraphRenameGroup
+   also adds the old id to the node's group list. */
+KWZ_API bool GraphRenameNode(TGraphItem* graph, TGraphNode* node, uint32_t id);
+KWZ_API bool GraphRenameGroup(TGraphItem* graph, TGraphNode* node, uint32_t id);
+/* Pushes id at the head of node's group list (no duplicate check) / removes
+   its first entry with that id. */
+KWZ_API void GraphAppendGroupNode(TGraphItem* graph, TGraphNode* node, uint32_t id);
+KWZ_API void GraphDeleteGroupNode(TGraphItem* graph, TGraphNode* node, uint32_t id);
+/* Links of the graph, each counted once. */
+KWZ_API uint32_t GraphLinkCount(TGraphItem* graph);
+/* a's half-link toward b (or toward the node numbered id), or NULL. */
+KWZ_API TGraphLink* GraphFindLink(TGraphItem* graph, TGraphNode* a, TGraphNode* b);
+KWZ_API TGraphLink* GraphFindLinkId(TGraphItem* graph, TGraphNode* a, uint32_t id);
+/* Links a and b (an existing link is kept) and returns a's half-link; NULL
+   for a self link or when out of memory.  A new half-link goes second in each
+   node's list, so that the first stays where GraphAppendLinkFirst put it;
+   GraphAppendLinkFirst puts a's half-link first (b's goes second). */
+KWZ_API TGraphLink* GraphAppendLink(TGraphItem* graph, TGraphNode* a, TGraphNode* b);
+KWZ_API TGraphLink* GraphAppendLinkFirst(TGraphItem* graph, TGraphNode* a, TGraphNode* b);
+/* Moves the half-link to the head of its node's list (its pair stays). */
+KWZ_API void GraphMoveLinkFirst(TGraphItem* graph, TGraphLink* link);
+/* Deletes the link (both halves). */
+KWZ_API void GraphDeleteLink(TGraphItem* graph, TGraphLink* link);
+/* Buckets of the node hash.  GraphSetHashSize rounds up to a multiple of 256,
+   at least 1024, and returns the size in force (the old one when out of memory). */
+KWZ_API uint32_t GraphGetHashSize(TGraphItem* graph);
+KWZ_API uint32_t GraphSetHashSize(TGraphItem* graph, uint32_t size);
+KWZ_API uint32_t GraphNodeId(TGraphNode* node);
+KWZ_API uint32_t GraphNodeLinkCount(TGraphNode* node);
+KWZ_API TGraphLink* GraphNodeLinkFirst(TGraphNode* node);
+/* Of a node: its first group entry; of a group entry: the next one (NULL ends).
+   GraphNodeId gives an entry's member id. */
+KWZ_API TGraphNode* GraphNodeGroupNext(TGraphNode* node);
+KWZ_API TGraphNode* GraphNodeNodeNext(TGraphNode* node);
+/* The node holding the half-link; the neighbour it leads to; the other half. */
+KWZ_API TGraphNode* GraphLinkOwner(TGraphLink* link);
+KWZ_API TGraphNode* GraphLinkPair(TGraphLink* link);
+KWZ_API TGraphLink* GraphLinkLinkPair(TGraphLink* link);
+KWZ_API TGraphLink* GraphLinkNext(TGraphLink* link);
+/* The half-link's mark (path search results: 1 nearer from, 2 nearer to). */
+KWZ_API uint32_t GraphLinkMark(TGraphLink* link);
+/* Frees the spare storage blocks of the shared pool. */
+KWZ_API void GraphHeapClear(void);
+/* Saves the graph into up to three new blocks (each output may be NULL; the
+   old value of *output is not freed): the node ids, the links as sorted (lower
+   id, higher id) pairs, and the group lists (*groups becomes NULL when the
+   graph has no group node).  Release each with KWMemFree.  When memory runs
+   out every output given becomes NULL. */
+KWZ_API void GraphDataSave(TGraphItem* graph, void** nodes, void** links, void** groups);
+/* Replaces the graph by the saved one; the buffers are trusted (see
+   GraphDataLoadN for buffers from outside).  A wrong magic leaves it empty;
+   links naming unknown nodes are skipped. */
+KWZ_API void GraphDataLoad(TGraphItem* graph, const void* nodes, const void* links,
+                           const void* groups);
+/* GraphDataLoad that reads nothing past each buffer's length: false, and an
+   empty graph, for a buffer whose counts do not fit in its length (or a null
+   graph); false and the graph unchanged when memory runs out. */
+KWZ_API bool GraphDataLoadN(TGraphItem* graph, const void* nodes, uint64_t nodesLength,
+                            const void* links, uint64_t linksLength, const void* groups,
+                            uint64_t groupsLength);
 
 
 /* ======================================================================== */
@@ -754,7 +880,100 @@ KWZ_API char* XRef2Entity(const char* text);
 /* ======================================================================== */
 #ifdef __cplusplus
 
-/* (graph classes go here) */
+/* The graph records and class.  TGraphNode is also the record of a group
+   entry (only id and groupFirst, the next entry, are meaningful).  Marks are
+   the scratch values of the path searches. */
+struct TGraphHeap;
+struct TNodeHeap;
+struct TLinkHeap;
+struct TGraphScratch;
+
+struct TGraphNode {
+    uint32_t id;
+    TGraphLink* linkFirst;
+    TGraphNode* hashNext;
+    TGraphNode* groupFirst;
+    TGraphNode* nodeNext; /* also the free-list link */
+    TGraphNode* nodePrev;
+    uint32_t linkCount;
+    uint32_t mark;
+};
+
+struct TGraphLink {
+    TGraphNode* owner;
+    TGraphLink* pair; /* the other half; its owner is the neighbour */
+    TGraphLink* next; /* also the free-list link */
+    TGraphLink* prev; /* NULL: first of the owner's list */
+    uint32_t mark;
+};
+
+/* Methods are those of the flat Graph... functions; the operators and the
+   path builders return new graphs.  Out of memory throws std::bad_alloc. */
+struct KWZ_API TGraphItem {
+    uint32_t mark;
+    TGraphHeap* heap;
+    TGraphNode** hashTable;
+    uint32_t hashSize;
+    uint32_t hashLimit;
+    uint32_t nodeCount;
+    TGraphNode* freeNodes;
+    TGraphNode* nodeFirst;
+    TNodeHeap* nodeHeaps;
+    uint32_t linkCount;
+    TGraphLink* freeLinks;
+    TLinkHeap* linkHeaps;
+
+    TGraphItem();                           /* empty, on the shared pool */
+    explicit TGraphItem(TGraphHeap& heap);  /* empty, on the pool given */
+    TGraphItem(TGraphItem const& source);   /* copy, on the source's pool */
+    TGraphItem(TGraphItem&& source) noexcept; /* takes over; source left empty */
+    TGraphItem& operator=(TGraphItem const& source); /* Copy */
+    TGraphItem& operator=(TGraphItem&& source) noexcept;
+    ~TGraphItem();
+
+    void Init(TGraphHeap& heap);
+    void Clear();
+    void ClearTemp();
+    TGraphNode* FindNode(unsigned int id, unsigned int& bucket) const;
+    TGraphNode* FindNode(unsigned int id) const;
+    TGraphLink* FindLink(TGraphNode const& a, TGraphNode const& b) const;
+    TGraphLink* FindLink(TGraphNode const& a, unsigned int id) const;
+    TGraphNode* AppendNode(unsigned int id);
+    TGraphNode* AppendNode(TGraphNode const& source);
+    void DeleteNode(unsigned int id);
+    bool RenameNode(TGraphNode& node, unsigned int id);
+    bool RenameGroup(TGraphNode& node, unsigned int id);
+    void AppendGroupNode(TGraphNode& node, unsigned int id);
+    void DeleteGroupNode(TGraphNode& node, unsigned int id);
+    void CopyGroupNode(TGraphNode& destination, TGraphNode& source);
+    TGraphLink* AppendLink(TGraphNode& a, TGraphNode& b);
+    TGraphLink* AppendLinkFirst(TGraphNode& a, TGraphNode& b);
+    void MoveLinkFirst(TGraphLink& link);
+    void DeleteLink(TGraphLink& link);
+    unsigned int GetHashSize() const;
+    unsigned int SetHashSize(unsigned int size);
+    bool operator==(TGraphItem const& other) const;
+    bool operator!=(TGraphItem const& other) const { return !(*this == other); }
+    void Copy(TGraphItem const& source);
+    void CopyWithoutGroup(TGraphItem const& source);
+
+    TGraphItem operator+(TGraphItem const& b) const;
+    TGraphItem operator-(TGraphItem const& b) const;
+    TGraphItem operator&(TGraphItem const& b) const;
+    TGraphItem operator*(TGraphItem const& b) const;
+    TGraphItem operator^(TGraphItem const& b) const;
+    TGraphItem operator/(TGraphItem const& b) const;
+    TGraphItem MulSel(TGraphItem const& b, GraphLinkFilter filter, void* context) const;
+    TGraphItem XorSel(TGraphItem const& b, GraphLinkFilter filter, void* context) const;
+    TGraphItem BuildBord(TGraphItem& seeds, TGraphItem& barrier, TGraphItem& border) const;
+    TGraphItem BuildPath(TGraphNode& from, TGraphNode& to);
+    TGraphItem BuildPathCut(TGraphNode& from, TGraphNode& to);
+
+  private:
+    /* What the last path search marked, so that the next one clears only that. */
+    TGraphScratch* scratch_;
+};
+
 
 
 /* XML and KString classes.  Methods throw std::bad_alloc when memory runs out

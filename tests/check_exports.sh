@@ -23,5 +23,11 @@ if [ -n "$mangled" ]; then
 fi
 if [ -n "$missing" ]; then echo "declared but not exported:"; echo "$missing"; status=1; fi
 if [ -n "$extra" ]; then echo "exported but not declared:"; echo "$extra"; status=1; fi
+# Each exported class must really leave the library (the version script lists it).
+for c in $classes; do
+  if ! echo "$mangled" | c++filt | grep -qE "^$c::"; then
+    echo "class $c: no member exported"; status=1
+  fi
+done
 [ $status -eq 0 ] && echo "$(echo "$declared" | wc -l) functions and $(echo "$mangled" | sed '/^$/d' | wc -l) class symbols exported, nothing else"
 exit $status

@@ -1,0 +1,79 @@
+// Internals of the graphs: the storage blocks, the shared pool and the
+// scratch state of the path searches.  The records and TGraphItem itself are
+// in the public header.
+#pragma once
+
+#include <VomKwz.h>
+
+#include <cstdint>
+#include <mutex>
+#include <vector>
+
+// A storage block: a next-block pointer and 1,024 records.  Init zeroes the
+// records and chains each to the next through its free-list link.
+constexpr uint32_t kGraphBlockRecords = 1024;
+
+struct TNodeHeap {
+    TNodeHeap* next;
+    TGraphNode nodes[kGraphBlockRecords];
+    void Init();
+};
+
+struct TLinkHeap {
+    TLinkHeap* next;
+    TGraphLink links[kGraphBlockRecords];
+    void Init();
+};
+
+// The pool of storage blocks shared by every graph made on it.  Only the pool
+// is locked; the graphs themselves are not.
+struct TGraphHeap {
+    std::mutex mutex;
+    uint32_t spareNodeCount = 0;
+    TNodeHeap* spareNodeHeaps = nullptr;
+    uint32_t spareLinkCount = 0;
+    TLinkHeap* spareLinkHeaps = nullptr;
+
+    TGraphHeap() = default;
+    TGraphHeap(TGraphHeap const&) = delete;
+    TGraphHeap& operator=(TGraphHeap const&) = delete;
+    ~TGraphHeap();
+
+    // Throw std::bad_alloc when a new block cannot be had.
+    TNodeHeap* GetNodeHeap();
+    TLinkHeap* GetLinkHeap();
+    void PutNodeHeap(TNodeHeap* block);
+    void PutLinkHeap(TLinkHeap* block);
+    void Clear(bool lock);
+
+    // Blocks handed back while the spare count was at most 128: counted as
+    // spare but never drawn from again (see PutNodeHeap); kept reachable here
+    // so that Clear frees them.
+    TNodeHeap* retiredNodeHeaps = nullptr;
+    TLinkHeap* retiredLinkHeaps = nullptr;
+};
+
+// What the last path search on a graph marked: every node whose mark it set
+// (touched), and the nodes whose half-links a wave walked (expanded).  Every
+// half-link it marked is one of an expanded node's or the pair of one; a
+// search that does not keep the expanded list (allExpanded) has its marks
+// cleared through all the half-links of the touched nodes.
+struct TGraphScratch {
+    std::vector<TGraphNode*> touched;
+    std::vector<TGraphNode*> expanded;
+    bool allExpanded = false;
+    void Reset() {
+        touched.clear();
+        expanded.clear();
+    }
+};
+
+namespace kwz::graph {
+
+// The library's pool "_Heap": the graph module's one piece of state.
+TGraphHeap& SharedHeap();
+
+// Links a and b, known not to be linked yet and distinct; a's half-link.
+TGraphLink* AppendNewLink(TGraphItem& g, TGraphNode& a, TGraphNode& b);
+
+}  // namespace kwz::graph
