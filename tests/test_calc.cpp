@@ -122,14 +122,14 @@ TEST(calcVar, DeepCopiesOwnEverything) {
     CVarCopy(&dst.v, &src.v);
     EXPECT_EQ(ImageHex(&dst.v), ImageHex(nested));
     EXPECT_TRUE(OwnsAll(&dst.v));
-    EXPECT_NE(dst->v.a, src->v.a);
-    EXPECT_NE(dst->v.a[1].v.s, src->v.a[1].v.s);
+    EXPECT_NE(dst->v.a + 0, src->v.a + 0);
+    EXPECT_NE(dst->v.a[1].v.s + 0, src->v.a[1].v.s + 0);
 
     // A reference source still gives an owned copy.
     Val ref, copy;
     CVarCopyRef(&ref.v, &src.v);
     EXPECT_EQ(ref->ref, 1);
-    EXPECT_EQ(ref->v.a, src->v.a);
+    EXPECT_EQ(ref->v.a + 0, src->v.a + 0);
     CVarCopy(&copy.v, &ref.v);
     EXPECT_TRUE(OwnsAll(&copy.v));
     EXPECT_EQ(ImageHex(&copy.v), ImageHex(nested));
@@ -169,7 +169,7 @@ TEST(calcVar, ReferencesAliasAndBecomeOwnedOnWrite) {
     CVarSetStr(&owner.v, "abc", 3);
     CVarCopyRef(&ref.v, &owner.v);
     EXPECT_EQ(ref->ref, 1);
-    EXPECT_EQ(ref->v.s, owner->v.s);
+    EXPECT_EQ(ref->v.s + 0, owner->v.s + 0);
     CVarSetInt(&idx.v, 1);
     CVarSetInt(&ch.v, 'X');
     EXPECT_EQ(CVarPutChar(&ref.v, &idx.v, &ch.v, nullptr), 0);
@@ -184,12 +184,12 @@ TEST(calcVar, ReferencesAliasAndBecomeOwnedOnWrite) {
     const CVar* before = arr->v.a;
     EXPECT_EQ(CVarCast(&aref.v, 4), 0);
     EXPECT_TRUE(OwnsAll(&aref.v));
-    EXPECT_NE(aref->v.a, before);
+    EXPECT_NE(aref->v.a + 0, before);
     EXPECT_EQ(CVarCast(&arr.v, 4), 0);
-    EXPECT_EQ(arr->v.a, before);
+    EXPECT_EQ(arr->v.a + 0, before);
     char* text = owner->v.s;
     EXPECT_EQ(CVarCast(&owner.v, 3), 0);
-    EXPECT_EQ(owner->v.s, text);
+    EXPECT_EQ(owner->v.s + 0, text);
 
     // Freeing references frees nothing (the sanitizer build checks).
     Val r1, r2;
@@ -267,7 +267,7 @@ TEST(calcVar, IndexingArraysAndStrings) {
         EXPECT_EQ(CVarGetChar(&out.v, &s.v, &i.v, &st), r.status);
         EXPECT_EQ(st, r.status);
         if (r.status == 0) {
-            EXPECT_EQ(out->v.i, r.byte);
+            EXPECT_EQ(out->v.i + 0, r.byte);
         }
     }
     struct PutRow { Make value; int32_t status; std::string text; };
@@ -378,7 +378,7 @@ TEST(calcCast, TypeAndTypeName) {
         r.v(&t.v);
         r.v(&n.v);
         EXPECT_EQ(CVar_Type(&t.v), 0);
-        EXPECT_EQ(t->v.i, r.tag);
+        EXPECT_EQ(t->v.i + 0, r.tag);
         EXPECT_EQ(CVar_TypeName(&n.v), 0);
         EXPECT_EQ(Text(&n.v), r.name);
     }

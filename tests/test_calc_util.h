@@ -1,5 +1,7 @@
 // Helpers of the calculator tests: values that free themselves, builders that
-// read like the values they make, and images as hex text.
+// read like the values they make, and images as hex text.  CVar is packed:
+// the tests read its 8-byte members by value (`v->v.i + 0`) where a gtest
+// macro would bind a reference to them.
 #pragma once
 
 #include <VomKwz.h>
