@@ -27,32 +27,51 @@ constexpr size_t kObjRaw = sizeof(CVar) - sizeof(int32_t);  // 20 bytes behind t
 constexpr int32_t kMaxReadDepth = 256;
 
 // Builds an image in a 1,024-byte area on the stack, moving to the heap only
-// when the image outgrows it.  In measuring mode nothing is written.
+// when the image outgrows it.  A caller's destination of at least that size
+// is written directly instead, until an item does not fit in it.  In
+// measuring mode nothing is written.
 class ImageWriter {
 public:
-    explicit ImageWriter(bool measure) : measure_(measure) {}
+    ImageWriter(void* destination, int32_t room) : measure_(destination == nullptr) {
+        if (destination && size_t(room) >= kStackArea) {
+            buf_ = static_cast<uint8_t*>(destination);
+            cap_ = size_t(room);
+        }
+    }
     ~ImageWriter() {
-        if (buf_ != area_) MemFree(buf_);
+        if (OnHeap()) MemFree(buf_);
     }
     ImageWriter(const ImageWriter&) = delete;
     ImageWriter& operator=(const ImageWriter&) = delete;
 
+    // True while the image lies in the caller's destination.
+    bool Direct() const { return !measure_ && buf_ != area_ && !heap_; }
+
     bool Write(const CVar* v, int32_t depth) {
         switch (v->type) {
         case kEmpty:
-            return Byte(kEmpty);
+            if (!Room(1)) return false;
+            Byte(kEmpty);
+            return true;
         case kInt:
         case kDbl:
-            return Room(9) && Byte(uint8_t(v->type)) && Raw(&v->v, 8);
+            if (!Room(9)) return false;
+            Byte(uint8_t(v->type));
+            Raw(&v->v, 8);
+            return true;
         case kStr: {
             const int32_t n = v->count;
             if (n < 0 || (n > 0 && !v->v.s) || !Room(5 + size_t(n))) return false;
-            return Byte(kStr) && U32(uint32_t(n)) && Raw(v->v.s, size_t(n));
+            Byte(kStr);
+            U32(uint32_t(n));
+            Raw(v->v.s, size_t(n));
+            return true;
         }
         case kArr: {
             const int32_t n = v->count;
-            if (n < 0 || (n > 0 && !v->v.a) || depth >= kMaxWalkDepth) return false;
-            if (!Room(5) || !Byte(kArr) || !U32(uint32_t(n))) return false;
+            if (n < 0 || (n > 0 && !v->v.a) || depth >= kMaxWalkDepth || !Room(5)) return false;
+            Byte(kArr);
+            U32(uint32_t(n));
             for (int32_t i = 0; i < n; ++i)
                 if (!Write(&v->v.a[i], depth + 1)) return false;
             return true;
@@ -70,40 +89,49 @@ private:
         const KWCalcObjDef* def = ObjType(v->type);
         if (!def) return false;
         if (!def->ToBuff) {
-            return Room(1 + kObjRaw) && Byte(uint8_t(v->type)) &&
-                   Raw(reinterpret_cast<const uint8_t*>(v) + sizeof(int32_t), kObjRaw);
+            if (!Room(1 + kObjRaw)) return false;
+            Byte(uint8_t(v->type));
+            Raw(reinterpret_cast<const uint8_t*>(v) + sizeof(int32_t), kObjRaw);
+            return true;
         }
         const int32_t need = def->ToBuff(v, nullptr, 0);
-        if (need <= 0 || !Room(1 + size_t(need)) || !Byte(uint8_t(v->type))) return false;
+        if (need <= 0 || !Room(1 + size_t(need))) return false;
+        Byte(uint8_t(v->type));
         if (!measure_ && def->ToBuff(v, buf_ + pos_, need) != need) return false;
         pos_ += size_t(need);
         return true;
     }
 
+    bool OnHeap() const { return heap_; }
+
     // Makes room for the next item: grows to position + need + 1024 when
-    // position + need would reach the capacity.
+    // position + need would reach the capacity.  The caller's destination
+    // may be filled to its last byte.
     bool Room(size_t need) {
         if (pos_ + need > size_t(INT32_MAX)) return false;
-        if (measure_ || pos_ + need < cap_) return true;
+        if (measure_ || pos_ + need < cap_ || (Direct() && pos_ + need == cap_)) return true;
         const size_t grown = pos_ + need + kStackArea;
-        void* block = buf_ == area_ ? MemAlloc(grown) : MemReAlloc(buf_, grown);
+        void* block = heap_ ? MemReAlloc(buf_, grown) : MemAlloc(grown);
         if (!block) return false;
-        if (buf_ == area_) std::memcpy(block, area_, pos_);
+        if (!heap_) std::memcpy(block, buf_, pos_);
         buf_ = static_cast<uint8_t*>(block);
         cap_ = grown;
+        heap_ = true;
         return true;
     }
 
-    bool Raw(const void* p, size_t n) {
+    // Writers of an item's parts, after Room() made space for all of it.
+    void Raw(const void* p, size_t n) {
         if (!measure_ && n > 0) std::memcpy(buf_ + pos_, p, n);
         pos_ += n;
-        return true;
     }
-    bool Byte(uint8_t b) { return Room(1) && Raw(&b, 1); }
-    bool U32(uint32_t x) {
-        uint8_t le[4];
-        StoreU32(le, x);
-        return Raw(le, 4);
+    void Byte(uint8_t b) {
+        if (!measure_) buf_[pos_] = b;
+        ++pos_;
+    }
+    void U32(uint32_t x) {
+        if (!measure_) StoreU32(buf_ + pos_, x);
+        pos_ += 4;
     }
 
     uint8_t area_[kStackArea];
@@ -111,6 +139,7 @@ private:
     size_t cap_ = kStackArea;
     size_t pos_ = 0;
     bool measure_;
+    bool heap_ = false;
 };
 
 // Reads images from at most `left` bytes; SIZE_MAX trusts the source.
@@ -199,9 +228,9 @@ private:
 }  // namespace
 
 int32_t ToBuff(const CVar* value, void* destination, int32_t room) {
-    ImageWriter writer(destination == nullptr);
+    ImageWriter writer(destination, room);
     if (!value || !writer.Write(value, 0)) return 0;
-    if (destination && room > 0) {
+    if (destination && room > 0 && !writer.Direct()) {
         const size_t n = writer.Size() < size_t(room) ? writer.Size() : size_t(room);
         std::memcpy(destination, writer.Data(), n);
     }

@@ -748,7 +748,8 @@ KWZ_API int32_t CVarPutObjVar(KWCalcStack* stack, CVar* object, int32_t n);
 KWZ_API int32_t CVarCast(CVar* value, int32_t tag);
 /* The value image: tag byte and body.  Returns its size and copies at most
    room bytes of it into destination; destination NULL only measures.  0 when
-   the value cannot be written (unregistered tag, a type's refusal, memory). */
+   the value cannot be written (unregistered tag, a type's refusal, memory);
+   the destination may then hold part of the image. */
 KWZ_API int32_t CVarToBuff(const CVar* value, void* destination, int32_t room);
 /* Empties the value and reads one image; bytes consumed, 0 on failure (the
    value then empty).  Trusts the source to hold a complete image. */

@@ -4,6 +4,7 @@
 
 #include <VomKwz.h>
 
+#include <algorithm>
 #include <climits>
 #include <string>
 #include <vector>
@@ -86,6 +87,13 @@ TEST(calcImage, LargeImagesLeaveTheStackArea) {
     ASSERT_EQ(CVarFromBuffN(&back.v, image.data(), size), size);
     EXPECT_EQ(Image(&back.v), std::vector<uint8_t>(image.begin(), image.end() - 1));
     EXPECT_EQ(Text(&back->v.a[999]), "item-00000000999");
+    // Rooms above and below the stack area: the copy is cut, never the size.
+    for (int32_t room : {2000, 1000}) {
+        std::vector<uint8_t> cut(size_t(room) + 1, 0xEE);
+        EXPECT_EQ(CVarToBuff(&v.v, cut.data(), room), size) << room;
+        EXPECT_TRUE(std::equal(cut.begin(), cut.end() - 1, image.begin())) << room;
+        EXPECT_EQ(cut.back(), 0xEE) << room;
+    }
 }
 
 TEST(calcImage, HostileImagesGiveZeroAndAnEmptyValue) {
