@@ -2,6 +2,8 @@
 // an index of them sorted by name.  Not locked: hosts register their types
 // from one thread before calculators are created.
 #include <array>
+#include <cstring>
+#include <string>
 
 #include "base/kwGuard.h"
 #include "base/kwSearch.h"
@@ -58,7 +60,67 @@ private:
 
 Registry g_registry;
 
+ConstHooks g_constHooks{};
+
+// Calls fn(name, number, property) for each script constant of the type:
+// number -1 and property null for "it<Type>" and "st<Type>".
+template <typename Fn>
+void ForEachConstant(const ObjTypeInfo& type, Fn&& fn) {
+    const std::string typeName = type.descriptor->name ? type.descriptor->name : "";
+    fn("it" + typeName, -1, nullptr);
+    fn("st" + typeName, -1, nullptr);
+    for (int32_t i = 0; i < type.propertyCount; ++i) {
+        const char* prop = type.properties[i];
+        fn("ip" + typeName + "_" + prop, i + 1, prop);
+        fn("sp" + typeName + "_" + prop, i + 1, prop);
+    }
+}
+
+void DeleteConstants(const ObjTypeInfo& type, KWCalcConst* constants) {
+    if (!constants || !g_constHooks.remove) return;
+    ForEachConstant(type, [&](const std::string& name, int32_t, const char*) {
+        g_constHooks.remove(constants, name.c_str());
+    });
+}
+
+void DefineConstants(const ObjTypeInfo& type, int32_t tag, KWCalcConst* constants) {
+    if (!constants || !g_constHooks.defineInt || !g_constHooks.defineStr) return;
+    const char* typeName = type.descriptor->name ? type.descriptor->name : "";
+    ForEachConstant(type, [&](const std::string& name, int32_t number, const char* prop) {
+        const bool isInt = name[0] == 'i';
+        if (isInt)
+            g_constHooks.defineInt(constants, name.c_str(), number < 0 ? tag : number);
+        else if (prop)
+            g_constHooks.defineStr(constants, name.c_str(), prop, int32_t(std::strlen(prop)));
+        else
+            g_constHooks.defineStr(constants, name.c_str(), typeName, int32_t(std::strlen(typeName)));
+    });
+}
+
 }  // namespace
+
+void SetConstHooks(const ConstHooks* hooks) { g_constHooks = hooks ? *hooks : ConstHooks{}; }
+
+KWCalcObjDef* RegisterObjType(const ObjTypeInfo& type, int32_t tag, KWCalcConst* constants) {
+    int32_t& current = *type.tag;
+    if (tag == 0) {
+        if (current != 0) {
+            g_registry.Register(current, nullptr);
+            current = 0;
+            DeleteConstants(type, constants);
+        }
+        return nullptr;
+    }
+    if (tag == current) return type.descriptor;
+    if (current != 0) {
+        g_registry.Register(current, nullptr);
+        current = 0;
+    }
+    if (!IsObjTag(tag) || g_registry.ByTag(tag)) return nullptr;
+    current = tag;
+    DefineConstants(type, tag, constants);
+    return g_registry.Register(tag, type.descriptor);
+}
 
 KWCalcObjDef* TypeReg(int32_t tag, KWCalcObjDef* def) { return g_registry.Register(tag, def); }
 KWCalcObjDef* ObjType(int32_t tag) { return g_registry.ByTag(tag); }

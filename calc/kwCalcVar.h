@@ -111,4 +111,32 @@ KWCalcObjDef* TypeReg(int32_t tag, KWCalcObjDef* descriptor);
 KWCalcObjDef* ObjType(int32_t tag);
 KWCalcObjDef* ObjTypeFromName(const char* name);
 
+// The script constants of a type live in a calculator constant table; the
+// table's functions are reached through these hooks, which the constant
+// tables install (without them no constants are defined or deleted).
+struct ConstHooks {
+    int32_t (*defineInt)(KWCalcConst* table, const char* name, int64_t value);
+    int32_t (*defineStr)(KWCalcConst* table, const char* name, const char* text, int32_t length);
+    int32_t (*remove)(KWCalcConst* table, const char* name);
+};
+void SetConstHooks(const ConstHooks* hooks);
+
+// What an object type tells about itself for registration: its descriptor,
+// the global that holds its tag (0 while unregistered) and its property
+// names, numbered from 1.
+struct ObjTypeInfo {
+    KWCalcObjDef* descriptor;
+    int32_t* tag;
+    const char* const* properties;
+    int32_t propertyCount;
+};
+
+// The registration every object type's XxxObjTypeReg(tag, constants) does:
+// tag 0 unregisters (deleting the type's constants from the table, if one is
+// given) and gives null; the current tag gives the descriptor at once; a tag
+// held by another type gives null, leaving this type unregistered; else the
+// type moves to the tag, defines "it<Type>", "st<Type>" and per property
+// "ip<Type>_<Prop>" and "sp<Type>_<Prop>" in the table, and is registered.
+KWCalcObjDef* RegisterObjType(const ObjTypeInfo& type, int32_t tag, KWCalcConst* constants);
+
 }  // namespace kwz::calc

@@ -7,6 +7,7 @@
 #include <VomKwz.h>
 
 #include <array>
+#include <string>
 #include <cstring>
 #include <vector>
 
@@ -216,4 +217,72 @@ TEST(calcInternal, RegistrationNeedsNoMemory) {
         KWCalcObjTypeReg(8, nullptr);
     });
     EXPECT_EQ(failures, 0);
+}
+
+namespace {
+
+// A constant table for the registration hooks: the calls, in order.
+struct FakeTable {
+    std::vector<std::string> calls;
+};
+FakeTable* Table(KWCalcConst* t) { return reinterpret_cast<FakeTable*>(t); }
+
+}  // namespace
+
+TEST(calcInternal, RegistrationShapeOfEveryObjectType) {
+    const kwz::calc::ConstHooks hooks = {
+        [](KWCalcConst* t, const char* name, int64_t v) -> int32_t {
+            Table(t)->calls.push_back(std::string(name) + "=" + std::to_string(v));
+            return 0;
+        },
+        [](KWCalcConst* t, const char* name, const char* text, int32_t n) -> int32_t {
+            Table(t)->calls.push_back(std::string(name) + "=\"" + std::string(text, size_t(n)) + "\"");
+            return 0;
+        },
+        [](KWCalcConst* t, const char* name) -> int32_t {
+            Table(t)->calls.push_back(std::string("-") + name);
+            return 0;
+        },
+    };
+    kwz::calc::SetConstHooks(&hooks);
+    KWCalcObjDef ints{}, other{};
+    ints.name = "IntS";
+    other.name = "Other";
+    int32_t intsTag = 0, otherTag = 0;
+    static const char* const kProps[] = {"Val", "Sign"};
+    const kwz::calc::ObjTypeInfo intsInfo{&ints, &intsTag, kProps, 2};
+    const kwz::calc::ObjTypeInfo otherInfo{&other, &otherTag, nullptr, 0};
+    FakeTable table;
+    auto* constants = reinterpret_cast<KWCalcConst*>(&table);
+
+    EXPECT_EQ(kwz::calc::RegisterObjType(intsInfo, 20, constants), &ints);
+    EXPECT_EQ(intsTag, 20);
+    EXPECT_EQ(KWCalcObjTypeFromName("ints"), &ints);
+    const std::vector<std::string> defined = {"itIntS=20", "stIntS=\"IntS\"", "ipIntS_Val=1",
+                                              "spIntS_Val=\"Val\"", "ipIntS_Sign=2",
+                                              "spIntS_Sign=\"Sign\""};
+    EXPECT_EQ(table.calls, defined);
+    table.calls.clear();
+    // The current tag again: the descriptor at once, nothing redefined.
+    EXPECT_EQ(kwz::calc::RegisterObjType(intsInfo, 20, constants), &ints);
+    EXPECT_TRUE(table.calls.empty());
+    // A tag that another type holds: null, and this type is unregistered.
+    EXPECT_EQ(kwz::calc::RegisterObjType(otherInfo, 21, nullptr), &other);
+    EXPECT_EQ(kwz::calc::RegisterObjType(intsInfo, 21, constants), nullptr);
+    EXPECT_EQ(intsTag, 0);
+    EXPECT_EQ(KWCalcObjType(20), nullptr);
+    EXPECT_EQ(KWCalcObjType(21), &other);
+    EXPECT_EQ(kwz::calc::RegisterObjType(intsInfo, 300, nullptr), nullptr);
+    // Moving to a free tag, then tag 0 with a table deletes the constants.
+    EXPECT_EQ(kwz::calc::RegisterObjType(intsInfo, 22, nullptr), &ints);
+    EXPECT_EQ(kwz::calc::RegisterObjType(intsInfo, 23, nullptr), &ints);
+    EXPECT_EQ(KWCalcObjType(22), nullptr);
+    EXPECT_EQ(kwz::calc::RegisterObjType(intsInfo, 0, constants), nullptr);
+    EXPECT_EQ(intsTag, 0);
+    EXPECT_EQ(KWCalcObjType(23), nullptr);
+    EXPECT_EQ(table.calls, (std::vector<std::string>{"-itIntS", "-stIntS", "-ipIntS_Val", "-spIntS_Val",
+                                                     "-ipIntS_Sign", "-spIntS_Sign"}));
+    EXPECT_EQ(kwz::calc::RegisterObjType(otherInfo, 0, nullptr), nullptr);
+    EXPECT_EQ(KWCalcObjType(21), nullptr);
+    kwz::calc::SetConstHooks(nullptr);
 }
