@@ -7,6 +7,7 @@
 
 #include "base/kwGuard.h"
 #include "base/kwSearch.h"
+#include "calc/kwCalcConst.h"
 #include "calc/kwCalcVar.h"
 
 namespace kwz::calc {
@@ -60,8 +61,6 @@ private:
 
 Registry g_registry;
 
-ConstHooks g_constHooks{};
-
 // Calls fn(name, number, property) for each script constant of the type:
 // number -1 and property null for "it<Type>" and "st<Type>".
 template <typename Fn>
@@ -77,29 +76,26 @@ void ForEachConstant(const ObjTypeInfo& type, Fn&& fn) {
 }
 
 void DeleteConstants(const ObjTypeInfo& type, KWCalcConst* constants) {
-    if (!constants || !g_constHooks.remove) return;
+    if (!constants) return;
     ForEachConstant(type, [&](const std::string& name, int32_t, const char*) {
-        g_constHooks.remove(constants, name.c_str());
+        ConstDel(constants, name.c_str());
     });
 }
 
 void DefineConstants(const ObjTypeInfo& type, int32_t tag, KWCalcConst* constants) {
-    if (!constants || !g_constHooks.defineInt || !g_constHooks.defineStr) return;
+    if (!constants) return;
     const char* typeName = type.descriptor->name ? type.descriptor->name : "";
     ForEachConstant(type, [&](const std::string& name, int32_t number, const char* prop) {
         const bool isInt = name[0] == 'i';
         if (isInt)
-            g_constHooks.defineInt(constants, name.c_str(), number < 0 ? tag : number);
-        else if (prop)
-            g_constHooks.defineStr(constants, name.c_str(), prop, int32_t(std::strlen(prop)));
+            ConstInt(constants, name.c_str(), number < 0 ? tag : number, nullptr);
         else
-            g_constHooks.defineStr(constants, name.c_str(), typeName, int32_t(std::strlen(typeName)));
+            ConstStr(constants, name.c_str(), prop ? prop : typeName,
+                     int32_t(std::strlen(prop ? prop : typeName)), nullptr);
     });
 }
 
 }  // namespace
-
-void SetConstHooks(const ConstHooks* hooks) { g_constHooks = hooks ? *hooks : ConstHooks{}; }
 
 KWCalcObjDef* RegisterObjType(const ObjTypeInfo& type, int32_t tag, KWCalcConst* constants) {
     int32_t& current = *type.tag;

@@ -111,16 +111,6 @@ KWCalcObjDef* TypeReg(int32_t tag, KWCalcObjDef* descriptor);
 KWCalcObjDef* ObjType(int32_t tag);
 KWCalcObjDef* ObjTypeFromName(const char* name);
 
-// The script constants of a type live in a calculator constant table; the
-// table's functions are reached through these hooks, which the constant
-// tables install (without them no constants are defined or deleted).
-struct ConstHooks {
-    int32_t (*defineInt)(KWCalcConst* table, const char* name, int64_t value);
-    int32_t (*defineStr)(KWCalcConst* table, const char* name, const char* text, int32_t length);
-    int32_t (*remove)(KWCalcConst* table, const char* name);
-};
-void SetConstHooks(const ConstHooks* hooks);
-
 // What an object type tells about itself for registration: its descriptor,
 // the global that holds its tag (0 while unregistered) and its property
 // names, numbered from 1.

@@ -775,6 +775,29 @@ KWZ_API KWCalcObjDef* KWCalcObjType(int32_t tag);
 /* Case-insensitive; of equal names the first in sorted order. */
 KWZ_API KWCalcObjDef* KWCalcObjTypeFromName(const char* name);
 
+/* Constant tables: named values (names compare ignoring case), each set
+   once: setting a name that already holds a value changes nothing and still
+   succeeds.  Values and descriptions are copied.  0, -21 out of memory, -44
+   a NULL table or name. */
+/* Makes a table with room for capacity entries (it grows); a capacity below
+   1 makes nothing.  Released with KWCalcConstDestroy. */
+KWZ_API int32_t KWCalcConstCreate(KWCalcConst** table, int32_t capacity);
+KWZ_API void KWCalcConstClear(KWCalcConst* table);
+KWZ_API void KWCalcConstDestroy(KWCalcConst* table);
+/* Adds the source's entries; names the destination holds keep their values. */
+KWZ_API int32_t KWCalcConstCopy(KWCalcConst* destination, const KWCalcConst* source);
+KWZ_API int32_t KWCalcConstInt(KWCalcConst* table, const char* name, int64_t value,
+                               const char* description);
+KWZ_API int32_t KWCalcConstDbl(KWCalcConst* table, const char* name, double value,
+                               const char* description);
+KWZ_API int32_t KWCalcConstStr(KWCalcConst* table, const char* name, const char* value,
+                               int32_t length, const char* description);
+/* 0 removed, -44 no such name. */
+KWZ_API int32_t KWCalcConstDel(KWCalcConst* table, const char* name);
+/* 1 found (*value, when given, points at the table's value, valid until the
+   entry is deleted), 0 not. */
+KWZ_API int32_t KWCalcConstGet(KWCalcConst* table, const char* name, CVar** value);
+
 /* Execution stack: a header and capacity CVar slots.  A frame starts at the
    stack's base; argument i of the running call is slot base + i. */
 /* 0, -21 out of memory, -47 capacity below 1.  The calculator may be NULL. */

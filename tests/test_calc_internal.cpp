@@ -221,30 +221,21 @@ TEST(calcInternal, RegistrationNeedsNoMemory) {
 
 namespace {
 
-// A constant table for the registration hooks: the calls, in order.
-struct FakeTable {
-    std::vector<std::string> calls;
-};
-FakeTable* Table(KWCalcConst* t) { return reinterpret_cast<FakeTable*>(t); }
+// The constants a table holds for these names, as "name=value" texts.
+std::vector<std::string> Constants(KWCalcConst* table, const std::vector<std::string>& names) {
+    std::vector<std::string> out;
+    for (const auto& name : names) {
+        CVar* v = nullptr;
+        if (KWCalcConstGet(table, name.c_str(), &v) != 1) continue;
+        out.push_back(name + "=" + (v->type == 1 ? std::to_string(v->v.i + 0)
+                                                 : "\"" + Text(v) + "\""));
+    }
+    return out;
+}
 
 }  // namespace
 
 TEST(calcInternal, RegistrationShapeOfEveryObjectType) {
-    const kwz::calc::ConstHooks hooks = {
-        [](KWCalcConst* t, const char* name, int64_t v) -> int32_t {
-            Table(t)->calls.push_back(std::string(name) + "=" + std::to_string(v));
-            return 0;
-        },
-        [](KWCalcConst* t, const char* name, const char* text, int32_t n) -> int32_t {
-            Table(t)->calls.push_back(std::string(name) + "=\"" + std::string(text, size_t(n)) + "\"");
-            return 0;
-        },
-        [](KWCalcConst* t, const char* name) -> int32_t {
-            Table(t)->calls.push_back(std::string("-") + name);
-            return 0;
-        },
-    };
-    kwz::calc::SetConstHooks(&hooks);
     KWCalcObjDef ints{}, other{};
     ints.name = "IntS";
     other.name = "Other";
@@ -252,8 +243,10 @@ TEST(calcInternal, RegistrationShapeOfEveryObjectType) {
     static const char* const kProps[] = {"Val", "Sign"};
     const kwz::calc::ObjTypeInfo intsInfo{&ints, &intsTag, kProps, 2};
     const kwz::calc::ObjTypeInfo otherInfo{&other, &otherTag, nullptr, 0};
-    FakeTable table;
-    auto* constants = reinterpret_cast<KWCalcConst*>(&table);
+    const std::vector<std::string> names = {"itIntS", "stIntS", "ipIntS_Val", "spIntS_Val",
+                                            "ipIntS_Sign", "spIntS_Sign"};
+    KWCalcConst* constants = nullptr;
+    ASSERT_EQ(KWCalcConstCreate(&constants, 16), 0);
 
     EXPECT_EQ(kwz::calc::RegisterObjType(intsInfo, 20, constants), &ints);
     EXPECT_EQ(intsTag, 20);
@@ -261,11 +254,11 @@ TEST(calcInternal, RegistrationShapeOfEveryObjectType) {
     const std::vector<std::string> defined = {"itIntS=20", "stIntS=\"IntS\"", "ipIntS_Val=1",
                                               "spIntS_Val=\"Val\"", "ipIntS_Sign=2",
                                               "spIntS_Sign=\"Sign\""};
-    EXPECT_EQ(table.calls, defined);
-    table.calls.clear();
+    EXPECT_EQ(Constants(constants, names), defined);
     // The current tag again: the descriptor at once, nothing redefined.
+    KWCalcConstDel(constants, "itIntS");
     EXPECT_EQ(kwz::calc::RegisterObjType(intsInfo, 20, constants), &ints);
-    EXPECT_TRUE(table.calls.empty());
+    EXPECT_EQ(KWCalcConstGet(constants, "itIntS", nullptr), 0);
     // A tag that another type holds: null, and this type is unregistered.
     EXPECT_EQ(kwz::calc::RegisterObjType(otherInfo, 21, nullptr), &other);
     EXPECT_EQ(kwz::calc::RegisterObjType(intsInfo, 21, constants), nullptr);
@@ -277,12 +270,34 @@ TEST(calcInternal, RegistrationShapeOfEveryObjectType) {
     EXPECT_EQ(kwz::calc::RegisterObjType(intsInfo, 22, nullptr), &ints);
     EXPECT_EQ(kwz::calc::RegisterObjType(intsInfo, 23, nullptr), &ints);
     EXPECT_EQ(KWCalcObjType(22), nullptr);
+    EXPECT_EQ(KWCalcObjType(23), &ints);
     EXPECT_EQ(kwz::calc::RegisterObjType(intsInfo, 0, constants), nullptr);
     EXPECT_EQ(intsTag, 0);
     EXPECT_EQ(KWCalcObjType(23), nullptr);
-    EXPECT_EQ(table.calls, (std::vector<std::string>{"-itIntS", "-stIntS", "-ipIntS_Val", "-spIntS_Val",
-                                                     "-ipIntS_Sign", "-spIntS_Sign"}));
+    EXPECT_TRUE(Constants(constants, names).empty());
     EXPECT_EQ(kwz::calc::RegisterObjType(otherInfo, 0, nullptr), nullptr);
     EXPECT_EQ(KWCalcObjType(21), nullptr);
-    kwz::calc::SetConstHooks(nullptr);
+    KWCalcConstDestroy(constants);
+}
+
+TEST(calcInternal, ConstantTablesUnderAllocationFailure) {
+    ForEachAllocationFailure([&](auto fired) {
+        KWCalcConst* table = nullptr;
+        int32_t status = KWCalcConstCreate(&table, 4);
+        if (fired()) {
+            EXPECT_EQ(status, -21);
+            return;
+        }
+        status = KWCalcConstStr(table, "Name", "a long enough text", 18, "the description");
+        const bool strFailed = fired();
+        EXPECT_EQ(status, strFailed ? -21 : 0);
+        EXPECT_EQ(KWCalcConstGet(table, "NAME", nullptr), strFailed ? 0 : 1);
+        KWCalcConst* copy = nullptr;
+        if (KWCalcConstCreate(&copy, 1) == 0) {
+            status = KWCalcConstCopy(copy, table);
+            EXPECT_TRUE(status == 0 || (status == -21 && fired()));
+            KWCalcConstDestroy(copy);
+        }
+        KWCalcConstDestroy(table);
+    });
 }

@@ -398,3 +398,47 @@ TEST(calcStack, CapacityPushPopAndArguments) {
     EXPECT_EQ(KWCalcStackData(s), nullptr);
     KWCalcStackFree(s);  // frees the three strings left
 }
+
+TEST(calcConst, SetOnceIgnoringCaseAndCopies) {
+    KWCalcConst* t = nullptr;
+    EXPECT_EQ(KWCalcConstCreate(&t, 0), 0);  // a capacity below 1 makes nothing
+    EXPECT_EQ(t, nullptr);
+    ASSERT_EQ(KWCalcConstCreate(&t, 2), 0);
+    ASSERT_NE(t, nullptr);
+    EXPECT_EQ(KWCalcConstInt(t, "Answer", 42, "the answer"), 0);
+    EXPECT_EQ(KWCalcConstInt(t, "ANSWER", 7, nullptr), 0);  // set once: 42 stays
+    EXPECT_EQ(KWCalcConstDbl(t, "pi", 3.25, nullptr), 0);
+    std::string text = "abc";
+    EXPECT_EQ(KWCalcConstStr(t, "S", text.data(), 2, nullptr), 0);
+    text = "zzz";  // the table holds its own copy
+    EXPECT_EQ(KWCalcConstStr(t, "none", nullptr, 5, nullptr), 0);
+    EXPECT_EQ(KWCalcConstInt(t, nullptr, 1, nullptr), -44);
+    struct Row { const char* name; int32_t found; const char* image; };
+    for (const Row& r : std::vector<Row>{{"answer", 1, "01 2a00000000000000"},
+                                         {"PI", 1, "02 0000000000000a40"},
+                                         {"s", 1, "03 02000000 6162"},
+                                         {"NONE", 1, "03 00000000"},
+                                         {"other", 0, ""}}) {
+        CVar* v = reinterpret_cast<CVar*>(&text);
+        EXPECT_EQ(KWCalcConstGet(t, r.name, &v), r.found) << r.name;
+        EXPECT_EQ(v ? ImageHex(v) : "", ToHex(Hex(r.image))) << r.name;
+    }
+    KWCalcConst* copy = nullptr;
+    ASSERT_EQ(KWCalcConstCreate(&copy, 1), 0);
+    EXPECT_EQ(KWCalcConstInt(copy, "pi", 3, nullptr), 0);
+    EXPECT_EQ(KWCalcConstCopy(copy, t), 0);
+    CVar* v = nullptr;
+    EXPECT_EQ(KWCalcConstGet(copy, "Pi", &v), 1);
+    EXPECT_EQ(v->type, 1);  // the destination's own value stays
+    EXPECT_EQ(KWCalcConstGet(copy, "S", &v), 1);
+    EXPECT_EQ(Text(v), "ab");
+    EXPECT_EQ(KWCalcConstDel(t, "s"), 0);
+    EXPECT_EQ(KWCalcConstDel(t, "s"), -44);
+    EXPECT_EQ(KWCalcConstGet(t, "S", nullptr), 0);
+    EXPECT_EQ(KWCalcConstGet(copy, "S", nullptr), 1);
+    KWCalcConstClear(t);
+    EXPECT_EQ(KWCalcConstGet(t, "answer", nullptr), 0);
+    KWCalcConstDestroy(t);
+    KWCalcConstDestroy(copy);
+    KWCalcConstDestroy(nullptr);
+}
