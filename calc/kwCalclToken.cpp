@@ -70,6 +70,12 @@ const Builtin* InnerFun(const char* name, size_t length) {
     return nullptr;
 }
 
+const Builtin* BuiltinByCode(int32_t code) {
+    for (const Builtin& b : kBuiltins)
+        if (b.code == code) return &b;
+    return nullptr;
+}
+
 int32_t ReservWord(const char* name, size_t length) {
     for (const Word& w : kReserved)
         if (SameName(name, length, w.name)) return w.token;

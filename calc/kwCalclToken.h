@@ -84,6 +84,8 @@ struct Builtin {
 
 // The built-in function of this name (any case), or null.
 const Builtin* InnerFun(const char* name, size_t length);
+// The built-in function of this code, or null.
+const Builtin* BuiltinByCode(int32_t code);
 // The reserved-word token of this name (any case), or 0.
 int32_t ReservWord(const char* name, size_t length);
 

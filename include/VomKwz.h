@@ -798,6 +798,32 @@ KWZ_API int32_t KWCalcConstDel(KWCalcConst* table, const char* name);
    entry is deleted), 0 not. */
 KWZ_API int32_t KWCalcConstGet(KWCalcConst* table, const char* name, CVar** value);
 
+/* Compiled functions.  KWFunCompile stores a record in *function even on
+   failure (NULL only when the record itself cannot be had): then paramCount
+   holds the error code, externCount the byte offset of the offending token
+   and code the error message (UTF-8).  Codes: -1 out of memory, -2 syntax,
+   -3 bad literal, -4 missing ")", -5 missing "]", -6 missing expression,
+   -7 wrong argument count, -8 duplicate name.  constants may be NULL. */
+typedef struct KWFunDef {
+    char* name;
+    int32_t stackNeed;
+    int32_t paramCount;   /* on failure: the error code */
+    int32_t externCount;  /* on failure: byte offset of the error in the text */
+    void* externNames;    /* KWFunExtern[externCount] */
+    uint8_t* code;        /* on failure: the error message */
+} KWFunDef;
+/* An external function that the code calls (241 with its index). */
+typedef struct KWFunExtern {
+    char* name;
+    int32_t argCount;
+} KWFunExtern;
+KWZ_API int32_t KWFunCompile(const char* text, KWFunDef** function, int32_t debug,
+                             KWCalcConst* constants);
+/* Frees the external names and the code, keeping the record and its name. */
+KWZ_API void KWFunRefFree(KWFunDef* function);
+/* Frees everything, the record too; NULL is accepted. */
+KWZ_API void KWFunFree(KWFunDef* function);
+
 /* Execution stack: a header and capacity CVar slots.  A frame starts at the
    stack's base; argument i of the running call is slot base + i. */
 /* 0, -21 out of memory, -47 capacity below 1.  The calculator may be NULL. */
