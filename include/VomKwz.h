@@ -823,6 +823,11 @@ KWZ_API int32_t KWFunCompile(const char* text, KWFunDef** function, int32_t debu
 KWZ_API void KWFunRefFree(KWFunDef* function);
 /* Frees everything, the record too; NULL is accepted. */
 KWZ_API void KWFunFree(KWFunDef* function);
+/* The function's code as text, one instruction a line ("offset  mnemonic
+   operands", jump targets as offsets, strings quoted), then its stack need,
+   parameter count and external names.  Released with KWMemFree; NULL for a
+   failed compilation or when memory runs out. */
+KWZ_API char* KWFunDisassemble(const KWFunDef* function);
 
 /* Execution stack: a header and capacity CVar slots.  A frame starts at the
    stack's base; argument i of the running call is slot base + i. */

@@ -308,3 +308,50 @@ TEST(calcCompile, OutOfMemoryGivesMinus1AndLeaksNothing) {
     });
     EXPECT_GT(failures, 10);
 }
+
+TEST(calcCompile, DisassemblyOfEveryInstruction) {
+    const char* text =
+        "f(p){ var v; v = p[0] + 1.5 - \"a\\\"\\n\" * [] / (1, 2) \\ 3 % 4;"
+        " v = p == 1 != (p < 2) <= (p > 3) >= -p;"
+        " v = !p && ~p || (p & 1 ^ 2 | 3 << 4 >> 5);"
+        " p = try(g([v][0])) + sin(null); if (v) exit; while (p) break; }";
+    KWFunDef* f = nullptr;
+    ASSERT_EQ(KWFunCompile(text, &f, 1, nullptr), 0);
+    char* listing = KWFunDisassemble(f);
+    ASSERT_NE(listing, nullptr);
+    const std::string expect =
+        "0000  nil\n"
+        "0001  nil\n"
+        "0002  dbg     0 @13\n"
+        "0009  int     0\n"
+        "0012  ldp     0, 1\n"
+        "0017  dbl     1.5\n"
+        "0020  add\n"
+        "0021  str     \"a\\\"\\x0A\"\n"
+        "0028  arr     0\n"
+        "002d  mul\n"
+        "002e  int     1\n"
+        "0037  int     2\n"
+        "0040  drop    1\n"
+        "0043  div\n"
+        "0044  int     3\n"
+        "004d  divi\n"
+        "004e  int     4\n"
+        "0057  mod\n"
+        "0058  sub\n"
+        "0059  stl     2, 0\n"
+        "005e  drop    0\n";
+    EXPECT_EQ(std::string(listing).substr(0, expect.size()), expect);
+    // Every mnemonic of the instruction table appears somewhere.
+    for (const char* m : {"ldp", "ldl", "nil", "int", "dbl", "str", "drop", "add", "sub", "mul",
+                          "div", "divi", "mod", "eq", "ne", "lt", "le", "gt", "ge", "neg", "not",
+                          "bnot", "and", "or", "band", "bxor", "bor", "shl", "shr", "dbg", "call",
+                          "jmp", "andt", "ort", "jf", "stp", "stl", "idx", "arr", "try", "endtry",
+                          "exit", "end", "sin", "null"})
+        EXPECT_NE(std::string(listing).find(std::string("  ") + m), std::string::npos) << m;
+    EXPECT_NE(std::string(listing).find("call    0 (g/1)"), std::string::npos);
+    EXPECT_NE(std::string(listing).find("stack need: "), std::string::npos);
+    EXPECT_NE(std::string(listing).find("externals: g/1\n"), std::string::npos);
+    KWMemFree(listing);
+    KWFunFree(f);
+}
