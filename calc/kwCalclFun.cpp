@@ -73,22 +73,20 @@ void Compiler::Expect(int32_t token, int32_t error) {
 
 void Compiler::Emit(uint8_t op) { code_.push_back(op); }
 
-void Compiler::Emit16(uint16_t v) {
-    const uint8_t b[2] = {uint8_t(v), uint8_t(v >> 8)};
-    code_.insert(code_.end(), b, b + 2);
+namespace {
+
+template <typename T>
+void Append(std::vector<uint8_t>* code, T v) {
+    const size_t at = code->size();
+    code->resize(at + sizeof v);
+    std::memcpy(code->data() + at, &v, sizeof v);
 }
 
-void Compiler::Emit32(uint32_t v) {
-    uint8_t b[4];
-    std::memcpy(b, &v, 4);
-    code_.insert(code_.end(), b, b + 4);
-}
+}  // namespace
 
-void Compiler::Emit64(uint64_t v) {
-    uint8_t b[8];
-    std::memcpy(b, &v, 8);
-    code_.insert(code_.end(), b, b + 8);
-}
+void Compiler::Emit16(uint16_t v) { Append(&code_, v); }
+void Compiler::Emit32(uint32_t v) { Append(&code_, v); }
+void Compiler::Emit64(uint64_t v) { Append(&code_, v); }
 
 size_t Compiler::EmitJump(uint8_t op) {
     Emit(op);
@@ -119,7 +117,8 @@ void Compiler::Push(int32_t n) {
 
 int32_t Compiler::FindLocal(const std::string& name) const {
     for (size_t i = 0; i < locals_.size(); ++i)
-        if (stricmp_rus(locals_[i].c_str(), name.c_str()) == 0) return int32_t(i);
+        if (locals_[i].size() == name.size() && stricmp_rus(locals_[i].c_str(), name.c_str()) == 0)
+            return int32_t(i);
     return -1;
 }
 

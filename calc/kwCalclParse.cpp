@@ -1,6 +1,7 @@
 // The parser of the formula compiler: the function header, its const and
 // var sections, statements and the expression levels from the loosest
 // binding ("," lists) to the tightest (indexes).
+#include <array>
 #include <cstring>
 
 #include "calc/kwCalcOps.h"
@@ -269,23 +270,26 @@ void Compiler::Level4() {
 //   5 "|"   6 "^"   7 "&"   8 "==" "!="   9 "<" "<=" ">" ">="
 //  10 "<<" ">>"   11 "+" "-"   12 "*" "/" "\" "%"
 void Compiler::Binary(int level) {
-    static const int32_t kLevels[8][5] = {
-        {kTokBOr}, {kTokBXor}, {kTokBAnd}, {kTokEq, kTokNe}, {kTokLt, kTokLe, kTokGt, kTokGe},
-        {kTokShl, kTokShr}, {kTokAdd, kTokSub}, {kTokMul, kTokDiv, kTokDivI, kTokMod},
-    };
+    // The level of each binary operator token, 0 for other tokens.
+    static const auto kLevelOf = [] {
+        std::array<uint8_t, 256> t{};
+        const int32_t levels[8][4] = {
+            {kTokBOr}, {kTokBXor}, {kTokBAnd}, {kTokEq, kTokNe}, {kTokLt, kTokLe, kTokGt, kTokGe},
+            {kTokShl, kTokShr}, {kTokAdd, kTokSub}, {kTokMul, kTokDiv, kTokDivI, kTokMod},
+        };
+        for (int l = 0; l < 8; ++l)
+            for (int32_t op : levels[l])
+                if (op) t[size_t(op)] = uint8_t(l + 5);
+        return t;
+    }();
     auto operand = [&] {
         if (level < 12)
             Binary(level + 1);
         else
             Level13();
     };
-    auto isOp = [&](int32_t t) {
-        for (int32_t op : kLevels[level - 5])
-            if (op && op == t) return true;
-        return false;
-    };
     operand();
-    while (isOp(tok_.token)) {
+    while (tok_.token < 256 && kLevelOf[size_t(tok_.token)] == level) {
         const int32_t op = tok_.token;
         Next();
         operand();

@@ -6,6 +6,9 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
+#include <vector>
+#include <array>
 
 namespace kwz::calcl {
 namespace {
@@ -62,12 +65,28 @@ bool SameName(const char* name, size_t length, const char* word) {
 
 [[noreturn]] void Fail(int32_t code) { throw CompileError{code}; }
 
+// Lookups by the first letter: the tables are small, but every name of a
+// program passes through both.
+template <typename Entry, size_t N>
+struct ByFirstLetter {
+    std::array<std::vector<const Entry*>, 26> buckets;
+    explicit ByFirstLetter(const Entry (&entries)[N]) {
+        for (const Entry& e : entries) buckets[size_t(e.name[0] - 'a')].push_back(&e);
+    }
+    const Entry* Find(const char* name, size_t length) const {
+        const unsigned first = static_cast<unsigned char>(name[0]) | 0x20u;
+        if (length == 0 || first < 'a' || first > 'z') return nullptr;
+        for (const Entry* e : buckets[first - 'a'])
+            if (SameName(name, length, e->name)) return e;
+        return nullptr;
+    }
+};
+
 }  // namespace
 
 const Builtin* InnerFun(const char* name, size_t length) {
-    for (const Builtin& b : kBuiltins)
-        if (SameName(name, length, b.name)) return &b;
-    return nullptr;
+    static const ByFirstLetter<Builtin, std::size(kBuiltins)> index(kBuiltins);
+    return index.Find(name, length);
 }
 
 const Builtin* BuiltinByCode(int32_t code) {
@@ -77,9 +96,10 @@ const Builtin* BuiltinByCode(int32_t code) {
 }
 
 int32_t ReservWord(const char* name, size_t length) {
-    for (const Word& w : kReserved)
-        if (SameName(name, length, w.name)) return w.token;
-    return 0;
+    if (length < 2 || length > 8) return 0;
+    static const ByFirstLetter<Word, std::size(kReserved)> index(kReserved);
+    const Word* w = index.Find(name, length);
+    return w ? w->token : 0;
 }
 
 // Bytes 1..32 are blanks; "/* ... */" and "// ..." to the end of the line are
