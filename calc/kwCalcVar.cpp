@@ -5,6 +5,9 @@
 // that the caller still needs.
 #include <cstdlib>
 #include <cstring>
+#include <new>
+#include <utility>
+#include <vector>
 
 #include "base/kwGuard.h"
 #include "base/kwMem.h"
@@ -81,32 +84,81 @@ CVar* AllocVars(int32_t count) {
 
 void FreeVars(CVar* block) { MemFree(block); }
 
-void SetEmpty(CVar* v) {
-    if (!v) return;
-    switch (v->type) {
-    case kEmpty:
-    case kInt:
-    case kDbl:
-        break;
-    case kStr:
+namespace {
+
+// Arrays nested deeper than this are freed through a work list on the heap
+// instead of the C stack, so that no nesting a script can build overflows it.
+constexpr int32_t kRecurseDepth = 128;
+
+void EmptyAt(CVar* v, int32_t depth);
+
+void ClearAt(CVar* values, int32_t count, int32_t depth) {
+    for (int32_t i = 0; i < count; ++i) EmptyAt(&values[i], depth);
+}
+
+// Frees everything but owned arrays, and empties the value.
+void EmptyLeaf(CVar* v) {
+    if (v->type == kStr) {
         if (v->ref == 0) StrBlockFree(v->v.s);
-        break;
-    case kArr:
-        if (v->ref == 0 && v->v.a) {
-            Clear(v->v.a, v->count);
-            FreeVars(v->v.a);
-        }
-        break;
-    default:
+    } else if (v->type >= kFirstObj) {
         if (const KWCalcObjDef* def = ObjType(v->type); def && def->Free) def->Free(v);
-        break;
     }
     Zero(v);
 }
 
+bool IsOwnedArray(const CVar* v) { return v->type == kArr && v->ref == 0 && v->v.a; }
+
+// Depth-first over blocks kept on a work list; when the list cannot grow,
+// that block is freed by recursion after all.
+void FreeDeep(CVar* items, int32_t count) {
+    std::vector<std::pair<CVar*, int32_t>> work;
+    auto push = [&](CVar* block, int32_t n) {
+        try {
+            work.emplace_back(block, n);
+        } catch (const std::bad_alloc&) {
+            ClearAt(block, n, 0);
+            FreeVars(block);
+        }
+    };
+    push(items, count);
+    while (!work.empty()) {
+        const auto [block, n] = work.back();
+        work.pop_back();
+        for (int32_t i = 0; i < n; ++i) {
+            CVar* e = &block[i];
+            if (IsOwnedArray(e)) {
+                push(e->v.a, e->count);
+                Zero(e);
+            } else {
+                EmptyLeaf(e);
+            }
+        }
+        FreeVars(block);
+    }
+}
+
+void EmptyAt(CVar* v, int32_t depth) {
+    if (!IsOwnedArray(v)) {
+        EmptyLeaf(v);
+        return;
+    }
+    if (depth < kRecurseDepth) {
+        ClearAt(v->v.a, v->count, depth + 1);
+        FreeVars(v->v.a);
+    } else {
+        FreeDeep(v->v.a, v->count);
+    }
+    Zero(v);
+}
+
+}  // namespace
+
+void SetEmpty(CVar* v) {
+    if (v) EmptyAt(v, 0);
+}
+
 void Clear(CVar* values, int32_t count) {
-    if (!values) return;
-    for (int32_t i = 0; i < count; ++i) SetEmpty(&values[i]);
+    if (values) ClearAt(values, count, 0);
 }
 
 void Move(CVar* d, CVar* s) {

@@ -390,3 +390,23 @@ TEST(calcCast, TypeAndTypeName) {
     raw.type = -1;
     EXPECT_EQ(CVar_Type(&raw), -44);
 }
+
+TEST(calcVar, DeepNestingIsFreedWithoutExhaustingTheStack) {
+    // [[[ ... "leaf" ... ]]] a million arrays deep, as a script could build.
+    Val top;
+    CVar* cur = &top.v;
+    for (int i = 0; i < 1000000; ++i) {
+        CVarSetArr(cur, 2);
+        CVarSetInt(&cur->v.a[1], i);
+        cur = &cur->v.a[0];
+    }
+    CVarSetStr(cur, "leaf", 4);
+    // Copies and images stop at 1,000 levels rather than overflow.
+    Val copy;
+    CVarSetInt(&copy.v, 1);
+    CVarCopy(&copy.v, &top.v);
+    EXPECT_EQ(copy->type, 0);
+    EXPECT_EQ(CVarToBuff(&top.v, nullptr, 0), 0);
+    CVarSetEmpty(&top.v);
+    EXPECT_EQ(top->type, 0);
+}
