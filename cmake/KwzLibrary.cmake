@@ -23,7 +23,7 @@ set(KWZ_DEPS_sock rec)
 set(KWZ_DEPS_graph base)
 set(KWZ_DEPS_text base)
 set(KWZ_DEPS_xml text)
-set(KWZ_DEPS_calc graph)
+set(KWZ_DEPS_calc graph base)
 set(KWZ_DEPS_client sock)
 
 set(KWZ_LIB_OBJECTS "")

@@ -638,7 +638,266 @@ KWZ_API void RC4Code(uint8_t* data, int32_t length, RC4Key* state);
 /* Calculator: values, registry, compiler, engine, object types               */
 /* ======================================================================== */
 
-/* (calculator declarations go here) */
+/* Values.  A CVar is a 24-byte tagged value: 0 Empty, 1 Int, 2 Dbl, 3 Str,
+   4 Arr; tags 5..255 belong to object types registered at run time.  A
+   zero-filled CVar is the empty value.  A Str or Arr value with ref 0 owns its
+   text or elements; with ref non-zero it aliases storage owned elsewhere and
+   never frees it (it must not outlive that storage).  Calculator functions
+   return 0 or a negative code: -21 out of memory, -44 type not supported
+   (unknown or unregistered tag, missing slot, impossible cast), -45 an object
+   type does not know the function, -47 execution stack too small, -48 no or
+   unknown property selector, -49 index not castable to Int or out of range.
+   The registry is process-wide and not locked: register types before
+   calculators are created, from one thread. */
+#pragma pack(push, 1)
+typedef struct CStr {
+    char* text;     /* length bytes followed by one 0 byte that is not counted */
+    int32_t length;
+    int32_t ref;    /* 0 owned, else a reference */
+} CStr;
+typedef struct CVar {
+    int32_t type;
+    union { int64_t i; double d; char* s; struct CVar* a; void* p; uint8_t raw[8]; } v;
+    int32_t count;  /* Str: length in bytes; Arr: number of elements */
+    int32_t ref;    /* Str, Arr: 0 owned, else a reference */
+    int32_t spare;
+} CVar;
+/* The array part of a CVar (payload, count, ref), like CStr at byte 4. */
+typedef struct CArr {
+    CVar* items;
+    int32_t count;
+    int32_t ref;
+} CArr;
+#pragma pack(pop)
+KWZ_STATIC_ASSERT(sizeof(CStr) == 16, "CStr is 16 bytes");
+KWZ_STATIC_ASSERT(sizeof(CArr) == 16, "CArr is 16 bytes");
+KWZ_STATIC_ASSERT(sizeof(CVar) == 24, "CVar is 24 bytes");
+KWZ_STATIC_ASSERT(offsetof(CVar, count) == 12, "CVar count at byte 12");
+
+typedef struct KWCalcDef KWCalcDef;         /* calculator */
+typedef struct KWCalcStack KWCalcStack;     /* execution stack */
+typedef struct KWCalcNameDef KWCalcNameDef; /* name entry */
+typedef struct KWCalcConst KWCalcConst;     /* constant table */
+typedef int32_t (*KWCalcFn)(KWCalcStack* stack);
+
+/* The descriptor of an object type: its name and 35 slots, each optional
+   (NULL: not supported, with the default behaviour of the value operations).
+   Operator slots get the first operand on the stack (the second, if any, is
+   the next CVar) and leave the result in the first operand's place. */
+typedef struct KWCalcObjDef {
+    const char* name;
+    void (*CalcCreate)(KWCalcDef* calculator);
+    void (*CalcDestroy)(KWCalcDef* calculator);
+    void (*Free)(CVar* value);
+    void (*Copy)(CVar* destination, const CVar* source);
+    int32_t (*Cast)(CVar* value, int32_t tag);
+    int32_t (*New)(KWCalcStack* stack);
+    int32_t (*Get)(KWCalcStack* stack);
+    int32_t (*Put)(KWCalcStack* stack);
+    int32_t (*Call)(KWCalcStack* stack);
+    int32_t (*UndefFun)(CVar* value, const char* name);
+    /* Bytes written (or, with destination NULL, needed); 0 or less fails. */
+    int32_t (*ToBuff)(const CVar* value, void* destination, int32_t room);
+    /* Bytes read after the tag byte; 0 or less fails. */
+    int32_t (*FromBuff)(CVar* value, const void* source);
+    int32_t (*Sum)(CVar* operands);
+    int32_t (*Sub)(CVar* operands);
+    int32_t (*Mul)(CVar* operands);
+    int32_t (*Div)(CVar* operands);
+    int32_t (*DivI)(CVar* operands);
+    int32_t (*Mod)(CVar* operands);
+    int32_t (*LE)(CVar* operands);
+    int32_t (*LNE)(CVar* operands);
+    int32_t (*LL)(CVar* operands);
+    int32_t (*LLE)(CVar* operands);
+    int32_t (*LG)(CVar* operands);
+    int32_t (*LGE)(CVar* operands);
+    int32_t (*UMin)(CVar* operand);
+    int32_t (*LNot)(CVar* operand);
+    int32_t (*BDop)(CVar* operand);
+    int32_t (*LAnd)(CVar* operands);
+    int32_t (*LOr)(CVar* operands);
+    int32_t (*BAnd)(CVar* operands);
+    int32_t (*BXor)(CVar* operands);
+    int32_t (*BOr)(CVar* operands);
+    int32_t (*Shl)(CVar* operands);
+    int32_t (*Shr)(CVar* operands);
+    void (*reserved)(void); /* never called; stays NULL */
+} KWCalcObjDef;
+KWZ_STATIC_ASSERT(sizeof(KWCalcObjDef) == 36 * sizeof(void*), "name and 35 slots");
+
+/* Strings: the block holds ((length + 1) rounded down to 128) + 128 bytes.
+   CStrAlloc gives a fresh owned block (text NULL and length 0 when memory runs
+   out); CStrReAlloc resizes (unchanged on failure; a reference becomes an
+   owned copy); CStrFree frees only an owned block. */
+KWZ_API void CStrAlloc(CStr* str, int32_t length);
+KWZ_API void CStrReAlloc(CStr* str, int32_t length);
+KWZ_API void CStrFree(CStr* str);
+/* Bytewise over the common prefix, then the shorter orders first. */
+KWZ_API int32_t CStrCmp(const CStr* a, const CStr* b);
+/* Case-insensitive (Latin and Windows-1251) over the common prefix only: a
+   prefix of the other, or an empty text, compares equal (kept on purpose). */
+KWZ_API int32_t CStrCmpI(const CStr* a, const CStr* b);
+/* Up to 4 characters, ASCII capitals folded, first in the highest used byte. */
+KWZ_API uint32_t PropNameToInt(const char* name);
+
+/* Resizes an owned array, emptying elements that fall away and zero-filling
+   new ones; unchanged when memory runs out. */
+KWZ_API void CArrReAlloc(CArr* arr, int32_t newCount);
+
+/* Value operations.  They report no failure: when memory runs out a string
+   is left empty, a new array has 0 elements, and a copy leaves the
+   destination empty (logged "SE_NOMEM"). */
+KWZ_API void CVarInit(CVar* values, int32_t count);
+/* count zero-filled values in one block (released with CVarFree); NULL when
+   memory runs out.  *out, when given, gets the pointer too. */
+KWZ_API CVar* CVarAlloc(int32_t count, CVar** out);
+/* Frees what the value owns (an object through its type's Free) and empties it. */
+KWZ_API void CVarSetEmpty(CVar* value);
+KWZ_API void CVarClear(CVar* values, int32_t count);
+/* CVarClear, then frees a block from CVarAlloc. */
+KWZ_API void CVarFree(CVar* values, int32_t count);
+/* Ownership passes with the bytes; the source is left empty. */
+KWZ_API void CVarMove(CVar* destination, CVar* source);
+KWZ_API void CVarSetInt(CVar* value, int64_t i);
+KWZ_API void CVarSetDbl(CVar* value, double d);
+/* An owned copy of length bytes (zeros when bytes is NULL); a negative length
+   leaves the value empty. */
+KWZ_API void CVarSetStr(CVar* value, const char* bytes, int32_t length);
+/* count empty elements, owned; a negative count leaves the value empty. */
+KWZ_API void CVarSetArr(CVar* value, int32_t count);
+/* Deep copy: the destination owns all it holds, even when the source was a
+   reference.  Safe when one is inside the other. */
+KWZ_API void CVarCopy(CVar* destination, const CVar* source);
+/* Shallow copy: a Str or Arr destination aliases the source's storage (ref 1);
+   an object type copies through its Copy slot. */
+KWZ_API void CVarCopyRef(CVar* destination, const CVar* source);
+/* Moves n consecutive values into one new owned array stored in values[0]. */
+KWZ_API void CArrCopy(CVar* values, int32_t n);
+/* The element reached by n indexes (each cast to Int) into nested arrays, or
+   NULL with *status -49 (-21 out of memory); *status 0 on success. */
+KWZ_API CVar* CVarArrItm(CVar* array, CVar* indexes, int32_t n, int32_t* status);
+/* The byte at a 0-based index of a Str as an Int in destination: 0, -49, -21.
+   *status, when given, gets the result too. */
+KWZ_API int32_t CVarGetChar(CVar* destination, const CVar* string, const CVar* index,
+                            int32_t* status);
+/* Writes one byte of an owned (or made owned) Str: an Int's low byte, a Str's
+   first byte (0 when empty): 0, -44 other types, -49 bad index, -21. */
+KWZ_API int32_t CVarPutChar(CVar* string, const CVar* index, const CVar* value,
+                            int32_t* status);
+/* Reads a property: the n selectors lie at slots 0.. of the stack's frame.
+   The type's Get sees slot 0 = a copy of the object, slot 1 = the selector (an
+   array of them when n > 1) and leaves the result in slot 0.  On return the
+   frame holds that one value (empty on failure).  0, -44, -48, -47, -21 or the
+   type's code. */
+KWZ_API int32_t CVarGetObjVar(KWCalcStack* stack, CVar* object, int32_t n);
+/* Writes a property: the frame holds n selectors then the new value; Put sees
+   slot 2 = the value as well.  On success the object takes the modified copy;
+   on failure it is unchanged.  On return the frame holds one value. */
+KWZ_API int32_t CVarPutObjVar(KWCalcStack* stack, CVar* object, int32_t n);
+/* Converts in place: 0, -44 (value unchanged), -21 (value unchanged). */
+KWZ_API int32_t CVarCast(CVar* value, int32_t tag);
+/* The value image: tag byte and body.  Returns its size and copies at most
+   room bytes of it into destination; destination NULL only measures.  0 when
+   the value cannot be written (unregistered tag, a type's refusal, memory);
+   the destination may then hold part of the image. */
+KWZ_API int32_t CVarToBuff(const CVar* value, void* destination, int32_t room);
+/* Empties the value and reads one image; bytes consumed, 0 on failure (the
+   value then empty).  Trusts the source to hold a complete image. */
+KWZ_API int32_t CVarFromBuff(CVar* value, const void* source);
+/* As CVarFromBuff, reading nothing at or past source + length: a truncated
+   image, a count beyond the remaining bytes or nesting deeper than 256 gives 0
+   and an empty value. */
+KWZ_API int32_t CVarFromBuffN(CVar* value, const void* source, int32_t length);
+/* Replaces the value by an Int of its tag (0 or -44). */
+KWZ_API int32_t CVar_Type(CVar* value);
+/* Replaces the value by a Str of its type name: 0, -44, -21. */
+KWZ_API int32_t CVar_TypeName(CVar* value);
+/* The built-in "new": argument 0 names the type (tag or name), argument 1 is
+   given to the type's New slot: its status, or -44. */
+KWZ_API int32_t CVar_New(KWCalcStack* stack);
+
+/* Registry.  KWCalcObjTypeReg stores the descriptor under tag 5..255 (NULL
+   unregisters) and returns it; NULL for another tag.  The descriptor is not
+   copied: it must outlive its registration. */
+KWZ_API KWCalcObjDef* KWCalcObjTypeReg(int32_t tag, KWCalcObjDef* descriptor);
+/* NULL for a tag outside 5..255 or unregistered. */
+KWZ_API KWCalcObjDef* KWCalcObjType(int32_t tag);
+/* Case-insensitive; of equal names the first in sorted order. */
+KWZ_API KWCalcObjDef* KWCalcObjTypeFromName(const char* name);
+
+/* Constant tables: named values (names compare ignoring case), each set
+   once: setting a name that already holds a value changes nothing and still
+   succeeds.  Values and descriptions are copied.  0, -21 out of memory, -44
+   a NULL table or name. */
+/* Makes a table with room for capacity entries (it grows); a capacity below
+   1 makes nothing.  Released with KWCalcConstDestroy. */
+KWZ_API int32_t KWCalcConstCreate(KWCalcConst** table, int32_t capacity);
+KWZ_API void KWCalcConstClear(KWCalcConst* table);
+KWZ_API void KWCalcConstDestroy(KWCalcConst* table);
+/* Adds the source's entries; names the destination holds keep their values. */
+KWZ_API int32_t KWCalcConstCopy(KWCalcConst* destination, const KWCalcConst* source);
+KWZ_API int32_t KWCalcConstInt(KWCalcConst* table, const char* name, int64_t value,
+                               const char* description);
+KWZ_API int32_t KWCalcConstDbl(KWCalcConst* table, const char* name, double value,
+                               const char* description);
+KWZ_API int32_t KWCalcConstStr(KWCalcConst* table, const char* name, const char* value,
+                               int32_t length, const char* description);
+/* 0 removed, -44 no such name. */
+KWZ_API int32_t KWCalcConstDel(KWCalcConst* table, const char* name);
+/* 1 found (*value, when given, points at the table's value, valid until the
+   entry is deleted), 0 not. */
+KWZ_API int32_t KWCalcConstGet(KWCalcConst* table, const char* name, CVar** value);
+
+/* Compiled functions.  KWFunCompile stores a record in *function even on
+   failure (NULL only when the record itself cannot be had): then paramCount
+   holds the error code, externCount the byte offset of the offending token
+   and code the error message (UTF-8).  Codes: -1 out of memory, -2 syntax,
+   -3 bad literal, -4 missing ")", -5 missing "]", -6 missing expression,
+   -7 wrong argument count, -8 duplicate name.  constants may be NULL. */
+typedef struct KWFunDef {
+    char* name;
+    int32_t stackNeed;
+    int32_t paramCount;   /* on failure: the error code */
+    int32_t externCount;  /* on failure: byte offset of the error in the text */
+    void* externNames;    /* KWFunExtern[externCount] */
+    uint8_t* code;        /* on failure: the error message */
+} KWFunDef;
+/* An external function that the code calls (241 with its index). */
+typedef struct KWFunExtern {
+    char* name;
+    int32_t argCount;
+} KWFunExtern;
+KWZ_API int32_t KWFunCompile(const char* text, KWFunDef** function, int32_t debug,
+                             KWCalcConst* constants);
+/* Frees the external names and the code, keeping the record and its name. */
+KWZ_API void KWFunRefFree(KWFunDef* function);
+/* Frees everything, the record too; NULL is accepted. */
+KWZ_API void KWFunFree(KWFunDef* function);
+/* The function's code as text, one instruction a line ("offset  mnemonic
+   operands", jump targets as offsets, strings quoted), then its stack need,
+   parameter count and external names.  Released with KWMemFree; NULL for a
+   failed compilation or when memory runs out. */
+KWZ_API char* KWFunDisassemble(const KWFunDef* function);
+
+/* Execution stack: a header and capacity CVar slots.  A frame starts at the
+   stack's base; argument i of the running call is slot base + i. */
+/* 0, -21 out of memory, -47 capacity below 1.  The calculator may be NULL. */
+KWZ_API int32_t KWCalcStackCreate(KWCalcDef* calculator, KWCalcStack** stack, int32_t capacity);
+/* 0 when need is less than the free slots, else -47. */
+KWZ_API int32_t KWCalcStackTest(KWCalcStack* stack, int32_t need);
+/* Empties every slot; base and top return to the first slot. */
+KWZ_API void KWCalcStackClear(KWCalcStack* stack);
+KWZ_API void KWCalcStackFree(KWCalcStack* stack);
+/* Slot base + index (NULL outside the capacity). */
+KWZ_API CVar* KWCalcStackArg(KWCalcStack* stack, int32_t index);
+/* A new empty top value, NULL when full. */
+KWZ_API CVar* KWCalcStackPush(KWCalcStack* stack);
+/* Moves the top value of the frame into out (NULL: frees it); -47 when the
+   frame is empty. */
+KWZ_API int32_t KWCalcStackPop(KWCalcStack* stack, CVar* out);
+/* The data of the entry being run (NULL outside a call). */
+KWZ_API void* KWCalcStackData(KWCalcStack* stack);
 
 
 /* ======================================================================== */
