@@ -24,8 +24,9 @@ fi
 if [ -n "$missing" ]; then echo "declared but not exported:"; echo "$missing"; status=1; fi
 if [ -n "$extra" ]; then echo "exported but not declared:"; echo "$extra"; status=1; fi
 # Each exported class must really leave the library (the version script lists it).
+demangled=$(echo "$mangled" | c++filt)
 for c in $classes; do
-  if ! echo "$mangled" | c++filt | grep -qE "^$c::"; then
+  if ! grep -qE "^$c::" <<<"$demangled"; then
     echo "class $c: no member exported"; status=1
   fi
 done
