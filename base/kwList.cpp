@@ -18,6 +18,20 @@ namespace {
 
 bool InRange(const KWList* list, int32_t index) { return index >= 0 && index < list->count; }
 
+void SetCapacity(KWList* list, int32_t n) {
+    if (!list || n < list->count || n == list->capacity) return;
+    if (n == 0) {
+        kwz::MemFree(list->items);
+        list->items = nullptr;
+        list->capacity = 0;
+        return;
+    }
+    void* grown = kwz::MemReAlloc(list->items, sizeof(void*) * static_cast<size_t>(n));
+    if (!grown) return;
+    list->items = static_cast<void**>(grown);
+    list->capacity = n;
+}
+
 int32_t GrownCapacity(int32_t count) {
     const int64_t grown = count < 65 ? int64_t{count} + 16 : int64_t{count} + count / 4;
     return static_cast<int32_t>(std::min<int64_t>(grown, INT32_MAX));
@@ -26,7 +40,7 @@ int32_t GrownCapacity(int32_t count) {
 // Makes room for one more item; false when the list is full and cannot grow.
 bool Reserve(KWList* list) {
     if (list->count < list->capacity) return true;
-    KWLCapacity(list, GrownCapacity(list->count));
+    SetCapacity(list, GrownCapacity(list->count));
     return list->count < list->capacity;
 }
 
@@ -81,29 +95,22 @@ KWZ_API int32_t KWLIndexOf(KWList* list, void* item) {
 }
 
 KWZ_API int32_t KWLRemove(KWList* list, void* item) {
-    const int32_t index = KWLIndexOf(list, item);
-    if (index >= 0) KWLDel(list, index);
+    if (!list) return -1;
+    void** end = list->items + list->count;
+    void** at = std::find(list->items, end, item);
+    if (at == end) return -1;
+    const int32_t index = static_cast<int32_t>(at - list->items);
+    std::memmove(at, at + 1, sizeof(void*) * static_cast<size_t>(end - at - 1));
+    --list->count;
     return index;
 }
 
-KWZ_API void* KWLFirst(KWList* list) { return KWLGet(list, 0); }
+KWZ_API void* KWLFirst(KWList* list) { return list && list->count > 0 ? list->items[0] : nullptr; }
 
-KWZ_API void* KWLLast(KWList* list) { return list ? KWLGet(list, list->count - 1) : nullptr; }
+KWZ_API void* KWLLast(KWList* list) { return list && list->count > 0 ? list->items[list->count - 1] : nullptr; }
 
 // A failed resize leaves the list as it was; nothing is reported.
-KWZ_API void KWLCapacity(KWList* list, int32_t n) {
-    if (!list || n < list->count || n == list->capacity) return;
-    if (n == 0) {
-        kwz::MemFree(list->items);
-        list->items = nullptr;
-        list->capacity = 0;
-        return;
-    }
-    void* grown = kwz::MemReAlloc(list->items, sizeof(void*) * static_cast<size_t>(n));
-    if (!grown) return;
-    list->items = static_cast<void**>(grown);
-    list->capacity = n;
-}
+KWZ_API void KWLCapacity(KWList* list, int32_t n) { SetCapacity(list, n); }
 
 KWZ_API int32_t KWLAdd(KWList* list, void* item) {
     if (!list || !Reserve(list)) return -1;
@@ -126,7 +133,7 @@ KWZ_API int32_t KWLInsert(KWList* list, int32_t index, void* item) {
 KWZ_API void KWLCount(KWList* list, int32_t n) {
     if (!list || n < 0) return;
     if (n > list->capacity) {
-        KWLCapacity(list, n);
+        SetCapacity(list, n);
         if (n > list->capacity) return;
     }
     if (n > list->count) {
@@ -138,7 +145,7 @@ KWZ_API void KWLCount(KWList* list, int32_t n) {
 KWZ_API void KWLClear(KWList* list) {
     if (!list) return;
     list->count = 0;
-    KWLCapacity(list, 0);
+    SetCapacity(list, 0);
 }
 
 KWZ_API void KWLSort(void* context, KWList* list, KWLCompareFn compare) {

@@ -5,17 +5,6 @@
 #include "base/kwBase.h"
 #include "base/kwGuard.h"
 
-namespace {
-
-// Latin a..z (0x61..0x7A) and Cyrillic а..я (0xE0..0xFF) fold to upper case.
-// ё (0xB8) is deliberately not folded to Ё (0xA8): existing sorted data and
-// keys were built with this table.
-constexpr unsigned FoldCase(unsigned char c) {
-    return (c >= 0x61 && c <= 0x7A) || c >= 0xE0 ? c - 0x20u : c;
-}
-
-}  // namespace
-
 namespace kwz {
 
 // Hoare partition around the pointer in the middle, taken once per pass (not
@@ -50,7 +39,7 @@ int32_t StrICmpRus(const char* a, const char* b) {
     const auto* p = reinterpret_cast<const unsigned char*>(a);
     const auto* q = reinterpret_cast<const unsigned char*>(b);
     for (;; ++p, ++q) {
-        const unsigned x = FoldCase(*p), y = FoldCase(*q);
+        const unsigned x = FoldCaseRus(*p), y = FoldCaseRus(*q);
         if (x != y) return x < y ? -1 : 1;
         if (x == 0) return 0;
     }

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string>
 
+#include "base/kwSort.h"
 #include "base/kwGuard.h"
 #include "base/kwSearch.h"
 #include "calc/kwCalcConst.h"
@@ -18,7 +19,7 @@ const char* NameOf(const void* def) {
     return name ? name : "";
 }
 
-int32_t CompareNames(void*, void* a, void* b) { return stricmp_rus(NameOf(a), NameOf(b)); }
+int32_t CompareNames(void*, void* a, void* b) { return kwz::StrICmpRus(NameOf(a), NameOf(b)); }
 
 class Registry {
 public:
@@ -36,7 +37,7 @@ public:
         if (!name) return nullptr;
         int32_t at = 0;
         const bool found = SeekSorted(count_, false,
-                                      [&](int32_t mid) { return stricmp_rus(NameOf(byName_[size_t(mid)]), name); },
+                                      [&](int32_t mid) { return kwz::StrICmpRus(NameOf(byName_[size_t(mid)]), name); },
                                       &at);
         return found ? byName_[size_t(at)] : nullptr;
     }
@@ -51,7 +52,7 @@ private:
         for (int32_t tag = kFirstObj; tag <= kLastTag; ++tag)
             if (byTag_[size_t(tag)]) byName_[size_t(count_++)] = byTag_[size_t(tag)];
         if (count_ >= 2)
-            QuickSort(nullptr, reinterpret_cast<void**>(byName_.data()), 0, count_ - 1, CompareNames);
+            kwz::QuickSort(nullptr, reinterpret_cast<void**>(byName_.data()), 0, count_ - 1, CompareNames);
     }
 
     std::array<KWCalcObjDef*, 256> byTag_{};   // entries 0..4 stay null

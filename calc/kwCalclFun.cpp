@@ -3,6 +3,7 @@
 #include <cstring>
 #include <new>
 
+#include "base/kwSort.h"
 #include "base/kwGuard.h"
 #include "base/kwMem.h"
 #include "calc/kwCalcOps.h"
@@ -117,7 +118,7 @@ void Compiler::Push(int32_t n) {
 
 int32_t Compiler::FindLocal(const std::string& name) const {
     for (size_t i = 0; i < locals_.size(); ++i)
-        if (locals_[i].size() == name.size() && stricmp_rus(locals_[i].c_str(), name.c_str()) == 0)
+        if (locals_[i].size() == name.size() && kwz::StrICmpRus(locals_[i].c_str(), name.c_str()) == 0)
             return int32_t(i);
     return -1;
 }

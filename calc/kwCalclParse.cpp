@@ -4,6 +4,7 @@
 #include <array>
 #include <cstring>
 
+#include "base/kwSort.h"
 #include "calc/kwCalcOps.h"
 #include "calc/kwCalcVar.h"
 #include "calc/kwCalcl.h"
@@ -23,8 +24,8 @@ void Compiler::Header() {
             if (tok_.token != kTokName && tok_.token != kTokBuiltin && tok_.token != kTokParam)
                 throw CompileError{kErrSyntax};
             const std::string& p = tok_.text;
-            if (tok_.token == kTokParam || stricmp_rus(p.c_str(), name_.c_str()) == 0 ||
-                stricmp_rus(p.c_str(), "result") == 0)
+            if (tok_.token == kTokParam || kwz::StrICmpRus(p.c_str(), name_.c_str()) == 0 ||
+                kwz::StrICmpRus(p.c_str(), "result") == 0)
                 throw CompileError{kErrDuplicate};
             AddLocal(p);
             ++paramCount_;
@@ -66,7 +67,7 @@ void Compiler::Header() {
 // function's own.
 static bool IsNewName(const Tokenizer& t, const std::string& function, const KWCalcConst* own) {
     if (t.token != kTokName && t.token != kTokBuiltin) return false;
-    return stricmp_rus(t.text.c_str(), function.c_str()) != 0 &&
+    return kwz::StrICmpRus(t.text.c_str(), function.c_str()) != 0 &&
            !kwz::calc::ConstFind(own, t.text.c_str());
 }
 
@@ -410,7 +411,7 @@ void Compiler::Call(const Builtin* builtin, int32_t) {
     int32_t external = -1;
     if (!builtin) {
         for (size_t i = 0; i < externals_.size(); ++i)
-            if (stricmp_rus(externals_[i].name.c_str(), name.c_str()) == 0) external = int32_t(i);
+            if (kwz::StrICmpRus(externals_[i].name.c_str(), name.c_str()) == 0) external = int32_t(i);
         if (external < 0) {
             externals_.push_back(External{name, n});
             external = int32_t(externals_.size() - 1);

@@ -10,15 +10,12 @@
 #include <utility>
 
 #include "base/kwMem.h"
+#include "base/kwSort.h"
 #include "text/kwText.h"
 
 namespace {
 
 using kwz::text::IsBlank;
-
-// Latin a..z and Windows-1251 Cyrillic а..я fold to upper case, as the
-// library's other case-insensitive comparisons do (ё is left alone there too).
-constexpr unsigned FoldCase(unsigned char c) { return (c >= 0x61 && c <= 0x7A) || c >= 0xE0 ? c - 0x20u : c; }
 
 }  // namespace
 
@@ -194,7 +191,7 @@ int KString::CompareNoCase(const char* text) const {
     for (;; ++p, ++q) {
         if (p == end) return *q ? -1 : 0;
         if (!*q) return 1;
-        const unsigned x = FoldCase(*p), y = FoldCase(*q);
+        const unsigned x = kwz::FoldCaseRus(*p), y = kwz::FoldCaseRus(*q);
         if (x != y) return x < y ? -1 : 1;
     }
 }
