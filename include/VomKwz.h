@@ -17,6 +17,13 @@
  *     -4 SE_NOSOCK, -5 SE_OPTION, -7 SE_DATANOSEND, -8 SE_SUSPEND.
  *   - Data helpers (KWZ...) return 0, -1 out of memory or compression failure,
  *     -2 invalid argument, -4 undecodable container.
+ *   - Calculator (CVar..., KWCalc..., KWFun...) return int32_t: 0, -21 out of
+ *     memory, -44 type not supported, -45, -47 stack too small, -48, -49 (see
+ *     the section); the compiler -1..-8 with a message and a byte offset.
+ *   - Graphs (Graph...) report failure as NULL or false, leaving the graphs
+ *     they were given unchanged.
+ *   - XML (KWXml...) return int32_t: 0, parse errors 1..4, -1 out of memory,
+ *     -2 bad argument.
  *
  * Ownership.  The caller owns what it creates and releases it with the
  * matching Free/Destroy/Release function.  Every buffer that the library hands
@@ -31,8 +38,11 @@
  * (-1, NULL, 0 for sizes), anything else as -2 for the KWR functions and -1
  * for the KWA and KWZ functions.
  *
- * Threads.  Records, record types and record arrays take no locks: one thread
- * at a time per object (a built record type may be read by many).  The socket
+ * Threads.  Records, record types, record arrays, calculator values and
+ * stacks, graphs and XML documents take no locks: one thread at a time per
+ * object (a built record type may be read by many).  The graph storage pool
+ * shared by all graphs has its own lock.  Calculator object types are
+ * registered from one thread before calculators are made.  The socket
  * functions are thread-safe; the caller's event and completion callbacks run
  * on the library's worker threads, never under the module lock, and may call
  * back into the socket functions.  The log sink must be set while no other
