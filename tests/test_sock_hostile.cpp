@@ -271,7 +271,7 @@ TEST_F(sock_hostile, PrioritisedInsertsDoNotWalkTheQueue) {
     uint32_t cli = 0;
     ClientToRaw(&cli);
     ASSERT_TRUE(HoldSender(cli, msg_));
-    constexpr int kCount = 20000;
+    constexpr int kCount = 40000;
     std::vector<KWRData*> recs;
     for (int i = 0; i < 2 * kCount; ++i) recs.push_back(msg_.New(i));
     const auto Queue = [&](int from, uint32_t priority) {
@@ -358,7 +358,7 @@ TEST_F(sock_hostile, ClockResultsAreReadAsOneSet) {
     const int raw = ClientToRaw(&cli);
     std::atomic<bool> stop{false};
     std::thread writer([&] {
-        for (int i = 0; i < 4000 && !stop; ++i) {
+        for (int i = 0; i < 40000 && !stop; ++i) {
             KWTimeStamp now{};
             CTimeUTC(&now);
             const bool ahead = i % 2 == 0;
@@ -378,7 +378,7 @@ TEST_F(sock_hostile, ClockResultsAreReadAsOneSet) {
     });
     int readings = 0, torn = 0;
     const auto end = Clock::now() + 2s;
-    while (Clock::now() < end && readings < 200000) {
+    while (Clock::now() < end && readings < 2000000) {
         uint32_t s = 0, ms = 0, z = 0;
         if (!KWSockTimeDltAbo(cli, &s, &ms, &z)) continue;
         ++readings;
