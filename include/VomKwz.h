@@ -513,6 +513,14 @@ KWZ_API int32_t GetPeerHostAddr(uint32_t idn, char* buffer, int32_t length);
    A caller that needs delivery waits for an answer record from the peer. */
 KWZ_API int32_t KWSockSendEx(uint32_t idn, KWRData* record, SockEventFn completion,
                              uint32_t priority);
+/* Time-outs of a stream connection (1 in force or queued, 0 not).
+   KWSockSetRecvTimeout asks the peer for keep-alives (the receive time-out
+   becomes 4 x the interval when the peer answers); KWSockSetSendTimeout
+   sends at least every ms (1..1249 become 1250) and tells the peer 4 x ms.
+   Values that arrive from the peer are clamped the same way, and a server
+   connection takes neither 0 (none) nor more than ten minutes from its peer.
+   A server connection whose peer reads nothing for two send time-outs (5 s
+   each unless set) is closed (completion -7, close event 3). */
 KWZ_API int32_t KWSockSetRecvTimeout(uint32_t idn, uint32_t ms);
 KWZ_API int32_t KWSockSetSendTimeout(uint32_t idn, uint32_t ms);
 /* Frames whose image exceeds maxImage bytes close the connection (0 = no limit). */

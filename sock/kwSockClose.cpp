@@ -140,7 +140,7 @@ void CLEANUP_FIN(SockItem* s) noexcept {
     DeliverClose(f);
 
     // Last, under ModCrit: the slot is free again.  Nothing may touch it
-    // after this block: _ModDataClear may destroy it.
+    // after this block: ModDataClear may destroy it.
     MutexLock lock(ModCrit);
     s->ThreadNum = 0;
     s->Event = nullptr;
@@ -153,7 +153,7 @@ void CLEANUP_FIN(SockItem* s) noexcept {
     s->OwnedFd = -1;
     s->Type = SOCK_FREE;
     --m.SockUse;
-    if (!m.ModActive && m.SockUse == 0) _ModDataClear();
+    if (!m.ModActive && m.SockUse == 0) ModDataClear();
 }
 
 }  // namespace kwz::sock

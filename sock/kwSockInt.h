@@ -260,7 +260,7 @@ SockItem* AllocOpenSlot(uint8_t type, void* event, uint32_t port, const char* ta
 // Allocates the first free slot with a new generation; null when the module
 // is not active or the table is full.
 SockItem* SockGetFreeIdx(uint8_t type) REQUIRES(ModCrit);
-void _ModDataClear() REQUIRES(ModCrit);
+void ModDataClear() REQUIRES(ModCrit);
 
 // Closing (kwSockClose.cpp).  CLEANUP_SET marks the slot closing with the
 // reason (nothing when it already is); CLEANUP_SET_Locked is the same with
@@ -320,7 +320,7 @@ void SockSendThread(SockItem* s);       // kwSockSend.cpp
 void SockRecvThread(SockItem* s);       // kwSockRecv.cpp
 void SockRecvNodeThread(SockItem* s);   // kwSockNode.cpp
 // Sends one queued datagram record of a SOCK_NODE slot: 0 or -7.
-int32_t SendNode_Net(SockItem* s, KWRData* rec);
+int32_t SendDatagram(SockItem* s, KWRData* rec);
 
 // Control records received on a stream slot (kwSockCtl.cpp); rec is a
 // checked TestTyp2 image.

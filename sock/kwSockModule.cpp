@@ -1,6 +1,6 @@
 // The socket module's life: KWSockInit sizes the table and prepares the
 // records every connection needs, KWSockFree suspends the module and closes
-// every slot, and _ModDataClear releases the table once the last slot's last
+// every slot, and ModDataClear releases the table once the last slot's last
 // thread has ended.  Slot lookup and allocation live here too.
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -169,7 +169,7 @@ SockItem* SockGetFreeIdx(uint8_t type) {
     return nullptr;
 }
 
-void _ModDataClear() {
+void ModDataClear() {
     Module& m = Mod();
     if (m.ModActive || m.SockUse != 0 || m.SockNum == 0) return;
     SockLog(5, KWSOCK_TAG("_ModDataClear"), "");
@@ -259,7 +259,7 @@ int32_t SockFree() EXCLUDES(ModCrit) {
         s->Event = nullptr;
         CLEANUP_SET_Locked(s, kReasonNone);
     }
-    if (m.SockUse == 0) _ModDataClear();
+    if (m.SockUse == 0) ModDataClear();
     return m.SockNum == 0 ? 0 : SE_SUSPEND;
 }
 

@@ -75,7 +75,7 @@ void NodeComplete(int32_t event, uint32_t idn, KWRData* rec) {
 
 }  // namespace
 
-int32_t SendNode_Net(SockItem* s, KWRData* rec) {
+int32_t SendDatagram(SockItem* s, KWRData* rec) {
     static const char* const tag = KWSOCK_TAG("SendNode_Net");
     const int fd = s->Socket;
     if (fd < 0) return SOCK_EV_NOSEND;

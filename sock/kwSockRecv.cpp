@@ -46,16 +46,15 @@ constexpr uint32_t kDirectMin = 16384;
 // close.  A Linux socket keeps one pending error after a reset, and whichever
 // call comes first takes it: when the send thread's sendmsg did, recv sees
 // only the end of the stream.  The state tells them apart: the peer's close
-// leaves CLOSE_WAIT, a reset CLOSE.  Where this transport comes from, every
-// call after a reset fails with the reset code, so a reset is a failure here
-// too, whichever thread met it first.
+// leaves CLOSE_WAIT, a reset CLOSE.  Callers take a reset for a failure of
+// the connection (close event 3), whichever thread met it first.
 bool WasReset(int fd) {
     tcp_info info{};
     socklen_t len = sizeof info;
     return getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &len) == 0 && info.tcpi_state == TCP_CLOSE;
 }
 
-// Time-out branch of Recv_All: 0 to give up quietly, -1 to give up, 1 to wait on.
+// Time-out branch of RecvAll: 0 to give up quietly, -1 to give up, 1 to wait on.
 int RecvTimedOut(SockItem* s) {
     if (s->Closing()) return 0;
     if (!s->IsStream()) return -1;
@@ -71,7 +70,7 @@ int RecvTimedOut(SockItem* s) {
 }
 
 // Reads exactly n bytes: 1 done, 0 end of stream or closing, negative failure.
-int Recv_All(SockItem* s, int fd, BuffRecvDsc& b, uint8_t* dst, uint32_t n) {
+int RecvAll(SockItem* s, int fd, BuffRecvDsc& b, uint8_t* dst, uint32_t n) {
     FlagScope busy(s, kFlagRecv);
     while (n > 0) {
         if (b.Pos < b.End) {
@@ -192,7 +191,7 @@ void RecvLoop(SockItem* s, int fd, BuffRecvDsc& b) {
     const int type = s->OwnType();
     while (!s->Closing()) {
         uint8_t head[kFrameHead];
-        int r = Recv_All(s, fd, b, head, kFrameHead);
+        int r = RecvAll(s, fd, b, head, kFrameHead);
         if (r <= 0) {
             SockLogF(5, kTag, r == 0 ? "Sock close (idn=%d, type=%d)" : "Sock abort (idn=%d, type=%d)", idn, type);
             CLEANUP_SET(s, r == 0 ? kReasonNone : kReasonAbort);
@@ -226,7 +225,7 @@ void RecvLoop(SockItem* s, int fd, BuffRecvDsc& b) {
         }
         std::memcpy(image, head + kFramePrefix, rec::kImageHead);
         if (len > rec::kImageHead) {
-            r = Recv_All(s, fd, b, image + rec::kImageHead, len - rec::kImageHead);
+            r = RecvAll(s, fd, b, image + rec::kImageHead, len - rec::kImageHead);
             if (r <= 0) {
                 std::free(image);
                 SockLogF(5, kTag, r == 0 ? "Sock close (idn=%d, type=%d)" : "Sock abort (idn=%d, type=%d)", idn, type);

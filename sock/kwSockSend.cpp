@@ -137,7 +137,7 @@ void ReturnBatch(SockItem* s, Batch& b) REQUIRES(ModCrit) {
 // interrupted calls, or kSendRetries retries, the peer is taken as gone and
 // the slot closes with reason -7.  A send that returns 0 or fails while the
 // slot is closing stops quietly.
-bool Send_Net(SockItem* s, int fd, Batch& b) {
+bool SendBatch(SockItem* s, int fd, Batch& b) {
     size_t left = Compact(b);
     iovec* piece = b.Out;
     uint32_t timeouts = 0, retries = 0;
@@ -307,8 +307,8 @@ void SendLoop(SockItem* s, int fd) {
                 {
                     FlagScope busy(s, kFlagSend);
                     if (node) {
-                        result = SendNode_Net(s, b.Nodes[0]->Rec);
-                    } else if (Send_Net(s, fd, b)) {
+                        result = SendDatagram(s, b.Nodes[0]->Rec);
+                    } else if (SendBatch(s, fd, b)) {
                         MarkSend(s);
                         s->SendBytes += b.Bytes;
                     } else {
