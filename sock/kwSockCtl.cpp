@@ -88,14 +88,14 @@ void SetSendTimeoutFromPeer(SockItem* s, int fd, uint32_t asked) {
         MutexLock lock(ModCrit);
         if (RewriteWaiting(s, &SockItem::QueuedTimeoutAnswer, &answer)) {
             s->SendTimeout = t;
-            ApplySendTimeout(s, fd, t);
+            ApplySendTimeout(s, fd, t ? t : kSockSendTimeout);
             return;
         }
     }
     KWRData* rec = MakeControl(2, &answer, sizeof answer, tag);
     if (!rec) return;
     s->SendTimeout = t;
-    ApplySendTimeout(s, fd, t);
+    ApplySendTimeout(s, fd, t ? t : kSockSendTimeout);  // 5000 when 0
     QueueOwn(s, rec, &SockItem::QueuedTimeoutAnswer);
 }
 
