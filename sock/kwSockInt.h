@@ -7,9 +7,11 @@
 // datagram receiving thread and the sending thread.  All are detached; the
 // last of a slot's threads to end finalises the slot (CLEANUP_FIN).
 //
-// Locks.  Mod().ModCrit guards the table, every slot's plain (non-atomic)
-// fields and every send queue.  Each slot has its own SendLock, held only
-// around the send thread's condition wait and around the wake-up flag.
+// Locks.  ModCrit guards the table, every slot's plain (non-atomic) fields
+// and every send queue; each slot has its own SendLock, held only around the
+// send thread's condition wait and around the wake-up flag.  The fields they
+// guard say so (GUARDED_BY), and functions that need ModCrit held say REQUIRES:
+// clang checks both (-Wthread-safety, see kwSockLock.h).
 // Lock order: ModCrit before a slot's SendLock, never the reverse (the send
 // thread never takes ModCrit while it holds SendLock).  No callback of the
 // caller ever runs under either lock.
