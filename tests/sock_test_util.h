@@ -137,11 +137,9 @@ extern "C" inline void ReleaseCompletion(int32_t, uint32_t, KWRData* rec) { KWRR
 // A copy of a received record that the transport may own (release:
 // KWRRecRelease).
 inline KWRData* CopyRecord(const KWRData& rec) {
-    auto* image = static_cast<uint8_t*>(std::malloc(rec.length));
-    std::memcpy(image, rec.image, rec.length);
     auto* copy = static_cast<KWRData*>(KWMemAlloc(sizeof(KWRData), nullptr));
     KWRRecInit(copy);
-    KWRRecSet(copy, image);
+    KWRRecSet(copy, std::memcpy(std::malloc(rec.length), rec.image, rec.length));  // adopts the copied image
     copy->typeId = rec.typeId;
     return copy;
 }
