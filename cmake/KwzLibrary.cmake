@@ -55,6 +55,7 @@ endforeach()
 target_link_libraries(kwz_crypto PRIVATE PkgConfig::LZO2)
 if(TARGET kwz_sock)
   target_link_libraries(kwz_sock PRIVATE Threads::Threads)
+  target_compile_options(kwz_sock PRIVATE $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety -Werror>)
 endif()
 
 add_library(VomKwz SHARED ${KWZ_LIB_OBJECTS})

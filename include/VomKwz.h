@@ -491,6 +491,7 @@ KWZ_API int64_t KWAUnpackChecked(KWArray* array, const void* table, uint64_t len
 #define SE_OPTION (-5)
 #define SE_DATANOSEND (-7)
 #define SE_SUSPEND (-8)
+#define SE_SENDLIMIT (-9) /* KWSockSendEx: the queue would pass KWSockSetSendLimit */
 
 typedef enum SockType {
     SOCK_FREE = 0,
@@ -552,14 +553,35 @@ KWZ_API SockEventFn KWSockRecvEventSet(uint32_t idn, SockEventFn callback);
 KWZ_API uint32_t KWSockGetIdn(int32_t index);
 KWZ_API int32_t GetPeerHostName(uint32_t idn, char* buffer, int32_t length);
 KWZ_API int32_t GetPeerHostAddr(uint32_t idn, char* buffer, int32_t length);
-/* Queues a packed record; higher priorities leave first.  Throws
-   std::runtime_error for a corrupt record. */
+/* Queues a packed record; higher priorities leave first.  0 queued (the
+   record is the transport's until its completion runs), -2, -4, -7 not
+   queued, -9 the queue would pass the bound of KWSockSetSendLimit; on every
+   refusal the record stays the caller's and no completion comes.  Throws
+   std::runtime_error ("KWSockSendEx RE_DATACORRUPT") for a null record or
+   one whose guard byte is set.
+   Completion 0 means the record was handed to the socket, not that the peer
+   received it: when the connection ends, records already completed with 0
+   can still be lost in the kernel's buffers (a tail of them, never a gap).
+   A caller that needs delivery waits for an answer record from the peer. */
 KWZ_API int32_t KWSockSendEx(uint32_t idn, KWRData* record, SockEventFn completion,
                              uint32_t priority);
+/* Time-outs of a stream connection (1 in force or queued, 0 not).
+   KWSockSetRecvTimeout asks the peer for keep-alives (the receive time-out
+   becomes 4 x the interval when the peer answers); KWSockSetSendTimeout
+   sends at least every ms (1..1249 become 1250) and tells the peer 4 x ms.
+   Values that arrive from the peer are clamped the same way, and a server
+   connection takes neither 0 (none) nor more than ten minutes from its peer.
+   A server connection whose peer reads nothing for two send time-outs (5 s
+   each unless set) is closed (completion -7, close event 3). */
 KWZ_API int32_t KWSockSetRecvTimeout(uint32_t idn, uint32_t ms);
 KWZ_API int32_t KWSockSetSendTimeout(uint32_t idn, uint32_t ms);
 /* Frames whose image exceeds maxImage bytes close the connection (0 = no limit). */
 KWZ_API int32_t KWSockSetRecvLimit(uint32_t idn, uint32_t maxImage);
+/* Bounds the image bytes waiting in a connection's send queue (the
+   transport's own control records included; 0 = no bound): KWSockSendEx
+   refuses a record that would pass it with -9.  On a listening slot it sets
+   the bound its accepted connections start with.  0, -2 or -4. */
+KWZ_API int32_t KWSockSetSendLimit(uint32_t idn, uint64_t maxQueuedBytes);
 
 KWZ_API int32_t KWSockNodeOpen(uint32_t port, SockNodeEventFn callback, uint32_t* idn);
 /* address "*" broadcasts, "" or NULL reaches the own host. */

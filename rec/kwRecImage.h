@@ -26,6 +26,8 @@
 namespace kwz::rec {
 
 constexpr uint32_t kImageHead = 6;  // length, flags, field count
+constexpr uint32_t kImageFlags = 4; // offset of the record flags byte
+constexpr uint32_t kImageCount = 5; // offset of the field count byte
 constexpr uint8_t kTypeMask = 0x0F;
 constexpr uint8_t kOwnedBit = 0x10;
 constexpr uint8_t kEditBit = 0x20;

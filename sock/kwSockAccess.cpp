@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "base/kwBase.h"
+#include "base/kwGuard.h"
 #include "sock/kwSockInt.h"
 
 using namespace kwz;
@@ -20,31 +21,26 @@ void CopyPeerText(const char* text, char* buffer, int32_t length) {
     if (text) std::strncpy(buffer, text, static_cast<size_t>(length));
 }
 
-int32_t PeerText(uint32_t idn, char* buffer, int32_t length, bool name, const char* tag) {
+int32_t PeerText(uint32_t idn, char* buffer, int32_t length, bool name, const char* tag) EXCLUDES(ModCrit) {
     if (buffer && length > 0) buffer[0] = 0;
-    Module& m = Mod();
-    std::lock_guard<std::mutex> lock(m.ModCrit);
+    MutexLock lock(ModCrit);
     if (SockItem* s = FindSlotLogged(idn, false, tag, false)) CopyPeerText(name ? s->HostName : s->HostAddr, buffer, length);
     return 0;
 }
 
-}  // namespace
-
-extern "C" {
-
-KWZ_API int32_t KWSockSetDat(uint32_t idn, void* value) {
+int32_t SockSetDat(uint32_t idn, void* value) {
     Module& m = Mod();
-    std::lock_guard<std::mutex> lock(m.ModCrit);
+    MutexLock lock(ModCrit);
     SockItem* s = FindSlotLogged(idn, true, KWSOCK_TAG("KWSockSetDat"), false);
     if (!s) return m.SockNum == 0 ? SE_NOINIT : SE_NOSOCK;
     s->Dat = value;
     return 0;
 }
 
-KWZ_API int32_t KWSockGetDat(uint32_t idn, void** value) {
+int32_t SockGetDat(uint32_t idn, void** value) {
     if (value) *value = nullptr;
     Module& m = Mod();
-    std::lock_guard<std::mutex> lock(m.ModCrit);
+    MutexLock lock(ModCrit);
     SockItem* s = FindSlotLogged(idn, true, KWSOCK_TAG("KWSockGetDat"), false);
     if (!s) return m.SockNum == 0 ? SE_NOINIT : SE_NOSOCK;
     if (value) *value = s->Dat.load();
@@ -52,9 +48,8 @@ KWZ_API int32_t KWSockGetDat(uint32_t idn, void** value) {
 }
 
 // Answers for any slot whose Idn matches, free or not.
-KWZ_API int32_t KWSockGetState(uint32_t idn, SockState* state) {
-    Module& m = Mod();
-    std::lock_guard<std::mutex> lock(m.ModCrit);
+int32_t SockGetState(uint32_t idn, SockState* state) {
+    MutexLock lock(ModCrit);
     SockItem* s = FindSlotLogged(idn, false, KWSOCK_TAG("KWSockGetState"), true);
     if (!s) return 0;
     if (state) {
@@ -74,20 +69,18 @@ KWZ_API int32_t KWSockGetState(uint32_t idn, SockState* state) {
     return 1;
 }
 
-KWZ_API int32_t KWSockGetPort(uint32_t idn, uint32_t* port) {
+int32_t SockGetPort(uint32_t idn, uint32_t* port) {
     if (port) *port = 0;
-    Module& m = Mod();
-    std::lock_guard<std::mutex> lock(m.ModCrit);
+    MutexLock lock(ModCrit);
     SockItem* s = FindSlotLogged(idn, true, KWSOCK_TAG("KWSockGetPort"), true);
     if (!s) return 0;
     if (port) *port = s->Port;
     return 1;
 }
 
-KWZ_API int32_t KWSockGetId(uint32_t idn, int32_t* socket) {
+int32_t SockGetId(uint32_t idn, int32_t* socket) {
     if (socket) *socket = -1;
-    Module& m = Mod();
-    std::lock_guard<std::mutex> lock(m.ModCrit);
+    MutexLock lock(ModCrit);
     SockItem* s = FindSlotLogged(idn, true, KWSOCK_TAG("KWSockGetId"), true);
     if (!s) return 0;
     if (socket) *socket = s->Socket;
@@ -95,42 +88,86 @@ KWZ_API int32_t KWSockGetId(uint32_t idn, int32_t* socket) {
 }
 
 // Logs under the tag of KWSockGetId: a copied tag that log filters know.
-KWZ_API SockEventFn KWSockRecvEventGet(uint32_t idn) {
-    Module& m = Mod();
-    std::lock_guard<std::mutex> lock(m.ModCrit);
+SockEventFn SockRecvEventGet(uint32_t idn) {
+    MutexLock lock(ModCrit);
     SockItem* s = FindSlotLogged(idn, true, KWSOCK_TAG("KWSockGetId"), true);
     return s ? s->StreamEvent() : nullptr;
 }
 
 // A node slot's callback has the node signature: a stream callback cannot
 // take its place, so node slots are refused like unknown ones.
-KWZ_API SockEventFn KWSockRecvEventSet(uint32_t idn, SockEventFn callback) {
-    Module& m = Mod();
-    std::lock_guard<std::mutex> lock(m.ModCrit);
+SockEventFn SockRecvEventSet(uint32_t idn, SockEventFn callback) {
+    MutexLock lock(ModCrit);
     SockItem* s = FindSlotLogged(idn, true, KWSOCK_TAG("KWSockRecvEventSet"), true);
     if (s && s->Type == SOCK_NODE) {
-        LogMessageF(2, KWSOCK_TAG("KWSockRecvEventSet"), "SE_NOSOCK (idn=%d)", static_cast<int>(idn));
+        SockLogF(2, KWSOCK_TAG("KWSockRecvEventSet"), "SE_NOSOCK (idn=%d)", static_cast<int>(idn));
         return nullptr;
     }
     return s ? reinterpret_cast<SockEventFn>(s->Event.exchange(FnPtr(callback))) : nullptr;
 }
 
-KWZ_API uint32_t KWSockGetIdn(int32_t index) {
+uint32_t SockGetIdn(int32_t index) {
     Module& m = Mod();
-    std::lock_guard<std::mutex> lock(m.ModCrit);
+    MutexLock lock(ModCrit);
     if (index < 0 || index >= m.SockNum) {
-        LogMessageF(2, KWSOCK_TAG("KWSockGetIdn"), "SE_NOSOCK (all=%d, idx=%d)", m.SockNum, index);
+        SockLogF(2, KWSOCK_TAG("KWSockGetIdn"), "SE_NOSOCK (all=%d, idx=%d)", m.SockNum, index);
         return 0;
     }
     return m.SockArr[index]->Idn;
 }
 
-KWZ_API int32_t GetPeerHostName(uint32_t idn, char* buffer, int32_t length) {
+int32_t PeerHostName(uint32_t idn, char* buffer, int32_t length) {
     return PeerText(idn, buffer, length, true, KWSOCK_TAG("GetPeerHostName"));
 }
 
-KWZ_API int32_t GetPeerHostAddr(uint32_t idn, char* buffer, int32_t length) {
+int32_t PeerHostAddr(uint32_t idn, char* buffer, int32_t length) {
     return PeerText(idn, buffer, length, false, KWSOCK_TAG("GetPeerHostAddr"));
+}
+
+}  // namespace
+
+extern "C" {
+
+KWZ_API int32_t KWSockSetDat(uint32_t idn, void* value) {
+    return CEdge(KWSOCK_TAG("KWSockSetDat"), SE_NOSOCK, SE_NOSOCK, [&] { return SockSetDat(idn, value); });
+}
+
+KWZ_API int32_t KWSockGetDat(uint32_t idn, void** value) {
+    return CEdge(KWSOCK_TAG("KWSockGetDat"), SE_NOSOCK, SE_NOSOCK, [&] { return SockGetDat(idn, value); });
+}
+
+KWZ_API int32_t KWSockGetState(uint32_t idn, SockState* state) {
+    return CEdge(KWSOCK_TAG("KWSockGetState"), 0, 0, [&] { return SockGetState(idn, state); });
+}
+
+KWZ_API int32_t KWSockGetPort(uint32_t idn, uint32_t* port) {
+    return CEdge(KWSOCK_TAG("KWSockGetPort"), 0, 0, [&] { return SockGetPort(idn, port); });
+}
+
+KWZ_API int32_t KWSockGetId(uint32_t idn, int32_t* socket) {
+    return CEdge(KWSOCK_TAG("KWSockGetId"), 0, 0, [&] { return SockGetId(idn, socket); });
+}
+
+KWZ_API SockEventFn KWSockRecvEventGet(uint32_t idn) {
+    return CEdge(KWSOCK_TAG("KWSockRecvEventGet"), SockEventFn{}, SockEventFn{},
+                 [&] { return SockRecvEventGet(idn); });
+}
+
+KWZ_API SockEventFn KWSockRecvEventSet(uint32_t idn, SockEventFn callback) {
+    return CEdge(KWSOCK_TAG("KWSockRecvEventSet"), SockEventFn{}, SockEventFn{},
+                 [&] { return SockRecvEventSet(idn, callback); });
+}
+
+KWZ_API uint32_t KWSockGetIdn(int32_t index) {
+    return CEdge(KWSOCK_TAG("KWSockGetIdn"), 0u, 0u, [&] { return SockGetIdn(index); });
+}
+
+KWZ_API int32_t GetPeerHostName(uint32_t idn, char* buffer, int32_t length) {
+    return CEdge(KWSOCK_TAG("GetPeerHostName"), 0, 0, [&] { return PeerHostName(idn, buffer, length); });
+}
+
+KWZ_API int32_t GetPeerHostAddr(uint32_t idn, char* buffer, int32_t length) {
+    return CEdge(KWSOCK_TAG("GetPeerHostAddr"), 0, 0, [&] { return PeerHostAddr(idn, buffer, length); });
 }
 
 }  // extern "C"

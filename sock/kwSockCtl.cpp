@@ -12,6 +12,10 @@
 //             +16 u16 milliseconds  +18 i16 zone 1  +20 i16 zone 2
 //           (seconds, milliseconds and zones stamped when sent)
 //
+// A peer that sends requests without reading its answers makes at most one
+// time answer and one time-out answer wait in the queue: a newer request
+// rewrites the waiting answer instead of queueing another.
+//
 // Also the time-out functions of the caller and the receive limit.
 #include <sys/socket.h>
 
@@ -19,6 +23,8 @@
 #include <cstring>
 
 #include "base/kwBase.h"
+#include "base/kwGuard.h"
+#include "rec/kwRecImage.h"
 #include "sock/kwSockInt.h"
 
 namespace kwz::sock {
@@ -26,12 +32,28 @@ namespace {
 
 constexpr uint32_t kTimeAnswerLen = 24;
 
-// Queues a control record the transport made, releasing it when refused.
-bool QueueOwn(SockItem* s, KWRData* rec) {
-    std::lock_guard<std::mutex> lock(Mod().ModCrit);
-    if (SockBufAdd(s, rec, ReleaseRecord, kPrioTop)) return true;
+// Queues a control record the transport made at the top priority; when slot
+// is given, the record becomes the one waiting answer of that kind.
+// Releases the record when refused.
+bool QueueOwn(SockItem* s, KWRData* rec, KWRData* SockItem::*slot = nullptr) EXCLUDES(ModCrit) {
+    MutexLock lock(ModCrit);
+    if (SockBufAdd(s, rec, ReleaseRecord, kPrioTop)) {
+        if (slot) s->*slot = rec;
+        return true;
+    }
     KWRRecRelease(rec);
     return false;
+}
+
+// Rewrites the first four Data bytes of the waiting answer of this kind;
+// false when none is waiting (the send thread has taken it).
+bool RewriteWaiting(SockItem* s, KWRData* SockItem::*slot, const void* bytes) REQUIRES(ModCrit) {
+    KWRData* waiting = s->*slot;
+    if (!waiting) return false;
+    uint8_t* data = ControlData(waiting, 4);
+    if (!data) return false;
+    std::memcpy(data, bytes, 4);
+    return true;
 }
 
 void SetPeerHostName(SockItem* s, const char* text, uint32_t len) {
@@ -39,51 +61,63 @@ void SetPeerHostName(SockItem* s, const char* text, uint32_t len) {
     if (!copy) return;
     std::memcpy(copy, text, len);
     copy[len] = 0;
-    std::lock_guard<std::mutex> lock(Mod().ModCrit);
+    MutexLock lock(ModCrit);
     std::free(s->HostName);
     s->HostName = copy;
 }
 
-void SetRecvTimeoutFromPeer(SockItem* s, int fd, uint32_t tnew) {
-    if (LogEnabled(5)) {
-        LogMessageF(5, KWSOCK_TAG("_SetRecvTimeout"), "Execute (idn=%d, type=%d, tnew=%d, told=%d)", s->Idn, s->Type,
-                    static_cast<int>(tnew), static_cast<int>(s->RecvTimeout.load()));
-    }
+void SetRecvTimeoutFromPeer(SockItem* s, int fd, uint32_t asked) {
+    const uint32_t tnew = ClampPeerTimeout(s, asked);
+    SockLogF(5, KWSOCK_TAG("_SetRecvTimeout"), "Execute (idn=%d, type=%d, tnew=%d, told=%d)", s->OwnIdn(),
+             s->OwnType(), static_cast<int>(tnew), static_cast<int>(s->RecvTimeout.load()));
     if (tnew == s->RecvTimeout) return;
     s->RecvTimeout = tnew;
     SetTimeoutOpt(fd, SO_RCVTIMEO, tnew ? tnew : kSockRecvTimeout);  // result ignored
 }
 
-void SetSendTimeoutFromPeer(SockItem* s, int fd, uint32_t t) {
+void SetSendTimeoutFromPeer(SockItem* s, int fd, uint32_t asked) {
     static const char* const tag = KWSOCK_TAG("_SetSendTimeout");
-    if (LogEnabled(5)) {
-        LogMessageF(5, tag, "Execute (idn=%d, type=%d, tnew=%d, told=%d)", s->Idn, s->Type, static_cast<int>(t),
-                    static_cast<int>(s->SendTimeout.load()));
-    }
+    const uint32_t t = ClampPeerTimeout(s, asked);
+    SockLogF(5, tag, "Execute (idn=%d, type=%d, tnew=%d, told=%d)", s->OwnIdn(), s->OwnType(), static_cast<int>(t),
+             static_cast<int>(s->SendTimeout.load()));
     if (t == s->SendTimeout) return;
-    const uint32_t answer = 4 * t;
+    // The peer waits four intervals; saturated so that a huge interval does
+    // not wrap into a short wait.
+    const uint32_t answer = t > 0xFFFFFFFFu / 4 ? 0xFFFFFFFFu : 4 * t;
+    {
+        MutexLock lock(ModCrit);
+        if (RewriteWaiting(s, &SockItem::QueuedTimeoutAnswer, &answer)) {
+            s->SendTimeout = t;
+            ApplySendTimeout(s, fd, t ? t : kSockSendTimeout);
+            return;
+        }
+    }
     KWRData* rec = MakeControl(2, &answer, sizeof answer, tag);
     if (!rec) return;
     s->SendTimeout = t;
-    SetTimeoutOpt(fd, SO_SNDTIMEO, t ? t : kSockRecvTimeout);  // result ignored
-    QueueOwn(s, rec);
+    ApplySendTimeout(s, fd, t ? t : kSockSendTimeout);  // 5000 when 0
+    QueueOwn(s, rec, &SockItem::QueuedTimeoutAnswer);
 }
 
 void TimeRequest(SockItem* s, const char* data) {
+    {
+        // Cleared before the answer can leave, so that nobody who has seen
+        // the answer arrive can still read this side as synchronised.
+        MutexLock lock(ModCrit);
+        s->Time.Synced = false;
+        if (RewriteWaiting(s, &SockItem::QueuedTimeAnswer, data)) return;  // the tick of the newer request
+    }
     uint8_t answer[kTimeAnswerLen] = {};
     std::memcpy(answer, data, 4);  // the requester's tick, echoed
     KWRData* rec = MakeControl(5, answer, sizeof answer, KWSOCK_TAG("_TimeRequest"));
     if (!rec) return;
-    // Cleared before the answer can leave, so that nobody who has seen the
-    // answer arrive can still read this side as synchronised.
-    s->Time.Synced = false;
-    QueueOwn(s, rec);
+    QueueOwn(s, rec, &SockItem::QueuedTimeAnswer);
 }
 
 // difference = D - R / 2, where D is the peer's clock minus ours at the
 // answer and R the round trip of the request, both in milliseconds.
 void TimeAnswer(SockItem* s, const char* data) {
-    if (LogEnabled(5)) LogMessageF(5, KWSOCK_TAG("_TimeAnswer"), "Execute (idn=%d, type=%d)", s->Idn, s->Type);
+    SockLogF(5, KWSOCK_TAG("_TimeAnswer"), "Execute (idn=%d, type=%d)", s->OwnIdn(), s->OwnType());
     KWTimeStamp now{};
     CTimeUTC(&now);
     const auto remoteSec = Load<int64_t>(data + 8);
@@ -94,6 +128,8 @@ void TimeAnswer(SockItem* s, const char* data) {
                        static_cast<uint64_t>(int64_t{remoteMs} - int64_t{now.millis});
     const uint32_t r = SockTick() - LoadU32(data);  // wrapping 32-bit
     const auto diff = static_cast<int64_t>(d - uint64_t{r / 2});
+    // One answer's values, published together.
+    MutexLock lock(ModCrit);
     s->Time.DltSec = static_cast<int32_t>(diff / 1000);
     s->Time.DltMs = static_cast<int32_t>(diff % 1000);  // same sign as the seconds
     s->Time.Zone1 = Load<int16_t>(data + 18);
@@ -101,23 +137,37 @@ void TimeAnswer(SockItem* s, const char* data) {
     s->Time.Synced = true;
 }
 
-// Where the Data text of a TestTyp2-shaped image lies, or null when the image
-// does not have that shape or the text is shorter than need.
+}  // namespace
+
 uint8_t* ControlData(const KWRData* rec, uint32_t need) {
     const KWRType& t = Mod().TestTyp2;
     if (rec->typeId != 0 || rec->fieldCount != 2 || !rec->image || rec->length < t.dataLength) return nullptr;
     const KWRField& type = t.fields[0];
     const KWRField& data = t.fields[1];
     const uint8_t* image = rec->image;
-    if ((image[type.offset - 1] & 0x8F) != iFldType_Int32) return nullptr;
-    if ((image[data.offset - 1] & 0x9F) != iFldType_Blob) return nullptr;  // not null, in the image
-    const uint32_t len = LoadU32(image + data.offset);
-    const uint32_t off = LoadU32(image + data.offset + 4);
+    // The Type slot an Int32 that is not null, the Data slot a "CB" that is
+    // not null and lies in the image (not in an owned block).
+    if ((*rec::HeaderByte(&type, image) & (rec::kTypeMask | rec::kNullBit)) != iFldType_Int32) return nullptr;
+    if ((*rec::HeaderByte(&data, image) & (rec::kTypeMask | rec::kOwnedBit | rec::kNullBit)) != iFldType_Blob)
+        return nullptr;
+    const uint32_t len = LoadU32(rec::ValuePtr(&data, image) + rec::kVarLength);
+    const uint32_t off = LoadU32(rec::ValuePtr(&data, image) + rec::kVarOffset);
     if (len < need || off == 0 || uint64_t{off} + len > rec->length) return nullptr;
     return rec->image + off;
 }
 
-}  // namespace
+uint32_t ClampPeerTimeout(SockItem* s, uint32_t ms) {
+    if (s->OwnType() == SOCK_SRV) {
+        if (ms == 0 || ms > kSrvMaxTimeout) return kSrvMaxTimeout;
+    }
+    return (ms >= 1 && ms < kMinTimeout) ? kMinTimeout : ms;
+}
+
+void ApplySendTimeout(SockItem* s, int fd, uint32_t ms) {
+    if (ms == 0 && s->OwnType() == SOCK_SRV) ms = kSockSendTimeout;
+    if (fd >= 0) SetTimeoutOpt(fd, SO_SNDTIMEO, ms);  // result ignored
+    s->SendStall = ms;
+}
 
 void HandleControl(SockItem* s, int fd, const KWRData* rec) {
     const KWRType& t = Mod().TestTyp2;
@@ -186,25 +236,19 @@ using namespace kwz::sock;
 namespace {
 
 // Shared head of the two time-out functions: the stream slot or null.
-SockItem* TimeoutSlot(uint32_t idn, uint32_t ms, bool send, const char* tag) {
+SockItem* TimeoutSlot(uint32_t idn, uint32_t ms, bool send, const char* tag) REQUIRES(ModCrit) {
     SockItem* s = FindSlotLogged(idn, true, tag, true, true);
     if (!s) return nullptr;
-    if (LogEnabled(5)) {
-        LogMessageF(5, tag, "Execute (idn=%d, tnew=%d, told=%d)", static_cast<int>(idn), static_cast<int>(ms),
-                    static_cast<int>(send ? s->SendTimeout.load() : s->RecvTimeout.load()));
-    }
+    SockLogF(5, tag, "Execute (idn=%d, tnew=%d, told=%d)", static_cast<int>(idn), static_cast<int>(ms),
+             static_cast<int>(send ? s->SendTimeout.load() : s->RecvTimeout.load()));
     return s;
 }
 
-}  // namespace
-
-extern "C" {
-
 // Asks the peer to send at least every T ms; RecvTimeout becomes 4 * T when
 // the peer's answer (Type 2) arrives.
-KWZ_API int32_t KWSockSetRecvTimeout(uint32_t idn, uint32_t ms) {
+int32_t SockSetRecvTimeout(uint32_t idn, uint32_t ms) EXCLUDES(ModCrit) {
     static const char* const tag = KWSOCK_TAG("KWSockSetRecvTimeout");
-    std::lock_guard<std::mutex> lock(Mod().ModCrit);
+    MutexLock lock(ModCrit);
     SockItem* s = TimeoutSlot(idn, ms, false, tag);
     if (!s) return 0;
     if (ms == s->RecvTimeout) return 1;
@@ -218,22 +262,22 @@ KWZ_API int32_t KWSockSetRecvTimeout(uint32_t idn, uint32_t ms) {
 
 // Sends at least every ms (at least 1250) and tells the peer to wait four
 // times that long.
-KWZ_API int32_t KWSockSetSendTimeout(uint32_t idn, uint32_t ms) {
+int32_t SockSetSendTimeout(uint32_t idn, uint32_t ms) EXCLUDES(ModCrit) {
     static const char* const tag = KWSOCK_TAG("KWSockSetSendTimeout");
-    std::lock_guard<std::mutex> lock(Mod().ModCrit);
+    MutexLock lock(ModCrit);
     SockItem* s = TimeoutSlot(idn, ms, true, tag);
     if (!s) return 0;
     if (ms == s->SendTimeout) return 1;
     uint32_t value = ms;
-    uint32_t told = 4 * ms;
-    if (ms >= 1 && ms <= 1249) {
-        value = 1250;
-        told = 5000;
+    uint32_t told = ms > 0xFFFFFFFFu / 4 ? 0xFFFFFFFFu : 4 * ms;
+    if (ms >= 1 && ms < kMinTimeout) {
+        value = kMinTimeout;
+        told = 4 * kMinTimeout;
     }
     KWRData* rec = MakeControl(2, &told, sizeof told, tag);
     if (!rec) return 0;
     s->SendTimeout = value;
-    if (s->Socket >= 0) SetTimeoutOpt(s->Socket, SO_SNDTIMEO, value);  // result ignored
+    ApplySendTimeout(s, s->Socket, value);
     if (SockBufAdd(s, rec, ReleaseRecord, kPrioTop)) return 1;
     KWRRecRelease(rec);
     return 0;
@@ -242,14 +286,30 @@ KWZ_API int32_t KWSockSetSendTimeout(uint32_t idn, uint32_t ms) {
 // A frame whose image is longer than maxImage closes the connection with
 // reason -6; 0 removes the limit.  A listening slot passes its limit on to
 // the connections it accepts.
-KWZ_API int32_t KWSockSetRecvLimit(uint32_t idn, uint32_t maxImage) {
+int32_t SockSetRecvLimit(uint32_t idn, uint32_t maxImage) EXCLUDES(ModCrit) {
     static const char* const tag = KWSOCK_TAG("KWSockSetRecvLimit");
     Module& m = Mod();
-    std::lock_guard<std::mutex> lock(m.ModCrit);
+    MutexLock lock(ModCrit);
     SockItem* s = FindSlotLogged(idn, true, tag);
     if (!s) return m.SockNum == 0 ? SE_NOINIT : SE_NOSOCK;
     s->RecvLimit = maxImage;
     return 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+KWZ_API int32_t KWSockSetRecvTimeout(uint32_t idn, uint32_t ms) {
+    return CEdge(KWSOCK_TAG("KWSockSetRecvTimeout"), 0, 0, [&] { return SockSetRecvTimeout(idn, ms); });
+}
+
+KWZ_API int32_t KWSockSetSendTimeout(uint32_t idn, uint32_t ms) {
+    return CEdge(KWSOCK_TAG("KWSockSetSendTimeout"), 0, 0, [&] { return SockSetSendTimeout(idn, ms); });
+}
+
+KWZ_API int32_t KWSockSetRecvLimit(uint32_t idn, uint32_t maxImage) {
+    return CEdge(KWSOCK_TAG("KWSockSetRecvLimit"), SE_NOSOCK, SE_NOSOCK, [&] { return SockSetRecvLimit(idn, maxImage); });
 }
 
 }  // extern "C"

@@ -1,26 +1,51 @@
 // The socket module's life: KWSockInit sizes the table and prepares the
 // records every connection needs, KWSockFree suspends the module and closes
-// every slot, and _ModDataClear releases the table once the last slot's last
+// every slot, and ModDataClear releases the table once the last slot's last
 // thread has ended.  Slot lookup and allocation live here too.
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "base/kwBase.h"
+#include "base/kwGuard.h"
+#include "base/kwMem.h"
 #include "sock/kwSockInt.h"
 
 namespace kwz::sock {
+
+Mutex ModCrit;
+
+void SockLog(int32_t level, const char* tag, const char* text) noexcept {
+    try {
+        Log(level, tag, text);
+    } catch (...) {
+    }
+}
+
+void SockLogF(int32_t level, const char* tag, const char* format, ...) noexcept {
+    if (!LogEnabled(level)) return;
+    char text[2048];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    SockLog(level, tag, text);
+}
+
 namespace {
 
 const char* const kNodeDef = "NodeData|3\r\nPort|I4\r\nAddr|CB\r\nData|CB";
 const char* const kTestDef = "TestTyp2|2\r\nType|I4\r\nData|CB";
 
-// Releases the table and whatever the records and types hold (ModCrit held).
-void ReleaseAll(Module& m) {
+// Releases the table and whatever the records and types hold.
+void ReleaseAll(Module& m) REQUIRES(ModCrit) {
     m.SockArr.clear();
     m.SockNum = 0;
     FreeBufPool();
@@ -78,7 +103,7 @@ SockItem* AllocOpenSlot(uint8_t type, void* event, uint32_t port, const char* ta
     Module& m = Mod();
     SockItem* s = SockGetFreeIdx(type);
     if (!s) {
-        LogMessageF(level, tag, "There are no available sockets (all=%d, use=%d)", m.SockNum, m.SockUse.load());
+        SockLogF(level, tag, "There are no available sockets (all=%d, use=%d)", m.SockNum, m.SockUse.load());
         return nullptr;
     }
     s->Event = event;
@@ -88,12 +113,12 @@ SockItem* AllocOpenSlot(uint8_t type, void* event, uint32_t port, const char* ta
 
 SockItem* FindSlotLogged(uint32_t idn, bool allocated, const char* tag, bool withIdnText, bool streamOnly) {
     if (Mod().SockNum == 0) {
-        LogMessage(3, tag, "SE_NOINIT");
+        SockLog(3, tag, "SE_NOINIT");
         return nullptr;
     }
     SockItem* s = FindSlot(idn, allocated);
     if (!s || (streamOnly && !s->IsStream())) {
-        LogMessageF(2, tag, withIdnText ? "SE_NOSOCK (idn=%d)" : "SE_NOSOCK (%d)", static_cast<int>(idn));
+        SockLogF(2, tag, withIdnText ? "SE_NOSOCK (idn=%d)" : "SE_NOSOCK (%d)", static_cast<int>(idn));
         return nullptr;
     }
     return s;
@@ -119,6 +144,9 @@ SockItem* SockGetFreeIdx(uint8_t type) {
         s->Head = s->Tail = nullptr;
         s->BufNum = 0;
         s->BufSize = 0;
+        s->SendLimit = 0;
+        s->QueuedTimeAnswer = s->QueuedTimeoutAnswer = nullptr;
+        s->SendStall = 0;
         s->Port = 0;
         s->ThreadNum = 0;
         std::free(s->HostName);
@@ -126,12 +154,12 @@ SockItem* SockGetFreeIdx(uint8_t type) {
         s->HostName = s->HostAddr = nullptr;
         s->RecvBytes = 0;
         s->SendBytes = 0;
-        s->Time.Clear();
+        s->Time = SockTime{};
         s->RecvLimit = 0;
         s->RecvTimeout = type == SOCK_SRV ? kSrvRecvTimeout : 0;
         s->SendTimeout = type == SOCK_CLI ? kCliSendTimeout : 0;
         {
-            std::lock_guard<std::mutex> wake(s->SendLock);
+            MutexLock wake(s->SendLock);
             s->SendWake = false;
         }
         s->SendIdle = false;
@@ -141,10 +169,10 @@ SockItem* SockGetFreeIdx(uint8_t type) {
     return nullptr;
 }
 
-void _ModDataClear() {
+void ModDataClear() {
     Module& m = Mod();
     if (m.ModActive || m.SockUse != 0 || m.SockNum == 0) return;
-    LogMessage(5, KWSOCK_TAG("_ModDataClear"), "");
+    SockLog(5, KWSOCK_TAG("_ModDataClear"), "");
     ReleaseAll(m);
 }
 
@@ -159,41 +187,44 @@ int SetIntOpt(int fd, int level, int option, int value) {
     return setsockopt(fd, level, option, &value, sizeof value);
 }
 
-}  // namespace kwz::sock
+namespace {
 
-using namespace kwz;
-using namespace kwz::sock;
-
-extern "C" {
-
-KWZ_API int32_t KWSockInit(int32_t sockMax) {
+// Builds the table and the records every connection needs.  Any failure,
+// an allocation that throws included, leaves no table behind.
+int32_t SockInit(int32_t sockMax) EXCLUDES(ModCrit) {
     static const char* const tag = KWSOCK_TAG("KWSockInit");
     Module& m = Mod();
     m.FirstInit = true;
-    std::lock_guard<std::mutex> lock(m.ModCrit);
+    MutexLock lock(ModCrit);
     if (m.ModActive) return 0;
     if (m.SockNum != 0) {
-        LogMessage(3, tag, "SE_SUSPEND");
+        SockLog(3, tag, "SE_SUSPEND");
         return SE_SUSPEND;
     }
     if (sockMax <= 0) {
-        LogMessage(3, tag, "SE_NOINIT");
+        SockLog(3, tag, "SE_NOINIT");
         return SE_NOINIT;
     }
-    if (LogEnabled(5)) LogMessageF(5, tag, "SockMax=%d", sockMax);
+    SockLogF(5, tag, "SockMax=%d", sockMax);
     // Slots past index 0x7FFF could never be named by an idn (15-bit mask).
     const int32_t count = sockMax < kMaxSlots ? sockMax : kMaxSlots;
-    m.SockArr.clear();
-    m.SockArr.reserve(static_cast<size_t>(count));
-    for (int32_t i = 0; i < count; ++i) {
-        auto s = std::make_unique<SockItem>();
-        s->Idn = (static_cast<uint32_t>(i + 1) << 16) + static_cast<uint32_t>(i);
-        m.SockArr.push_back(std::move(s));
+    try {
+        m.SockArr.clear();
+        m.SockArr.reserve(static_cast<size_t>(count));
+        for (int32_t i = 0; i < count; ++i) {
+            auto s = std::make_unique<SockItem>();
+            s->Idn = (static_cast<uint32_t>(i + 1) << 16) + static_cast<uint32_t>(i);
+            m.SockArr.push_back(std::move(s));
+        }
+    } catch (const std::bad_alloc&) {
+        SockLog(2, tag, "SE_NOMEM (SockArr)");
+        ReleaseAll(m);
+        return SE_NOINIT;
     }
     m.SockNum = count;
 
     if (gethostname(m.HostName, sizeof m.HostName) != 0) {
-        LogMessageF(2, tag, "gethostname (err=%d)", errno);
+        SockLogF(2, tag, "gethostname (err=%d)", errno);
         ReleaseAll(m);
         return SE_NOINIT;
     }
@@ -207,7 +238,7 @@ KWZ_API int32_t KWSockInit(int32_t sockMax) {
     else if (KWRTypSet(&m.TestTyp2, 0, kTestDef) != KWR_OK) failure = "SE_NOMEM (KWRTypSet.2)";
     else if (!MakeHostRecord(m)) failure = "SE_NOMEM (KWRRecNew.2)";
     if (failure) {
-        LogMessage(2, tag, failure);
+        SockLog(2, tag, failure);
         ReleaseAll(m);
         return SE_NOINIT;
     }
@@ -215,28 +246,49 @@ KWZ_API int32_t KWSockInit(int32_t sockMax) {
     return 0;
 }
 
-KWZ_API int32_t KWSockFree(void) {
+int32_t SockFree() EXCLUDES(ModCrit) {
     Module& m = Mod();
-    std::lock_guard<std::mutex> lock(m.ModCrit);
+    MutexLock lock(ModCrit);
     if (!m.ModActive) return m.SockNum == 0 ? 0 : SE_SUSPEND;
     m.ModActive = false;
-    LogMessage(5, KWSOCK_TAG("KWSockFree"), "");
+    SockLog(5, KWSOCK_TAG("KWSockFree"), "");
     for (int32_t i = 0; i < m.SockNum; ++i) {
         SockItem* s = m.SockArr[i].get();
         if (s->Type == SOCK_FREE) continue;
         // The caller asked to stop: no close events reach it any more.
         s->Event = nullptr;
-        CLEANUP_SET(s, kReasonNone, false);
+        CLEANUP_SET_Locked(s, kReasonNone);
     }
-    if (m.SockUse == 0) _ModDataClear();
+    if (m.SockUse == 0) ModDataClear();
     return m.SockNum == 0 ? 0 : SE_SUSPEND;
 }
 
-KWZ_API int32_t KWSockIsActive(void) {
+int32_t SockIsActive() EXCLUDES(ModCrit) {
     Module& m = Mod();
-    std::lock_guard<std::mutex> lock(m.ModCrit);
+    MutexLock lock(ModCrit);
     if (m.ModActive) return 0;
     return m.SockNum != 0 ? SE_SUSPEND : SE_NOINIT;
+}
+
+}  // namespace
+
+}  // namespace kwz::sock
+
+using namespace kwz;
+using namespace kwz::sock;
+
+extern "C" {
+
+KWZ_API int32_t KWSockInit(int32_t sockMax) {
+    return CEdge(KWSOCK_TAG("KWSockInit"), SE_NOINIT, SE_NOINIT, [&] { return SockInit(sockMax); });
+}
+
+KWZ_API int32_t KWSockFree(void) {
+    return CEdge(KWSOCK_TAG("KWSockFree"), SE_SUSPEND, SE_SUSPEND, [] { return SockFree(); });
+}
+
+KWZ_API int32_t KWSockIsActive(void) {
+    return CEdge(KWSOCK_TAG("KWSockIsActive"), SE_NOINIT, SE_NOINIT, [] { return SockIsActive(); });
 }
 
 }  // extern "C"

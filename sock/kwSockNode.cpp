@@ -20,6 +20,8 @@
 #include <new>
 
 #include "base/kwBase.h"
+#include "base/kwGuard.h"
+#include "base/kwMem.h"
 #include "sock/kwSockInt.h"
 
 namespace kwz::sock {
@@ -73,7 +75,7 @@ void NodeComplete(int32_t event, uint32_t idn, KWRData* rec) {
 
 }  // namespace
 
-int32_t SendNode_Net(SockItem* s, KWRData* rec) {
+int32_t SendDatagram(SockItem* s, KWRData* rec) {
     static const char* const tag = KWSOCK_TAG("SendNode_Net");
     const int fd = s->Socket;
     if (fd < 0) return SOCK_EV_NOSEND;
@@ -89,7 +91,7 @@ int32_t SendNode_Net(SockItem* s, KWRData* rec) {
         uint32_t addr = 0;
         int err = 0;
         if (!Resolve(f.Addr, &addr, &err)) {
-            if (LogEnabled(3)) LogMessageF(3, tag, "gethostbyname (addr=%s err=%d)", f.Addr, err);
+            SockLogF(3, tag, "gethostbyname (addr=%s err=%d)", f.Addr, err);
             return SOCK_EV_NOSEND;
         }
         to.sin_addr.s_addr = addr;
@@ -99,15 +101,15 @@ int32_t SendNode_Net(SockItem* s, KWRData* rec) {
         // A payload of exactly INT_MAX bytes goes out as two calls: kept as it is.
         const uint32_t first = f.Length / 2;
         if (sendto(fd, f.Data, first, MSG_NOSIGNAL, dest, sizeof to) < 0) {
-            LogMessageF(2, tag, "sendto 1(err=%d)", errno);
+            SockLogF(2, tag, "sendto 1(err=%d)", errno);
             return SOCK_EV_NOSEND;
         }
         if (sendto(fd, f.Data + first, f.Length - first, MSG_NOSIGNAL, dest, sizeof to) < 0) {
-            LogMessageF(2, tag, "sendto 2(err=%d)", errno);
+            SockLogF(2, tag, "sendto 2(err=%d)", errno);
             return SOCK_EV_NOSEND;
         }
     } else if (sendto(fd, f.Data, f.Length, MSG_NOSIGNAL, dest, sizeof to) < 0) {
-        LogMessageF(2, tag, "sendto (err=%d)", errno);
+        SockLogF(2, tag, "sendto (err=%d)", errno);
         return SOCK_EV_NOSEND;
     }
     MarkSend(s);
@@ -118,61 +120,54 @@ int32_t SendNode_Net(SockItem* s, KWRData* rec) {
 void SockRecvNodeThread(SockItem* s) {
     pthread_setname_np(pthread_self(), "kwz-node");  // shows in top -H, gdb, perf
     static const char* const tag = KWSOCK_TAG("SockRecvNodeThread");
-    const int fd = s->OwnedFd;  // set before the thread started
-    const int idn = static_cast<int>(s->Idn);
-    const int type = s->Type;
-    if (LogEnabled(5)) LogMessageF(5, tag, "Start Thread (idn=%d, type=%d)", idn, type);
-    try {
-        // Room for the largest datagram and the 0 byte added after the data.
-        std::unique_ptr<char[]> buf(new (std::nothrow) char[kMaxDatagram + 1]);
-        if (!buf) {
-            LogMessageF(2, tag, "SE_NOMEM (kwz_malloc, len=%d)", kMaxDatagram + 1);
-            CLEANUP_SET(s, kReasonNoBuffer, true);
-        }
-        while (buf && !s->Closing()) {
-            sockaddr_in from{};
-            socklen_t fromLen = sizeof from;
-            errno = 0;
-            const ssize_t r = recvfrom(fd, buf.get(), kMaxDatagram, 0, reinterpret_cast<sockaddr*>(&from), &fromLen);
-            if (s->Closing()) break;
-            const int err = errno;
-            if (r < 0) {
-                // An earlier datagram to a closed port comes back as 10054
-                // where the protocol comes from; a Linux UDP socket reports it
-                // as ECONNREFUSED (or ECONNRESET).  Retried, like interrupts.
-                if (err == kErrConnReset || err == ECONNREFUSED || err == ECONNRESET || err == EINTR) continue;
-                if (err == EAGAIN) {
-                    pollfd p{fd, POLLIN, 0};
-                    poll(&p, 1, 1000);
-                    continue;
-                }
-                LogMessageF(2, tag, "Recv Data Abort (idn=%d, errno=%d)", idn, err);
-                CLEANUP_SET(s, kReasonAbort, true);
-                break;
-            }
-            if (r == 0 && err != 0) {
-                LogMessageF(2, tag, "Recv Data Error (idn=%d, errno=%d)", idn, err);
-                CLEANUP_SET(s, kReasonNone, true);
-                break;
-            }
-            buf[r] = 0;
-            s->RecvBytes += static_cast<uint64_t>(r);
-            MarkRecv(s);
-            char addr[INET_ADDRSTRLEN] = {};
-            inet_ntop(AF_INET, &from.sin_addr, addr, sizeof addr);
-            if (SockNodeEventFn event = s->NodeEvent()) {
-                s->Flags.fetch_or(kFlagEvent);
-                event(SOCK_EV_DATA, s->Idn, ntohs(from.sin_port), addr, buf.get(), static_cast<int32_t>(r));
-                s->Flags.fetch_and(~kFlagEvent);
-            }
-        }
-    } catch (const std::exception& e) {
-        LogMessageF(1, tag, "Catch (idn=%d, type=%d, %s)", idn, type, e.what());
-        CLEANUP_SET(s, kReasonAbort, true);
+    const int fd = OwnedSocket(s);  // set before the thread started
+    const int idn = static_cast<int>(s->OwnIdn());
+    const int type = s->OwnType();
+    SockLogF(5, tag, "Start Thread (idn=%d, type=%d)", idn, type);
+    // Room for the largest datagram and the 0 byte added after the data.
+    std::unique_ptr<char[]> buf(new (std::nothrow) char[kMaxDatagram + 1]);
+    if (!buf) {
+        SockLogF(2, tag, "SE_NOMEM (kwz_malloc, len=%d)", kMaxDatagram + 1);
+        CLEANUP_SET(s, kReasonNoBuffer);
     }
-    if (LogEnabled(5)) LogMessageF(5, tag, "Stop Thread (idn=%d, type=%d)", idn, type);
-    CLEANUP_FIN(s);
-    --Mod().ThreadNum;
+    while (buf && !s->Closing()) {
+        sockaddr_in from{};
+        socklen_t fromLen = sizeof from;
+        errno = 0;
+        const ssize_t r = recvfrom(fd, buf.get(), kMaxDatagram, 0, reinterpret_cast<sockaddr*>(&from), &fromLen);
+        if (s->Closing()) break;
+        const int err = errno;
+        if (r < 0) {
+            // An earlier datagram to a closed port comes back as the
+            // protocol's reset code 10054; a Linux UDP socket reports it as
+            // ECONNREFUSED (or ECONNRESET).  Retried, like interrupts.
+            if (err == kErrConnReset || err == ECONNREFUSED || err == ECONNRESET || err == EINTR) continue;
+            if (err == EAGAIN) {
+                pollfd p{fd, POLLIN, 0};
+                poll(&p, 1, 1000);
+                continue;
+            }
+            SockLogF(2, tag, "Recv Data Abort (idn=%d, errno=%d)", idn, err);
+            CLEANUP_SET(s, kReasonAbort);
+            break;
+        }
+        if (r == 0 && err != 0) {
+            SockLogF(2, tag, "Recv Data Error (idn=%d, errno=%d)", idn, err);
+            CLEANUP_SET(s, kReasonNone);
+            break;
+        }
+        buf[r] = 0;
+        s->RecvBytes += static_cast<uint64_t>(r);
+        MarkRecv(s);
+        char addr[INET_ADDRSTRLEN] = {};
+        inet_ntop(AF_INET, &from.sin_addr, addr, sizeof addr);
+        if (SockNodeEventFn event = s->NodeEvent()) {
+            FlagScope busy(s, kFlagEvent);
+            event(SOCK_EV_DATA, static_cast<uint32_t>(idn), ntohs(from.sin_port), addr, buf.get(),
+                  static_cast<int32_t>(r));
+        }
+    }
+    SockLogF(5, tag, "Stop Thread (idn=%d, type=%d)", idn, type);
 }
 
 }  // namespace kwz::sock
@@ -202,20 +197,16 @@ bool ParseGroup(const char* text, in_addr* group, in_addr* iface) {
 // A null value pointer reads as 0 for the numeric options.
 int32_t NumberAt(const void* value) { return value ? Load<int32_t>(value) : 0; }
 
-}  // namespace
-
-extern "C" {
-
-KWZ_API int32_t KWSockNodeOpen(uint32_t port, SockNodeEventFn callback, uint32_t* idn) {
+int32_t SockNodeOpen(uint32_t port, SockNodeEventFn callback, uint32_t* idn) {
     static const char* const tag = KWSOCK_TAG("KWSockNodeOpen");
     if (idn) *idn = 0;
     Module& m = Mod();
     SockItem* s = nullptr;
     char host[sizeof m.HostName];
     {
-        std::lock_guard<std::mutex> lock(m.ModCrit);
+        MutexLock lock(ModCrit);
         if (m.SockNum == 0) {
-            LogMessage(3, tag, "SE_NOINIT");
+            SockLog(3, tag, "SE_NOINIT");
             return SE_NOINIT;
         }
         s = AllocOpenSlot(SOCK_NODE, FnPtr(callback), port, tag, 2);  // nodes log a full table at level 2
@@ -224,7 +215,7 @@ KWZ_API int32_t KWSockNodeOpen(uint32_t port, SockNodeEventFn callback, uint32_t
     }
     const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
-        LogMessageF(2, kNet, "socket (err=%d)", errno);
+        SockLogF(2, kNet, "socket (err=%d)", errno);
         CLEANUP_FIN(s);
         return SE_OPEN;
     }
@@ -235,16 +226,16 @@ KWZ_API int32_t KWSockNodeOpen(uint32_t port, SockNodeEventFn callback, uint32_t
     uint32_t own = 0;
     int err = 0;
     if (!Resolve(host, &own, &err)) {
-        LogMessageF(3, kNet, "gethostbyname (hostname=%s err=%d)", host, err);
+        SockLogF(3, kNet, "gethostbyname (hostname=%s err=%d)", host, err);
         own = htonl(INADDR_LOOPBACK);
     }
-    s->OwnAddr = own;
+    s->OwnAddr = own;  // read by the send thread, which starts below
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_port = htons(static_cast<uint16_t>(port));
     addr.sin_addr.s_addr = htonl(INADDR_ANY);
     if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-        LogMessageF(2, "SKwz.kwSock.SockNodeOpen_Net", "bind (err=%d)", errno);  // leading S: kept
+        SockLogF(2, "SKwz.kwSock.SockNodeOpen_Net", "bind (err=%d)", errno);  // leading S: kept
         CLEANUP_FIN(s);
         return SE_OPEN;
     }
@@ -253,7 +244,7 @@ KWZ_API int32_t KWSockNodeOpen(uint32_t port, SockNodeEventFn callback, uint32_t
     SetIntOpt(fd, SOL_SOCKET, SO_BROADCAST, 1);  // Linux wants an int here
     uint32_t given = 0;
     {
-        std::lock_guard<std::mutex> lock(m.ModCrit);
+        MutexLock lock(ModCrit);
         s->Port = ntohs(addr.sin_port);  // port 0 asked the system to choose
         MarkRecv(s);
         MarkSend(s);
@@ -267,22 +258,22 @@ KWZ_API int32_t KWSockNodeOpen(uint32_t port, SockNodeEventFn callback, uint32_t
     return 0;
 }
 
-KWZ_API int32_t KWSockSendNode(uint32_t idn, int32_t port, const char* address, const void* data, int32_t length,
+int32_t SockSendNode(uint32_t idn, int32_t port, const char* address, const void* data, int32_t length,
                                SockNodeEventFn completion) {
     static const char* const tag = KWSOCK_TAG("KWSockSendNode");
     Module& m = Mod();
-    std::lock_guard<std::mutex> lock(m.ModCrit);
+    MutexLock lock(ModCrit);
     if (!m.ModActive) {
-        LogMessage(3, tag, "SE_NOINIT");
+        SockLog(3, tag, "SE_NOINIT");
         return SE_NOINIT;
     }
     SockItem* s = FindSlot(idn, true);
     if (!s || s->Type != SOCK_NODE) {
-        LogMessageF(2, tag, "SE_NOSOCK (%d)", static_cast<int>(idn));
+        SockLogF(2, tag, "SE_NOSOCK (%d)", static_cast<int>(idn));
         return SE_NOSOCK;
     }
     if (length < 0 || (length > 0 && !data)) {
-        LogMessageF(2, tag, "SE_DATANOSEND (len=%d)", length);
+        SockLogF(2, tag, "SE_DATANOSEND (len=%d)", length);
         return SE_DATANOSEND;
     }
     if (!address) address = "";
@@ -296,9 +287,9 @@ KWZ_API int32_t KWSockSendNode(uint32_t idn, int32_t port, const char* address, 
     Store<uint32_t>(cells[2].value, static_cast<uint32_t>(length));
     Store<const void*>(cells[2].value + 4, data);
 
-    auto* rec = static_cast<KWRData*>(KWMemAlloc(sizeof(KWRData), nullptr));
+    auto* rec = static_cast<KWRData*>(MemAlloc(sizeof(KWRData)));
     if (!rec) {
-        LogMessage(2, tag, "SE_NOMEM (kwz_calloc)");
+        SockLog(2, tag, "SE_NOMEM (kwz_calloc)");
         return -1;
     }
     KWRRecInit(rec);
@@ -306,15 +297,15 @@ KWZ_API int32_t KWSockSendNode(uint32_t idn, int32_t port, const char* address, 
     KWRSetBuff(&m.NodeTyp, nullptr, cells, &size);
     void* image = std::malloc(size);
     if (!image || KWRSetBuff(&m.NodeTyp, image, cells, &size) != KWR_OK || KWRRecSet(rec, image) != KWR_OK) {
-        LogMessage(2, tag, "SE_NOMEM (KWRRecNew)");
+        SockLog(2, tag, "SE_NOMEM (KWRRecNew)");
         std::free(image);
-        KWMemFree(rec);
+        MemFree(rec);
         return -1;
     }
     rec->typeId = m.NodeTyp.id;
     rec->editSource = reinterpret_cast<KWRData*>(reinterpret_cast<void*>(completion));
     if (!SockBufAdd(s, rec, NodeComplete, 0)) {
-        LogMessage(2, tag, "SE_DATANOSEND");
+        SockLog(2, tag, "SE_DATANOSEND");
         rec->editSource = nullptr;
         KWRRecRelease(rec);
         return SE_DATANOSEND;
@@ -322,10 +313,10 @@ KWZ_API int32_t KWSockSendNode(uint32_t idn, int32_t port, const char* address, 
     return 0;
 }
 
-KWZ_API int32_t KWSockNodeSetOpt(uint32_t idn, int32_t option, const void* value) {
+int32_t SockNodeSetOpt(uint32_t idn, int32_t option, const void* value) {
     static const char* const tag = KWSOCK_TAG("KWSockNodeSetOpt");
     Module& m = Mod();
-    std::lock_guard<std::mutex> lock(m.ModCrit);
+    MutexLock lock(ModCrit);
     SockItem* s = FindSlotLogged(idn, true, tag);
     if (!s) return m.SockNum == 0 ? SE_NOINIT : SE_NOSOCK;
     const int fd = s->Socket;
@@ -336,7 +327,7 @@ KWZ_API int32_t KWSockNodeSetOpt(uint32_t idn, int32_t option, const void* value
         case 2: {
             ip_mreq req{};
             if (!ParseGroup(static_cast<const char*>(value), &req.imr_multiaddr, &req.imr_interface)) {
-                LogMessageF(2, tag, "SE_OPTION (option=%d)", option);
+                SockLogF(2, tag, "SE_OPTION (option=%d)", option);
                 return SE_OPTION;
             }
             rc = setsockopt(fd, IPPROTO_IP, option == 1 ? IP_ADD_MEMBERSHIP : IP_DROP_MEMBERSHIP, &req, sizeof req);
@@ -351,7 +342,7 @@ KWZ_API int32_t KWSockNodeSetOpt(uint32_t idn, int32_t option, const void* value
             iface.s_addr = htonl(INADDR_ANY);
             const char* text = static_cast<const char*>(value);
             if (text && *text && !inet_aton(text, &iface)) {
-                LogMessageF(2, tag, "SE_OPTION (option=%d)", option);
+                SockLogF(2, tag, "SE_OPTION (option=%d)", option);
                 return SE_OPTION;
             }
             rc = setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &iface, sizeof iface);
@@ -362,10 +353,28 @@ KWZ_API int32_t KWSockNodeSetOpt(uint32_t idn, int32_t option, const void* value
             break;
     }
     if (rc != 0) {
-        LogMessageF(2, tag, "SE_OPTION (option=%d, err=%d)", option, errno);
+        SockLogF(2, tag, "SE_OPTION (option=%d, err=%d)", option, errno);
         return SE_OPTION;
     }
     return 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+KWZ_API int32_t KWSockNodeOpen(uint32_t port, SockNodeEventFn callback, uint32_t* idn) {
+    return CEdge(KWSOCK_TAG("KWSockNodeOpen"), SE_OPEN, SE_OPEN, [&] { return SockNodeOpen(port, callback, idn); });
+}
+
+KWZ_API int32_t KWSockSendNode(uint32_t idn, int32_t port, const char* address, const void* data, int32_t length,
+                               SockNodeEventFn completion) {
+    return CEdge(KWSOCK_TAG("KWSockSendNode"), -1, SE_DATANOSEND,
+                 [&] { return SockSendNode(idn, port, address, data, length, completion); });
+}
+
+KWZ_API int32_t KWSockNodeSetOpt(uint32_t idn, int32_t option, const void* value) {
+    return CEdge(KWSOCK_TAG("KWSockNodeSetOpt"), SE_OPTION, SE_OPTION, [&] { return SockNodeSetOpt(idn, option, value); });
 }
 
 }  // extern "C"

@@ -20,6 +20,7 @@
 #include <thread>
 
 #include "base/kwBase.h"
+#include "base/kwGuard.h"
 #include "sock/kwSockInt.h"
 
 namespace kwz::sock {
@@ -40,34 +41,38 @@ char* CopyText(const char* text) {
     return copy;
 }
 
-void SetHostName(SockItem* s, const char* text) {
+void SetHostName(SockItem* s, const char* text) EXCLUDES(ModCrit) {
     char* copy = CopyText(text);
-    std::lock_guard<std::mutex> lock(Mod().ModCrit);
+    MutexLock lock(ModCrit);
     std::free(s->HostName);
     s->HostName = copy;
 }
 
-void SetHostAddr(SockItem* s, const char* text) {
+void SetHostAddr(SockItem* s, const char* text) EXCLUDES(ModCrit) {
     char* copy = CopyText(text);
-    std::lock_guard<std::mutex> lock(Mod().ModCrit);
+    MutexLock lock(ModCrit);
     std::free(s->HostAddr);
     s->HostAddr = copy;
 }
 
-// Starts body on a detached thread; false when the system refuses one.
-bool Spawn(std::function<void()> body, const char* tag) {
+// Starts body on a detached thread; false when the system refuses one (no
+// thread, or no memory for its start-up).
+template <typename Body>
+bool Spawn(Body body, const char* tag) noexcept {
     try {
         std::thread(std::move(body)).detach();
         return true;
     } catch (const std::system_error& e) {
-        LogMessageF(2, tag, "thread (err=%d)", e.code().value());
-        return false;
+        SockLogF(2, tag, "thread (err=%d)", e.code().value());
+    } catch (...) {
+        SockLogF(2, tag, "thread (%s)", CaughtText());
     }
+    return false;
 }
 
 // A counted thread that could not start ends in its own place.
 void StartFailed(SockItem* s) {
-    CLEANUP_SET(s, kReasonNoBuffer, true);
+    CLEANUP_SET(s, kReasonNoBuffer);
     CLEANUP_FIN(s);
     --Mod().ThreadNum;
 }
@@ -84,6 +89,11 @@ bool TransientAcceptError(int err) {
         default:
             return false;
     }
+}
+
+int32_t SockCount() EXCLUDES(ModCrit) {
+    MutexLock lock(ModCrit);
+    return Mod().SockNum;
 }
 
 // The peer's dotted address, or the two fixed texts callers know.
@@ -105,8 +115,8 @@ void SockListenThreadNet(SockItem* ls, SockListenPrm* raw) {
     static const char* const tag = KWSOCK_TAG("SockListenThreadNet");
     Module& m = Mod();
     std::unique_ptr<SockListenPrm> prm(raw);
-    const int lfd = ls->OwnedFd;  // set before the thread started
-    if (LogEnabled(5)) LogMessageF(5, tag, "Start Thread (idx=%d, port=%d)", prm->Index, ls->Port);
+    const int lfd = OwnedSocket(ls);  // set before the thread started
+    SockLogF(5, tag, "Start Thread (idx=%d, port=%d)", prm->Index, ls->Port);
     int lastErr = 0;
     try {
         while (!ls->Closing()) {
@@ -122,71 +132,105 @@ void SockListenThreadNet(SockItem* ls, SockListenPrm* raw) {
                         std::this_thread::sleep_for(std::chrono::milliseconds(10));
                     continue;
                 }
-                if (LogEnabled(5)) LogMessageF(5, tag, "INVALID_SOCKET (err=%d)", lastErr);
+                SockLogF(5, tag, "INVALID_SOCKET (err=%d)", lastErr);
                 break;
             }
             SockItem* s = nullptr;
             {
-                std::lock_guard<std::mutex> lock(m.ModCrit);
+                MutexLock lock(ModCrit);
                 s = SockGetFreeIdx(SOCK_SRV);
                 if (s) {
                     s->Port = ls->Port;
                     s->Event = ls->Event.load();
                     s->RecvLimit = ls->RecvLimit.load();
+                    s->SendLimit = ls->SendLimit;
                 }
             }
             if (!s) {
-                LogMessageF(3, tag, "There are no available sockets (all=%d, use=%d)", m.SockNum,
-                            m.SockUse.load());
+                SockLogF(3, tag, "There are no available sockets (all=%d, use=%d)", SockCount(), m.SockUse.load());
                 shutdown(cfd, SHUT_RDWR);
                 close(cfd);
                 continue;
             }
             AttachSocket(s, cfd);
             if (SetTimeoutOpt(cfd, SO_RCVTIMEO, kSockRecvTimeout) != 0) {
-                LogMessageF(2, tag, "setsockopt (SO_RCVTIMEO, err=%d)", errno);
+                SockLogF(2, tag, "setsockopt (SO_RCVTIMEO, err=%d)", errno);
                 CLEANUP_FIN(s);
                 continue;
             }
+            // A peer that stops reading must not hold the send thread
+            // forever: server connections always have a send time-out.
+            ApplySendTimeout(s, cfd, 0);
             ReadPeerAddr(s, cfd);
             uint32_t idn = 0;
             {
-                std::lock_guard<std::mutex> lock(m.ModCrit);
+                MutexLock lock(ModCrit);
                 MarkRecv(s);
                 MarkSend(s);
                 idn = s->Idn;
             }
             StartStreamThreads(s);
-            if (LogEnabled(5)) LogMessageF(5, tag, "New SRV connection (idn=%d, port=%d)", idn, ls->Port);
+            SockLogF(5, tag, "New SRV connection (idn=%d, port=%d)", idn, ls->Port);
             MarkRecv(ls);
         }
-    } catch (const std::exception&) {
-        LogMessageF(1, tag, "Catch (Type(0x%x), flags(0x%x), bufnum(%ld), bufsize(%ld))", ls->Type,
-                    ls->Flags.load(), 0L, 0L);
+    } catch (...) {
+        uint32_t bufNum = 0;
+        uint64_t bufSize = 0;
+        {
+            MutexLock lock(ModCrit);
+            bufNum = ls->BufNum;
+            bufSize = ls->BufSize;
+        }
+        SockLogF(1, tag, "Catch (Type(0x%x), flags(0x%x), bufnum(%ld), bufsize(%ld)) %s", ls->OwnType(),
+                 ls->Flags.load(), static_cast<long>(bufNum), static_cast<long>(bufSize), CaughtText());
     }
-    if (LogEnabled(5)) LogMessageF(5, tag, "Stop Thread (idx=%d, port=%d)", prm->Index, ls->Port);
+    SockLogF(5, tag, "Stop Thread (idx=%d, port=%d)", prm->Index, ls->Port);
     if (!ls->Closing()) {
-        LogMessageF(1, tag, "Crash (Type(0x%x), flags(0x%x), Err(%d))", ls->Type, ls->Flags.load(), lastErr);
-        CLEANUP_SET(ls, kReasonAbort, true);
+        SockLogF(1, tag, "Crash (Type(0x%x), flags(0x%x), Err(%d))", ls->OwnType(), ls->Flags.load(), lastErr);
+        CLEANUP_SET(ls, kReasonAbort);
     }
-    prm.reset();
-    CLEANUP_FIN(ls);
-    --m.ThreadNum;
+}
+
+// The frame of every thread of a slot (see RunThread).
+template <typename Body>
+void RunThreadOf(SockItem* s, const char* tag, Body&& body) noexcept {
+    try {
+        body();
+    } catch (...) {
+        SockLogF(1, tag, "Catch (idn=%d, type=%d, %s)", static_cast<int>(s->OwnIdn()), s->OwnType(), CaughtText());
+        CLEANUP_SET(s, kReasonAbort);
+    }
+    CLEANUP_FIN(s);
+    --Mod().ThreadNum;
 }
 
 }  // namespace
+
+const char* CaughtText() noexcept {
+    try {
+        throw;
+    } catch (const std::exception& e) {
+        return e.what();
+    } catch (...) {
+        return "exception of unknown type";
+    }
+}
+
+void RunThread(SockItem* s, void (*body)(SockItem*), const char* tag) noexcept {
+    RunThreadOf(s, tag, [&] { body(s); });
+}
 
 void StartStreamThreads(SockItem* s) {
     // Counted before they start, so that a thread that ends at once cannot
     // finalise the slot under the other's feet.
     s->ThreadNum += 2;
     Mod().ThreadNum += 2;
-    if (!Spawn([s] { SockRecvThread(s); }, KWSOCK_TAG("SockRecvThread"))) StartFailed(s);
-    if (!Spawn([s] { SockSendThread(s); }, KWSOCK_TAG("SockSendThread"))) StartFailed(s);
+    StartThread(s, SockRecvThread, KWSOCK_TAG("SockRecvThread"));
+    StartThread(s, SockSendThread, KWSOCK_TAG("SockSendThread"));
 }
 
 void StartThread(SockItem* s, void (*body)(SockItem*), const char* tag) {
-    if (!Spawn([s, body] { body(s); }, tag)) StartFailed(s);
+    if (!Spawn([s, body, tag] { RunThread(s, body, tag); }, tag)) StartFailed(s);
 }
 
 }  // namespace kwz::sock
@@ -194,9 +238,9 @@ void StartThread(SockItem* s, void (*body)(SockItem*), const char* tag) {
 using namespace kwz;
 using namespace kwz::sock;
 
-extern "C" {
+namespace {
 
-KWZ_API int32_t KWSockCliOpen(const char* address, uint32_t port, SockEventFn callback, uint32_t* idn) {
+int32_t SockCliOpen(const char* address, uint32_t port, SockEventFn callback, uint32_t* idn) {
     static const char* const tag = KWSOCK_TAG("KWSockCliOpen");
     static const char* const net = KWSOCK_TAG("SockCliOpen_Net");
     if (idn) *idn = 0;
@@ -204,9 +248,9 @@ KWZ_API int32_t KWSockCliOpen(const char* address, uint32_t port, SockEventFn ca
     SockItem* s = nullptr;
     bool refused = false;
     {
-        std::lock_guard<std::mutex> lock(m.ModCrit);
+        MutexLock lock(ModCrit);
         if (!m.ModActive) {
-            LogMessage(3, tag, "SE_NOINIT");
+            SockLog(3, tag, "SE_NOINIT");
             return SE_NOINIT;
         }
         s = AllocOpenSlot(SOCK_CLI, FnPtr(callback), port, tag, 3);
@@ -215,14 +259,14 @@ KWZ_API int32_t KWSockCliOpen(const char* address, uint32_t port, SockEventFn ca
         refused = !address || !*address || strcasecmp(address, m.HostName) == 0;
     }
     if (refused) {
-        LogMessage(2, tag, "Incorrect server address");
+        SockLog(2, tag, "Incorrect server address");
         CLEANUP_FIN(s);
         return SE_OPEN;
     }
 
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
-        LogMessageF(2, net, "socket (err=%d)", errno);
+        SockLogF(2, net, "socket (err=%d)", errno);
         CLEANUP_FIN(s);
         return SE_OPEN;
     }
@@ -242,7 +286,7 @@ KWZ_API int32_t KWSockCliOpen(const char* address, uint32_t port, SockEventFn ca
         addrinfo* found = nullptr;
         const int rc = getaddrinfo(address, nullptr, &hints, &found);
         if (rc != 0 || !found) {
-            LogMessageF(2, net, "gethostbyname (err=%d, srvaddr=%s)", rc, address);
+            SockLogF(2, net, "gethostbyname (err=%d, srvaddr=%s)", rc, address);
             if (found) freeaddrinfo(found);
             CLEANUP_FIN(s);
             return SE_OPEN;
@@ -264,7 +308,7 @@ KWZ_API int32_t KWSockCliOpen(const char* address, uint32_t port, SockEventFn ca
     socklen_t len = sizeof peer;
     if (!failed && getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &len) != 0) failed = "getpeername (err=%d)";
     if (failed) {
-        if (LogEnabled(level)) LogMessageF(level, net, failed, errno);
+        SockLogF(level, net, failed, errno);
         CLEANUP_FIN(s);
         return SE_OPEN;
     }
@@ -273,7 +317,7 @@ KWZ_API int32_t KWSockCliOpen(const char* address, uint32_t port, SockEventFn ca
 
     uint32_t given = 0;
     {
-        std::lock_guard<std::mutex> lock(m.ModCrit);
+        MutexLock lock(ModCrit);
         MarkRecv(s);
         MarkSend(s);
         given = s->Idn;
@@ -283,14 +327,14 @@ KWZ_API int32_t KWSockCliOpen(const char* address, uint32_t port, SockEventFn ca
         // The host identification leaves first: highest priority, queued
         // before the caller can queue anything.  Kept by the module, so no
         // completion callback.
-        std::lock_guard<std::mutex> lock(m.ModCrit);
+        MutexLock lock(ModCrit);
         if (s->Idn == given && s->Type == SOCK_CLI) SockBufAdd(s, &m.HostRec, nullptr, kPrioTop);
     }
     if (idn) *idn = given;
     return 0;
 }
 
-KWZ_API int32_t KWSockSrvOpen(uint32_t port, SockEventFn callback, uint32_t* idn) {
+int32_t SockSrvOpen(uint32_t port, SockEventFn callback, uint32_t* idn) {
     static const char* const tag = KWSOCK_TAG("KWSockSrvOpen");
     static const char* const net = KWSOCK_TAG("SockSrvOpen_Net");
     if (idn) *idn = 0;
@@ -298,9 +342,9 @@ KWZ_API int32_t KWSockSrvOpen(uint32_t port, SockEventFn callback, uint32_t* idn
     SockItem* s = nullptr;
     int32_t index = 0;
     {
-        std::lock_guard<std::mutex> lock(m.ModCrit);
+        MutexLock lock(ModCrit);
         if (!m.ModActive) {
-            LogMessage(3, tag, "SE_NOINIT");
+            SockLog(3, tag, "SE_NOINIT");
             return SE_NOINIT;
         }
         s = AllocOpenSlot(SOCK_LISTEN, FnPtr(callback), port, tag, 3);
@@ -309,7 +353,7 @@ KWZ_API int32_t KWSockSrvOpen(uint32_t port, SockEventFn callback, uint32_t* idn
     }
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
-        LogMessageF(2, net, "socket (err=%d)", errno);
+        SockLogF(2, net, "socket (err=%d)", errno);
         CLEANUP_FIN(s);
         return SE_OPEN;
     }
@@ -332,13 +376,13 @@ KWZ_API int32_t KWSockSrvOpen(uint32_t port, SockEventFn callback, uint32_t* idn
     }
     if (failed) {
         err = errno;
-        LogMessageF(2, net, failed, err);
+        SockLogF(2, net, failed, err);
         CLEANUP_FIN(s);  // closes the socket
         return SE_OPEN;
     }
     uint32_t given = 0;
     {
-        std::lock_guard<std::mutex> lock(m.ModCrit);
+        MutexLock lock(ModCrit);
         s->Port = ntohs(bound.sin_port);  // port 0 asked the system to choose
         MarkRecv(s);
         MarkSend(s);
@@ -347,16 +391,26 @@ KWZ_API int32_t KWSockSrvOpen(uint32_t port, SockEventFn callback, uint32_t* idn
     s->ThreadNum += 1;
     m.ThreadNum += 1;
     SockListenPrm* raw = prm.release();
-    try {
-        std::thread([s, raw] { SockListenThreadNet(s, raw); }).detach();
-    } catch (const std::system_error& e) {
+    if (!Spawn([s, raw] { RunThreadOf(s, KWSOCK_TAG("SockListenThreadNet"), [&] { SockListenThreadNet(s, raw); }); },
+               net)) {
         delete raw;
-        LogMessageF(2, net, "thread (err=%d)", e.code().value());
         StartFailed(s);
         return SE_OPEN;
     }
     if (idn) *idn = given;
     return 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+KWZ_API int32_t KWSockCliOpen(const char* address, uint32_t port, SockEventFn callback, uint32_t* idn) {
+    return CEdge(KWSOCK_TAG("KWSockCliOpen"), SE_OPEN, SE_OPEN, [&] { return SockCliOpen(address, port, callback, idn); });
+}
+
+KWZ_API int32_t KWSockSrvOpen(uint32_t port, SockEventFn callback, uint32_t* idn) {
+    return CEdge(KWSOCK_TAG("KWSockSrvOpen"), SE_OPEN, SE_OPEN, [&] { return SockSrvOpen(port, callback, idn); });
 }
 
 }  // extern "C"

@@ -24,6 +24,7 @@
 #include <new>
 
 #include "base/kwBase.h"
+#include "rec/kwRecImage.h"
 #include "sock/kwSockInt.h"
 
 namespace kwz::sock {
@@ -41,27 +42,19 @@ struct BuffRecvDsc {
 
 constexpr uint32_t kDirectMin = 16384;
 
-struct FlagScope {
-    SockItem* S;
-    uint32_t Bit;
-    FlagScope(SockItem* s, uint32_t bit) : S(s), Bit(bit) { S->Flags.fetch_or(Bit); }
-    ~FlagScope() { S->Flags.fetch_and(~Bit); }
-};
-
 // True when end of stream on fd was a reset rather than the peer's orderly
 // close.  A Linux socket keeps one pending error after a reset, and whichever
 // call comes first takes it: when the send thread's sendmsg did, recv sees
 // only the end of the stream.  The state tells them apart: the peer's close
-// leaves CLOSE_WAIT, a reset CLOSE.  Where this transport comes from, every
-// call after a reset fails with the reset code, so a reset is a failure here
-// too, whichever thread met it first.
+// leaves CLOSE_WAIT, a reset CLOSE.  Callers take a reset for a failure of
+// the connection (close event 3), whichever thread met it first.
 bool WasReset(int fd) {
     tcp_info info{};
     socklen_t len = sizeof info;
     return getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &len) == 0 && info.tcpi_state == TCP_CLOSE;
 }
 
-// Time-out branch of Recv_All: 0 to give up quietly, -1 to give up, 1 to wait on.
+// Time-out branch of RecvAll: 0 to give up quietly, -1 to give up, 1 to wait on.
 int RecvTimedOut(SockItem* s) {
     if (s->Closing()) return 0;
     if (!s->IsStream()) return -1;
@@ -70,14 +63,14 @@ int RecvTimedOut(SockItem* s) {
     const uint32_t since = SockMs() - s->RecvMs;
     if (since <= tmo) return 1;
     const PeerTexts t = PeerTextsOf(s);
-    LogMessageF(3, KWSOCK_TAG("Recv_All"),
-                "Expired the timeout for data reception (IDN=0x%X, TYPE=%u, IP=%s, NM=%s, TIMEOUT=%u, TIME=%u)", s->Idn,
-                s->Type, t.Addr, t.Name, tmo, since);
+    SockLogF(3, KWSOCK_TAG("Recv_All"),
+             "Expired the timeout for data reception (IDN=0x%X, TYPE=%u, IP=%s, NM=%s, TIMEOUT=%u, TIME=%u)",
+             s->OwnIdn(), s->OwnType(), t.Addr, t.Name, tmo, since);
     return s->Closing() ? 0 : -1;
 }
 
 // Reads exactly n bytes: 1 done, 0 end of stream or closing, negative failure.
-int Recv_All(SockItem* s, int fd, BuffRecvDsc& b, uint8_t* dst, uint32_t n) {
+int RecvAll(SockItem* s, int fd, BuffRecvDsc& b, uint8_t* dst, uint32_t n) {
     FlagScope busy(s, kFlagRecv);
     while (n > 0) {
         if (b.Pos < b.End) {
@@ -123,8 +116,8 @@ int Recv_All(SockItem* s, int fd, BuffRecvDsc& b, uint8_t* dst, uint32_t n) {
         const int err = r == 0 ? ECONNRESET : errno;
         const int fl = fcntl(fd, F_GETFL);
         const bool nonBlocking = fl != -1 && (fl & O_NONBLOCK);
-        // 10060 is the socket time-out where the protocol comes from; on Linux
-        // a blocking socket whose SO_RCVTIMEO elapses fails with EAGAIN.
+        // 10060 is the protocol's own time-out code; on Linux a blocking
+        // socket whose SO_RCVTIMEO elapses fails with EAGAIN.
         if (err == kErrTimedOut || (err == EAGAIN && !nonBlocking)) {
             const int verdict = RecvTimedOut(s);
             if (verdict <= 0) return verdict;
@@ -143,94 +136,108 @@ int Recv_All(SockItem* s, int fd, BuffRecvDsc& b, uint8_t* dst, uint32_t n) {
         }
         if (err != kErrInterrupted && LogEnabled(4)) {
             const PeerTexts t = PeerTextsOf(s);
-            LogMessageF(4, KWSOCK_TAG("Recv_Net"), "The error gap of the channel (IDN=0x%X, TYPE=%u, IP=%s, NM=%s, WSERR=%u)",
-                        s->Idn, s->Type, t.Addr, t.Name, static_cast<unsigned>(err));
+            SockLogF(4, KWSOCK_TAG("Recv_Net"), "The error gap of the channel (IDN=0x%X, TYPE=%u, IP=%s, NM=%s, WSERR=%u)",
+                     s->OwnIdn(), s->OwnType(), t.Addr, t.Name, static_cast<unsigned>(err));
         }
         return s->Closing() ? 0 : -1;
     }
     return 1;
 }
 
-void Deliver(SockItem* s, uint8_t* image, int16_t typeId, int16_t reserved) {
-    KWRData rec;
-    KWRRecInit(&rec);
-    KWRRecSet(&rec, image);  // adopts the block; L >= 6 was checked
-    // The prefix's two words come back sign-extended.
-    rec.typeId = static_cast<uint32_t>(static_cast<int32_t>(typeId));
-    rec.editSource = reinterpret_cast<KWRData*>(static_cast<intptr_t>(reserved));
-    if (SockEventFn event = s->StreamEvent()) {
-        s->Flags.fetch_or(kFlagEvent);
-        event(SOCK_EV_DATA, s->Idn, &rec);
-        s->Flags.fetch_and(~kFlagEvent);
+// A received record that owns its image; freed however the callback ends.
+class Received {
+public:
+    explicit Received(uint8_t* image) {
+        KWRRecInit(&rec_);
+        KWRRecSet(&rec_, image);  // adopts the block; L >= 6 was checked
     }
-    rec.editSource = nullptr;
-    KWRRecFree(&rec);
+    ~Received() {
+        rec_.editSource = nullptr;
+        KWRRecFree(&rec_);
+    }
+    Received(const Received&) = delete;
+    Received& operator=(const Received&) = delete;
+    KWRData* get() { return &rec_; }
+
+private:
+    KWRData rec_;
+};
+
+void Deliver(SockItem* s, uint8_t* image, int16_t typeId, int16_t reserved) {
+    Received rec(image);
+    // The prefix's two words come back sign-extended.
+    rec.get()->typeId = static_cast<uint32_t>(static_cast<int32_t>(typeId));
+    rec.get()->editSource = reinterpret_cast<KWRData*>(static_cast<intptr_t>(reserved));
+    if (SockEventFn event = s->StreamEvent()) {
+        FlagScope busy(s, kFlagEvent);
+        event(SOCK_EV_DATA, s->OwnIdn(), rec.get());
+    }
 }
 
 void Control(SockItem* s, int fd, uint8_t* image) {
-    KWRData rec;
-    KWRRecInit(&rec);
-    KWRRecSet(&rec, image);
+    Received rec(image);
     // Control records come from outside: check the image before reading it.
-    if (KWRRecCheck(&Mod().TestTyp2, &rec) == KWR_OK) {
-        HandleControl(s, fd, &rec);
-    } else if (LogEnabled(3)) {
-        LogMessageF(3, kTag, "Control record corrupt (idn=%d, type=%d, len=%u)", s->Idn, s->Type, rec.length);
+    if (KWRRecCheck(&Mod().TestTyp2, rec.get()) == KWR_OK) {
+        HandleControl(s, fd, rec.get());
+    } else {
+        SockLogF(3, kTag, "Control record corrupt (idn=%d, type=%d, len=%u)", s->OwnIdn(), s->OwnType(),
+                 rec.get()->length);
     }
-    KWRRecFree(&rec);
 }
 
 // The frame loop; returns when the slot closes or must close.
 void RecvLoop(SockItem* s, int fd, BuffRecvDsc& b) {
-    const int idn = static_cast<int>(s->Idn);
-    const int type = s->Type;
+    const int idn = static_cast<int>(s->OwnIdn());
+    const int type = s->OwnType();
     while (!s->Closing()) {
         uint8_t head[kFrameHead];
-        int r = Recv_All(s, fd, b, head, kFrameHead);
+        int r = RecvAll(s, fd, b, head, kFrameHead);
         if (r <= 0) {
-            if (LogEnabled(5)) LogMessageF(5, kTag, r == 0 ? "Sock close (idn=%d, type=%d)" : "Sock abort (idn=%d, type=%d)", idn, type);
-            CLEANUP_SET(s, r == 0 ? kReasonNone : kReasonAbort, true);
+            SockLogF(5, kTag, r == 0 ? "Sock close (idn=%d, type=%d)" : "Sock abort (idn=%d, type=%d)", idn, type);
+            CLEANUP_SET(s, r == 0 ? kReasonNone : kReasonAbort);
             return;
         }
         const auto typeId = Load<int16_t>(head);
         const auto reserved = Load<int16_t>(head + 2);
         const uint32_t len = LoadU32(head + kFramePrefix);
-        if (len < 6) {
-            LogMessageF(2, kTag, "Sock abort. Data corrupt (idn=%d, type=%d)", idn, type);
-            CLEANUP_SET(s, kReasonCorrupt, true);
+        if (len < rec::kImageHead) {
+            SockLogF(2, kTag, "Sock abort. Data corrupt (idn=%d, type=%d)", idn, type);
+            CLEANUP_SET(s, kReasonCorrupt);
             return;
         }
         const uint32_t limit = s->RecvLimit;
         if (limit != 0 && len > limit) {
-            LogMessageF(2, kTag, "Sock abort. Record too long (idn=%d, type=%d, len=%u, limit=%u)", idn, type, len,
-                        limit);
-            CLEANUP_SET(s, kReasonCorrupt, true);
+            SockLogF(2, kTag, "Sock abort. Record too long (idn=%d, type=%d, len=%u, limit=%u)", idn, type, len,
+                     limit);
+            CLEANUP_SET(s, kReasonCorrupt);
             return;
         }
         b.Large = len >= kDirectMin;
-        if (typeId == 0 && len < 7) {  // the keep-alive: nothing more to read
+        if (typeId == 0 && len == rec::kImageHead) {  // the keep-alive: nothing more to read
             s->RecvBytes += len + kFramePrefix;
             continue;
         }
         auto* image = static_cast<uint8_t*>(std::malloc(len));
         if (!image) {
-            LogMessageF(2, kTag, "SE_NOMEM (kwz_malloc len=%d)", static_cast<int>(len));
-            CLEANUP_SET(s, kReasonNoBuffer, true);
+            SockLogF(2, kTag, "SE_NOMEM (kwz_malloc len=%d)", static_cast<int>(len));
+            CLEANUP_SET(s, kReasonNoBuffer);
             return;
         }
-        std::memcpy(image, head + kFramePrefix, 6);
-        if (len >= 7) {
-            r = Recv_All(s, fd, b, image + 6, len - 6);
+        std::memcpy(image, head + kFramePrefix, rec::kImageHead);
+        if (len > rec::kImageHead) {
+            r = RecvAll(s, fd, b, image + rec::kImageHead, len - rec::kImageHead);
             if (r <= 0) {
                 std::free(image);
-                if (LogEnabled(5)) LogMessageF(5, kTag, r == 0 ? "Sock close (idn=%d, type=%d)" : "Sock abort (idn=%d, type=%d)", idn, type);
-                CLEANUP_SET(s, r == 0 ? kReasonNone : kReasonAbort, true);
+                SockLogF(5, kTag, r == 0 ? "Sock close (idn=%d, type=%d)" : "Sock abort (idn=%d, type=%d)", idn, type);
+                CLEANUP_SET(s, r == 0 ? kReasonNone : kReasonAbort);
                 return;
             }
         }
         s->RecvBytes += len + kFramePrefix;
+        // Type id 0 with the two fields of a control record is the
+        // transport's own; other type-0 records (the keep-alive) are dropped.
         if (typeId != 0) Deliver(s, image, typeId, reserved);
-        else if (head[9] == 2) Control(s, fd, image);
+        else if (head[kFramePrefix + rec::kImageCount] == 2) Control(s, fd, image);
         else std::free(image);
     }
 }
@@ -239,34 +246,26 @@ void RecvLoop(SockItem* s, int fd, BuffRecvDsc& b) {
 
 void SockRecvThread(SockItem* s) {
     pthread_setname_np(pthread_self(), "kwz-recv");  // shows in top -H, gdb, perf
-    const int fd = s->OwnedFd;  // set before the thread started
-    const int idn = static_cast<int>(s->Idn);
-    const int type = s->Type;
-    if (LogEnabled(5)) LogMessageF(5, kTag, "Start Thread (idn=%d, type=%d)", idn, type);
-    try {
-        BuffRecvDsc b;
-        b.Block.reset(new (std::nothrow) uint8_t[kRecvBlock]);
-        if (!b.Block) {
-            LogMessageF(2, kTag, "SE_NOMEM (kwz_malloc, len=%d)", static_cast<int>(kRecvBlock));
-            CLEANUP_SET(s, kReasonNoBuffer, true);
-        } else {
-            if (s->Type == SOCK_SRV) {
-                if (SockEventFn event = s->StreamEvent()) {
-                    s->Flags.fetch_or(kFlagEvent);
-                    event(SOCK_EV_ACCEPT, s->Idn, nullptr);
-                    s->Flags.fetch_and(~kFlagEvent);
-                }
+    const int fd = OwnedSocket(s);  // set before the thread started
+    const int idn = static_cast<int>(s->OwnIdn());
+    const int type = s->OwnType();
+    SockLogF(5, kTag, "Start Thread (idn=%d, type=%d)", idn, type);
+    BuffRecvDsc b;
+    b.Block.reset(new (std::nothrow) uint8_t[kRecvBlock]);
+    if (!b.Block) {
+        SockLogF(2, kTag, "SE_NOMEM (kwz_malloc, len=%d)", static_cast<int>(kRecvBlock));
+        CLEANUP_SET(s, kReasonNoBuffer);
+    } else {
+        if (type == SOCK_SRV) {
+            if (SockEventFn event = s->StreamEvent()) {
+                FlagScope busy(s, kFlagEvent);
+                event(SOCK_EV_ACCEPT, static_cast<uint32_t>(idn), nullptr);
             }
-            MarkRecv(s);
-            RecvLoop(s, fd, b);
         }
-    } catch (const std::exception& e) {
-        LogMessageF(1, kTag, "Catch (idn=%d, type=%d, %s)", idn, type, e.what());
-        CLEANUP_SET(s, kReasonAbort, true);
+        MarkRecv(s);
+        RecvLoop(s, fd, b);
     }
-    if (LogEnabled(5)) LogMessageF(5, kTag, "Stop Thread (idn=%d, type=%d)", idn, type);
-    CLEANUP_FIN(s);
-    --Mod().ThreadNum;
+    SockLogF(5, kTag, "Stop Thread (idn=%d, type=%d)", idn, type);
 }
 
 }  // namespace kwz::sock

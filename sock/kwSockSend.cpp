@@ -16,6 +16,7 @@
 // loopback: one gathering call per batch beats sending the batch in 4096-byte
 // pieces, for 64-byte records and for 64 KB ones.)
 #include <pthread.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -28,6 +29,7 @@
 #include <stdexcept>
 
 #include "base/kwBase.h"
+#include "base/kwGuard.h"
 #include "sock/kwSockInt.h"
 
 namespace kwz::sock {
@@ -75,7 +77,7 @@ bool Corrupt(const KWRData* rec) { return !rec || rec->guard != 0 || rec->typeId
 // Takes the next batch from the head of the queue (ModCrit held).  A time
 // request or answer is stamped as it is taken, and only as a batch's first
 // record, so that the stamp is as close to the wire as possible.
-void TakeBatch(SockItem* s, Batch& b, uint32_t maxRecords) {
+void TakeBatch(SockItem* s, Batch& b, uint32_t maxRecords) REQUIRES(ModCrit) {
     b.Count = b.Bytes = 0;
     // The records were written by other threads: start loading all of them
     // before the dependent reads below (and their images as soon as known).
@@ -87,14 +89,14 @@ void TakeBatch(SockItem* s, Batch& b, uint32_t maxRecords) {
         if (Corrupt(rec)) {
             // The corrupt node stays queued; CLEANUP_FIN skips it.
             if (b.Count == 0 || !rec) {
-                LogMessage(1, kTag, "REC DATA CORRUPT INP");
+                SockLog(1, kTag, "REC DATA CORRUPT INP");
             } else {
-                LogMessageF(1, kTag,
+                SockLogF(1, kTag,
                             "REC DATA CORRUPT NEXT Rec->TypId==%d Rec->FldNum==%d Rec->DataLen==%d Rec->Reserv==%d",
                             static_cast<int>(rec->typeId), rec->fieldCount, static_cast<int>(rec->length),
                             static_cast<int>(reinterpret_cast<intptr_t>(rec->editSource)));
             }
-            throw std::runtime_error("SockSendThread RE_DATACORRUPT_INP");
+            throw DataCorrupt("SockSendThread RE_DATACORRUPT_INP");
         }
         __builtin_prefetch(rec->image);
         if (s->Type != SOCK_NODE) {
@@ -103,11 +105,7 @@ void TakeBatch(SockItem* s, Batch& b, uint32_t maxRecords) {
                 StampTimeControl(s, rec, ctl);
             }
         }
-        s->Head = node->Next;
-        if (!s->Head) s->Tail = nullptr;
-        node->Next = nullptr;
-        --s->BufNum;
-        s->BufSize -= rec->length;
+        SockBufTake(s);
         uint8_t* prefix = b.Prefix[b.Count];
         Store<int16_t>(prefix, static_cast<int16_t>(rec->typeId));
         Store<int16_t>(prefix + 2, static_cast<int16_t>(reinterpret_cast<uintptr_t>(rec->editSource)));
@@ -121,27 +119,29 @@ void TakeBatch(SockItem* s, Batch& b, uint32_t maxRecords) {
 
 // Puts a batch back at the head (ModCrit held), when the thread must stop
 // before it could send it; CLEANUP_FIN then hands it back with -6.
-void ReturnBatch(SockItem* s, Batch& b) {
+void ReturnBatch(SockItem* s, Batch& b) REQUIRES(ModCrit) {
     for (uint32_t i = b.Count; i-- > 0;) {
         if (!b.Nodes[i]) continue;  // already handed to its callback
-        b.Nodes[i]->Next = s->Head;
-        s->Head = b.Nodes[i];
-        if (!s->Tail) s->Tail = b.Nodes[i];
-        ++s->BufNum;
-        s->BufSize += b.Nodes[i]->Rec->length;
+        SockBufReturn(s, b.Nodes[i]);
+        b.Nodes[i] = nullptr;
     }
     b.Count = 0;
 }
 
-// Sends the batch's pieces in order.  A time-out of the socket's send
-// time-out is repeated (10060 where the protocol comes from; a blocking Linux
-// socket reports EAGAIN when SO_SNDTIMEO elapses).  A send that returns 0 or
-// fails while the slot is closing stops quietly; any other failure closes the
-// slot with reason -7.  Every send uses MSG_NOSIGNAL: a peer that goes away
-// never raises SIGPIPE in the host process.
-bool Send_Net(SockItem* s, int fd, Batch& b) {
+// Sends the batch's pieces in order.  Every send uses MSG_NOSIGNAL: a peer
+// that goes away never raises SIGPIPE in the host process.  A send that
+// makes no progress is retried a bounded number of times: a blocking socket
+// reports the elapse of its send time-out (SO_SNDTIMEO) as EAGAIN (10060 is
+// the protocol's own time-out code, compared too), and after
+// kSendStallTimeouts of them in a row, or that long without progress through
+// interrupted calls, or kSendRetries retries, the peer is taken as gone and
+// the slot closes with reason -7.  A send that returns 0 or fails while the
+// slot is closing stops quietly.
+bool SendBatch(SockItem* s, int fd, Batch& b) {
     size_t left = Compact(b);
     iovec* piece = b.Out;
+    uint32_t timeouts = 0, retries = 0;
+    uint32_t lastProgress = SockMs();
     while (left > 0) {
         msghdr msg{};
         msg.msg_iov = piece;
@@ -158,21 +158,32 @@ bool Send_Net(SockItem* s, int fd, Batch& b) {
                 piece->iov_base = static_cast<uint8_t*>(piece->iov_base) + sent;
                 piece->iov_len -= sent;
             }
+            timeouts = retries = 0;
+            lastProgress = SockMs();
             continue;
         }
         if (r == 0 || s->Closing()) return false;
         const int err = errno;
-        if (err == EINTR || err == kErrTimedOut) continue;
-        if (err == EAGAIN) {
-            pollfd p{fd, POLLOUT, 0};
-            poll(&p, 1, 100);  // a non-blocking socket would spin otherwise
-            continue;
+        const uint32_t stall = s->SendStall;
+        bool retry = false;
+        if (err == EAGAIN || err == kErrTimedOut) {
+            const int fl = fcntl(fd, F_GETFL);
+            if (fl != -1 && (fl & O_NONBLOCK)) {
+                // A socket made non-blocking behind our back: wait as long as
+                // a blocking one would have.
+                pollfd p{fd, POLLOUT, 0};
+                poll(&p, 1, static_cast<int>(stall ? stall : kSockSendTimeout));
+            }
+            retry = ++timeouts < kSendStallTimeouts;
+        } else if (err == EINTR) {
+            retry = stall == 0 || SockMs() - lastProgress < kSendStallTimeouts * stall;
         }
+        if (retry && ++retries <= kSendRetries) continue;
         const PeerTexts t = PeerTextsOf(s);
-        LogMessageF(2, KWSOCK_TAG("Send_Net"),
-                    "send tcp/ip data ERR=%d BUFSIZE=%u (IDN=0x%X, TYPE=%u, IP=%s, NM=%s, TIMEOUT=%u)", err, b.Bytes,
-                    s->Idn, s->Type, t.Addr, t.Name, s->RecvTimeout.load());
-        CLEANUP_SET(s, kReasonSendFail, true);
+        SockLogF(2, KWSOCK_TAG("Send_Net"),
+                 "send tcp/ip data ERR=%d BUFSIZE=%u (IDN=0x%X, TYPE=%u, IP=%s, NM=%s, TIMEOUT=%u)", err, b.Bytes,
+                 s->OwnIdn(), s->OwnType(), t.Addr, t.Name, s->RecvTimeout.load());
+        CLEANUP_SET(s, kReasonSendFail);
         return false;
     }
     return true;
@@ -181,33 +192,36 @@ bool Send_Net(SockItem* s, int fd, Batch& b) {
 [[noreturn]] void WalkError(SockItem* s, const Batch& b, uint32_t n, int walk) {
     uint32_t bufNum = 0, bufSize = 0;
     {
-        std::lock_guard<std::mutex> lock(Mod().ModCrit);
+        MutexLock lock(ModCrit);
         bufNum = s->BufNum;
-        bufSize = s->BufSize;
+        bufSize = static_cast<uint32_t>(s->BufSize);
     }
-    LogMessageF(1, kTag, "BUFF%d ITEM Type=%d Port=%d BufNum=%d BufSize=%d BufNum_=%d BufSize_=%d", walk, s->Type,
+    SockLogF(1, kTag, "BUFF%d ITEM Type=%d Port=%d BufNum=%d BufSize=%d BufNum_=%d BufSize_=%d", walk, s->OwnType(),
                 static_cast<int>(s->Port), static_cast<int>(bufNum), static_cast<int>(bufSize),
                 static_cast<int>(b.Count), static_cast<int>(b.Bytes));
     const SockBuf* node = b.Nodes[n];
     const SockBuf* next = n + 1 < b.Count ? b.Nodes[n + 1] : nullptr;
     if (node->Rec) {
-        LogMessageF(1, kTag, "BUFF%d ERROR n=%d Rec=%p Rec->TypId=%d Rec->Reserv=%d next=%p", walk,
+        SockLogF(1, kTag, "BUFF%d ERROR n=%d Rec=%p Rec->TypId=%d Rec->Reserv=%d next=%p", walk,
                     static_cast<int>(n), static_cast<void*>(node->Rec), static_cast<int>(node->Rec->typeId),
                     static_cast<int>(reinterpret_cast<intptr_t>(node->Rec->editSource)),
                     static_cast<const void*>(next));
     } else {
-        LogMessageF(1, kTag, "BUFF%d ERROR n=%d Buf->Rec=nullptr next=%p", walk, static_cast<int>(n),
+        SockLogF(1, kTag, "BUFF%d ERROR n=%d Buf->Rec=nullptr next=%p", walk, static_cast<int>(n),
                     static_cast<const void*>(next));
     }
-    throw std::runtime_error(walk == 1 ? "SockSendThread RE_BUFFCORRUPT1" : "SockSendThread RE_DATACORRUPT2");
+    throw DataCorrupt(walk == 1 ? "SockSendThread RE_BUFFCORRUPT1" : "SockSendThread RE_DATACORRUPT2");
 }
 
 // Hands every record of the batch to its completion callback, in order, and
-// frees the nodes.  Runs on this thread without locks.
+// frees the nodes.  Runs on this thread without locks.  A callback that
+// throws does not cost the others their call: every record gets its result,
+// then the first exception goes on to close the slot.
 void Complete(SockItem* s, Batch& b, int32_t result) {
     for (uint32_t i = 0; i < b.Count; ++i)
         if (Corrupt(b.Nodes[i]->Rec)) WalkError(s, b, i, 1);
-    const uint32_t idn = s->Idn;
+    const uint32_t idn = s->OwnIdn();
+    std::exception_ptr failed;
     for (uint32_t i = 0; i < b.Count; ++i) {
         SockBuf* node = b.Nodes[i];
         if (Corrupt(node->Rec)) WalkError(s, b, i, 2);
@@ -216,13 +230,16 @@ void Complete(SockItem* s, Batch& b, int32_t result) {
         b.Nodes[i] = nullptr;
         node->Next = b.Spent;
         b.Spent = node;
-        if (callback) {
-            s->Flags.fetch_or(kFlagComplete);
+        if (!callback) continue;
+        try {
+            FlagScope busy(s, kFlagComplete);
             callback(result, idn, rec);
-            s->Flags.fetch_and(~kFlagComplete);
+        } catch (...) {
+            if (!failed) failed = std::current_exception();
         }
     }
     b.Count = 0;
+    if (failed) std::rethrow_exception(failed);
 }
 
 // Queues the keep-alive record when the connection has sent nothing for
@@ -233,27 +250,41 @@ void KeepAlive(SockItem* s, uint32_t waited, uint32_t waitStart) {
     if (SockMs() - s->SendMs < tmo) return;
     const uint32_t start = SockMs();
     {
-        std::lock_guard<std::mutex> lock(Mod().ModCrit);
+        MutexLock lock(ModCrit);
         if (s->Head == nullptr) SockBufAdd(s, &Mod().KeepAlive, nullptr, 0);
     }
     const uint32_t end = SockMs();
     const uint32_t delay = end - start;
     if (delay < tmo) return;
     const PeerTexts t = PeerTextsOf(s);
-    LogMessageF(3, kTag, "Delay when setting a data to the queue (IDN=0x%X, TYPE=%u, IP=%s, NM=%s, DLT=%u)", s->Idn,
-                s->Type, t.Addr, t.Name, delay);
+    SockLogF(3, kTag, "Delay when setting a data to the queue (IDN=0x%X, TYPE=%u, IP=%s, NM=%s, DLT=%u)",
+             s->OwnIdn(), s->OwnType(), t.Addr, t.Name, delay);
     const uint32_t sendTick = s->SendMs;
     if (end - sendTick >= 4 * tmo) {
-        LogMessageF(3, kTag,
-                    "Timeout exceeded on transmission (IDN=0x%X, TYPE=%u, IP=%s, NM=%s, TMO1=%u, TMO2=%u, TM1=%u, "
-                    "TM2=%u, TM3=%u, DT=%u)",
-                    s->Idn, s->Type, t.Addr, t.Name, waited, 4 * tmo, start - sendTick, delay, start - waitStart, 0u);
+        // DT: how long the connection has now sent nothing.
+        SockLogF(3, kTag,
+                 "Timeout exceeded on transmission (IDN=0x%X, TYPE=%u, IP=%s, NM=%s, TMO1=%u, TMO2=%u, TM1=%u, "
+                 "TM2=%u, TM3=%u, DT=%u)",
+                 s->OwnIdn(), s->OwnType(), t.Addr, t.Name, waited, 4 * tmo, start - sendTick, delay,
+                 start - waitStart, SockMs() - sendTick);
     }
 }
 
+// Waits on the slot's send condition for up to ms, or until an enqueue or a
+// close wakes the thread.
+void WaitForWork(SockItem* s, uint32_t ms) {
+    MutexLock held(s->SendLock);
+    std::unique_lock<std::mutex> lock(s->SendLock.native(), std::adopt_lock);
+    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    while (!s->SendWake && s->SendCond.wait_until(lock, until) != std::cv_status::timeout) {
+    }
+    s->SendWake = false;
+    lock.release();  // MutexLock unlocks
+}
+
 void SendLoop(SockItem* s, int fd) {
-    Module& m = Mod();
     Batch b;
+    const bool node = s->OwnType() == SOCK_NODE;
     try {
         for (;;) {
             // A closing slot's socket is shut down: nothing queued can leave
@@ -262,48 +293,45 @@ void SendLoop(SockItem* s, int fd) {
             if (s->Closing()) break;
             bool idle = false;
             {
-                std::lock_guard<std::mutex> lock(m.ModCrit);
+                MutexLock lock(ModCrit);
                 RecycleBufs(b.Spent);
                 b.Spent = nullptr;
-                TakeBatch(s, b, s->Type == SOCK_NODE ? 1 : kBatchRecords);
+                TakeBatch(s, b, node ? 1 : kBatchRecords);
                 // Taking the last record makes the thread idle: enqueues
                 // from now on wake it (see WakeSender).
                 idle = s->Head == nullptr;
                 if (idle) s->SendIdle = true;
             }
             if (b.Count > 0) {
-                s->Flags.fetch_or(kFlagSend);
                 int32_t result = 0;
-                if (s->Type == SOCK_NODE) {
-                    result = SendNode_Net(s, b.Nodes[0]->Rec);
-                } else if (Send_Net(s, fd, b)) {
-                    MarkSend(s);
-                    s->SendBytes += b.Bytes;
-                } else {
-                    result = SOCK_EV_NOSEND;
+                {
+                    FlagScope busy(s, kFlagSend);
+                    if (node) {
+                        result = SendDatagram(s, b.Nodes[0]->Rec);
+                    } else if (SendBatch(s, fd, b)) {
+                        MarkSend(s);
+                        s->SendBytes += b.Bytes;
+                    } else {
+                        result = SOCK_EV_NOSEND;
+                    }
                 }
-                s->Flags.fetch_and(~kFlagSend);
                 Complete(s, b, result);
             }
             if (!idle) continue;
             const uint32_t waited = s->SendTimeout ? s->SendTimeout.load() : kIdleWait;
             const uint32_t waitStart = SockMs();
-            {
-                std::unique_lock<std::mutex> lock(s->SendLock);
-                s->SendCond.wait_for(lock, std::chrono::milliseconds(waited), [s] { return s->SendWake; });
-                s->SendWake = false;
-            }
+            WaitForWork(s, waited);
             s->SendIdle = false;
             if (s->Closing()) break;
             KeepAlive(s, waited, waitStart);
         }
-    } catch (const std::exception& e) {
-        LogMessageF(1, kTag, "Catch (%s)", e.what());
-        std::lock_guard<std::mutex> lock(m.ModCrit);
+    } catch (...) {
+        SockLogF(1, kTag, "Catch (%s)", CaughtText());
+        MutexLock lock(ModCrit);
         if (b.Count > 0) ReturnBatch(s, b);
-        CLEANUP_SET(s, kReasonCorrupt, false);
+        CLEANUP_SET_Locked(s, kReasonCorrupt);
     }
-    std::lock_guard<std::mutex> lock(m.ModCrit);
+    MutexLock lock(ModCrit);
     RecycleBufs(b.Spent);
 }
 
@@ -311,15 +339,13 @@ void SendLoop(SockItem* s, int fd) {
 
 void SockSendThread(SockItem* s) {
     pthread_setname_np(pthread_self(), "kwz-send");  // shows in top -H, gdb, perf
-    const int fd = s->OwnedFd;  // set before the thread started
-    const uint32_t idn = s->Idn;
-    const int type = s->Type;
-    if (LogEnabled(5)) LogMessageF(5, kTag, "Start Thread (idn=%d, type=%d)", idn, type);
+    const int fd = OwnedSocket(s);  // set before the thread started
+    const uint32_t idn = s->OwnIdn();
+    const int type = s->OwnType();
+    SockLogF(5, kTag, "Start Thread (idn=%d, type=%d)", idn, type);
     MarkSend(s);
     SendLoop(s, fd);
-    if (LogEnabled(5)) LogMessageF(5, kTag, "Stop Thread (idn=%d, type=%d)", idn, type);
-    CLEANUP_FIN(s);
-    --Mod().ThreadNum;
+    SockLogF(5, kTag, "Stop Thread (idn=%d, type=%d)", idn, type);
 }
 
 }  // namespace kwz::sock

@@ -4,6 +4,7 @@
 // override the zone values this side sends in its own answers.  The exchange
 // itself is in kwSockCtl.cpp.
 #include "base/kwBase.h"
+#include "base/kwGuard.h"
 #include "sock/kwSockInt.h"
 
 using namespace kwz;
@@ -11,11 +12,11 @@ using namespace kwz::sock;
 
 namespace {
 
-// The stream slot named by idn, or null after logging (ModCrit held).
-SockItem* TimeSlot(uint32_t idn, const char* tag) {
+// The stream slot named by idn, or null after logging.
+SockItem* TimeSlot(uint32_t idn, const char* tag) REQUIRES(ModCrit) {
     SockItem* s = FindSlotLogged(idn, true, tag, true, true);
     if (!s) return nullptr;
-    if (LogEnabled(5)) LogMessageF(5, tag, "Execute (idn=%d)", static_cast<int>(idn));
+    SockLogF(5, tag, "Execute (idn=%d)", static_cast<int>(idn));
     return s;
 }
 
@@ -24,13 +25,9 @@ void Put(T* out, T value) {
     if (out) *out = value;
 }
 
-}  // namespace
-
-extern "C" {
-
-KWZ_API int32_t KWSockTimeSynchro(uint32_t idn) {
+int32_t SockTimeSynchro(uint32_t idn) {
     static const char* const tag = KWSOCK_TAG("KWSockTimeSynchro");
-    std::lock_guard<std::mutex> lock(Mod().ModCrit);
+    MutexLock lock(ModCrit);
     SockItem* s = TimeSlot(idn, tag);
     if (!s) return 0;
     // Four Data bytes, stamped with the tick by the sending thread.
@@ -41,51 +38,75 @@ KWZ_API int32_t KWSockTimeSynchro(uint32_t idn) {
     return 0;
 }
 
-KWZ_API int32_t KWSockTimeDlt(uint32_t idn, uint32_t* seconds, uint32_t* millis) {
+int32_t SockTimeDlt(uint32_t idn, uint32_t* seconds, uint32_t* millis) {
     Put<uint32_t>(seconds, 0);
     Put<uint32_t>(millis, 0);
-    std::lock_guard<std::mutex> lock(Mod().ModCrit);
+    MutexLock lock(ModCrit);
     SockItem* s = TimeSlot(idn, KWSOCK_TAG("KWSockTimeDlt"));
     if (!s || !s->Time.Synced) return 0;
-    Put(seconds, static_cast<uint32_t>(s->Time.DltSec.load()));
-    Put(millis, static_cast<uint32_t>(s->Time.DltMs.load()));
+    Put(seconds, static_cast<uint32_t>(s->Time.DltSec));
+    Put(millis, static_cast<uint32_t>(s->Time.DltMs));
     return 1;
 }
 
-KWZ_API int32_t KWSockTimeZone(uint32_t idn, uint32_t* zone1, uint32_t* zone2) {
+int32_t SockTimeZone(uint32_t idn, uint32_t* zone1, uint32_t* zone2) {
     Put<uint32_t>(zone1, 0);
     Put<uint32_t>(zone2, 0);
-    std::lock_guard<std::mutex> lock(Mod().ModCrit);
+    MutexLock lock(ModCrit);
     SockItem* s = TimeSlot(idn, KWSOCK_TAG("KWSockTimeZone"));
     if (!s || !s->Time.Synced) return 0;
     const bool set = s->Time.SetZone1 != -1;
-    Put(zone1, static_cast<uint32_t>(set ? s->Time.SetZone1.load() : s->Time.Zone1.load()));
-    Put(zone2, static_cast<uint32_t>(set ? s->Time.SetZone2.load() : s->Time.Zone2.load()));
+    Put(zone1, static_cast<uint32_t>(set ? s->Time.SetZone1 : s->Time.Zone1));
+    Put(zone2, static_cast<uint32_t>(set ? s->Time.SetZone2 : s->Time.Zone2));
     return 1;
 }
 
-KWZ_API int32_t KWSockTimeDltAbo(uint32_t idn, uint32_t* seconds, uint32_t* millis, uint32_t* zone) {
+int32_t SockTimeDltAbo(uint32_t idn, uint32_t* seconds, uint32_t* millis, uint32_t* zone) {
     Put<uint32_t>(seconds, 0);
     Put<uint32_t>(millis, 0);
     Put<uint32_t>(zone, 0);
-    std::lock_guard<std::mutex> lock(Mod().ModCrit);
+    MutexLock lock(ModCrit);
     SockItem* s = TimeSlot(idn, KWSOCK_TAG("KWSockTimeDltAbo"));
     if (!s || !s->Time.Synced) return 0;
-    Put(seconds, static_cast<uint32_t>(s->Time.DltSec.load()));
-    Put(millis, static_cast<uint32_t>(s->Time.DltMs.load()));
+    Put(seconds, static_cast<uint32_t>(s->Time.DltSec));
+    Put(millis, static_cast<uint32_t>(s->Time.DltMs));
     const int32_t set = s->Time.SetZone1;
-    Put(zone, static_cast<uint32_t>(set != -1 ? set : s->Time.Zone1.load()));
+    Put(zone, static_cast<uint32_t>(set != -1 ? set : s->Time.Zone1));
     return 1;
 }
 
 // zone1 = -1 removes the override.
-KWZ_API int32_t KWSockTimeZoneSet(uint32_t idn, int32_t zone1, int32_t zone2) {
-    std::lock_guard<std::mutex> lock(Mod().ModCrit);
+int32_t SockTimeZoneSet(uint32_t idn, int32_t zone1, int32_t zone2) {
+    MutexLock lock(ModCrit);
     SockItem* s = TimeSlot(idn, KWSOCK_TAG("KWSockTimeZoneSet"));
     if (!s) return 0;
     s->Time.SetZone2 = zone2;
     s->Time.SetZone1 = zone1;
     return 1;
+}
+
+}  // namespace
+
+extern "C" {
+
+KWZ_API int32_t KWSockTimeSynchro(uint32_t idn) {
+    return CEdge(KWSOCK_TAG("KWSockTimeSynchro"), 0, 0, [&] { return SockTimeSynchro(idn); });
+}
+
+KWZ_API int32_t KWSockTimeDlt(uint32_t idn, uint32_t* seconds, uint32_t* millis) {
+    return CEdge(KWSOCK_TAG("KWSockTimeDlt"), 0, 0, [&] { return SockTimeDlt(idn, seconds, millis); });
+}
+
+KWZ_API int32_t KWSockTimeZone(uint32_t idn, uint32_t* zone1, uint32_t* zone2) {
+    return CEdge(KWSOCK_TAG("KWSockTimeZone"), 0, 0, [&] { return SockTimeZone(idn, zone1, zone2); });
+}
+
+KWZ_API int32_t KWSockTimeDltAbo(uint32_t idn, uint32_t* seconds, uint32_t* millis, uint32_t* zone) {
+    return CEdge(KWSOCK_TAG("KWSockTimeDltAbo"), 0, 0, [&] { return SockTimeDltAbo(idn, seconds, millis, zone); });
+}
+
+KWZ_API int32_t KWSockTimeZoneSet(uint32_t idn, int32_t zone1, int32_t zone2) {
+    return CEdge(KWSOCK_TAG("KWSockTimeZoneSet"), 0, 0, [&] { return SockTimeZoneSet(idn, zone1, zone2); });
 }
 
 }  // extern "C"

@@ -22,28 +22,32 @@ protected:
     }
     bool Synced(uint32_t idn) { return WaitUntil([&] { return SyncDifference(idn).first == 1; }); }
     // The round trip is measured with GetTickCount, which moves in steps of
-    // 4,000 (4 ms of the coarse clock) and jumps back at every second: a sync
-    // whose round trip crosses a step is 2 s off, one across a second wildly
-    // off.  Of a few syncs one is clean, and that one must come out small.
-    // Each sync is told apart from the one before by a zone value that the
-    // peer is made to send; with `held`, the request waits 300 ms in the
-    // requester's queue.
+    // 4,000 (4 ms or more of the coarse clock) and jumps back at every
+    // second: a sync whose round trip crosses a step is 2 s off, one across a
+    // second wildly off.  Each sync starts just after a step (AtTickStep) and
+    // is told apart from the one before by a zone value that the peer is
+    // made to send; the smallest difference of a few syncs must come out
+    // small.  With `held`, the request waits 300 ms in the requester's queue.
     int64_t CleanDifference(uint32_t idn, uint32_t peer, bool held = false) {
-        int64_t best = INT64_MAX;
         MsgType msg;
-        for (int32_t tag = 1; tag <= 8 && std::llabs(best) > 50; ++tag) {
-            EXPECT_EQ(KWSockTimeZoneSet(peer, tag, 0), 1);
-            GateOpen() = false;
-            if (held && !HoldSender(idn, msg)) break;
-            if (KWSockTimeSynchro(idn) != 1) break;
-            if (held) {
-                std::this_thread::sleep_for(300ms);
-                GateOpen() = true;
-            }
-            if (!WaitUntil([&] { return SyncZone(idn).first == tag; })) break;
-            const int64_t d = SyncDifference(idn).second;
-            if (std::llabs(d) < std::llabs(best)) best = d;
-        }
+        const int64_t best = SmallestError(
+            [&](int i, int64_t* error) {
+                const int32_t tag = i + 1;
+                EXPECT_EQ(KWSockTimeZoneSet(peer, tag, 0), 1);
+                GateOpen() = false;
+                if (held && !HoldSender(idn, msg)) return false;
+                if (!held) AtTickStep();
+                if (KWSockTimeSynchro(idn) != 1) return false;
+                if (held) {
+                    std::this_thread::sleep_for(300ms);
+                    AtTickStep();
+                    GateOpen() = true;
+                }
+                if (!WaitUntil([&] { return SyncZone(idn).first == tag; })) return false;
+                *error = SyncDifference(idn).second;
+                return true;
+            },
+            50);
         EXPECT_EQ(KWSockTimeZoneSet(peer, -1, 0), 1);
         return best;
     }
