@@ -5,6 +5,8 @@
 
 #include <cstring>
 
+#include "base/kwTime.h"
+
 #include "base/kwBase.h"
 
 namespace {
@@ -29,13 +31,9 @@ void CopyZoneName(char (&out)[N], const char* name) {
 
 }  // namespace
 
-extern "C" {
-
-KWZ_API int64_t CTimeNow(void) { return CoarseNow().tv_sec; }
-
 // Reads the zone globals as they are, without tzset: a caller that changes TZ
 // calls CTimeZoneGet (or any local conversion) first.
-KWZ_API void CTimeUTC(KWTimeStamp* stamp) {
+void kwz::TimeUTC(KWTimeStamp* stamp) {
     if (!stamp) return;
     const timespec ts = CoarseNow();
     stamp->seconds = ts.tv_sec;
@@ -43,6 +41,12 @@ KWZ_API void CTimeUTC(KWTimeStamp* stamp) {
     stamp->zoneMinutes = static_cast<int16_t>(ZoneMinutesWest());
     stamp->daylight = static_cast<int16_t>(daylight);
 }
+
+extern "C" {
+
+KWZ_API int64_t CTimeNow(void) { return CoarseNow().tv_sec; }
+
+KWZ_API void CTimeUTC(KWTimeStamp* stamp) { kwz::TimeUTC(stamp); }
 
 // localtime_r does not reread TZ the way localtime does, so tzset comes first
 // to give the same result.  1 on success; 0 for a null output or a time that

@@ -49,6 +49,17 @@ uint32_t SetUser(const KWRField* field, KWRData* record, uint8_t on);
 uint32_t ReadScalar(const KWRField* field, const KWRData* record, uint8_t to, void* dst);
 // Writes the scalar of type `from` (1..8) at src; the setters' core.
 uint32_t WriteScalar(const KWRField* field, KWRData* record, uint8_t from, const void* src);
+
+// The 32-bit accessors, as KWRGetAsInt32 / KWRSetAsInt32 do them.
+inline uint32_t ReadInt32(const KWRField* field, const KWRData* record, int32_t* out) {
+    int32_t value = 0;
+    const uint32_t rc = ReadScalar(field, record, iFldType_Int32, &value);
+    if (out) *out = value;
+    return rc;
+}
+inline uint32_t WriteInt32(const KWRField* field, KWRData* record, int32_t value) {
+    return WriteScalar(field, record, iFldType_Int32, &value);
+}
 uint32_t GetAsText(const KWRField* field, const KWRData* record, int32_t start, int32_t size, char* buffer);
 uint32_t SetAsText(const KWRField* field, KWRData* record, int32_t length, const void* text);
 uint32_t GetTextRef(const KWRField* field, const KWRData* record, uint32_t* length, const char** text);

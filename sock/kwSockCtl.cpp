@@ -41,7 +41,7 @@ bool QueueOwn(SockItem* s, KWRData* rec, KWRData* SockItem::*slot = nullptr) EXC
         if (slot) s->*slot = rec;
         return true;
     }
-    KWRRecRelease(rec);
+    kwz::rec::RecRelease(rec);
     return false;
 }
 
@@ -119,7 +119,7 @@ void TimeRequest(SockItem* s, const char* data) {
 void TimeAnswer(SockItem* s, const char* data) {
     SockLogF(5, KWSOCK_TAG("_TimeAnswer"), "Execute (idn=%d, type=%d)", s->OwnIdn(), s->OwnType());
     KWTimeStamp now{};
-    CTimeUTC(&now);
+    kwz::TimeUTC(&now);
     const auto remoteSec = Load<int64_t>(data + 8);
     const auto remoteMs = Load<uint16_t>(data + 16);
     // Wrapping arithmetic: an absurd answer from a peer gives an absurd but
@@ -172,10 +172,10 @@ void ApplySendTimeout(SockItem* s, int fd, uint32_t ms) {
 void HandleControl(SockItem* s, int fd, const KWRData* rec) {
     const KWRType& t = Mod().TestTyp2;
     int32_t type = 0;
-    if (KWRGetAsInt32(&t.fields[0], rec, &type) != KWR_OK) return;
+    if (kwz::rec::ReadInt32(&t.fields[0], rec, &type) != KWR_OK) return;
     uint32_t len = 0;
     const char* data = nullptr;
-    if (KWRGetTextRef(&t.fields[1], rec, &len, &data) != KWR_OK || !data) len = 0;
+    if (kwz::rec::GetTextRef(&t.fields[1], rec, &len, &data) != KWR_OK || !data) len = 0;
     switch (type) {
         case 1:
             if (len > 0) SetPeerHostName(s, data, len);  // an empty name changes nothing
@@ -215,7 +215,7 @@ void StampTimeControl(SockItem* s, KWRData* rec, int32_t type) {
         return;
     }
     KWTimeStamp now{};
-    CTimeUTC(&now);
+    kwz::TimeUTC(&now);
     int32_t zone1 = now.zoneMinutes;
     int32_t zone2 = now.daylight;
     if (s->Time.SetZone1 != -1) {
@@ -256,7 +256,7 @@ int32_t SockSetRecvTimeout(uint32_t idn, uint32_t ms) EXCLUDES(ModCrit) {
     KWRData* rec = MakeControl(3, &t, sizeof t, tag);
     if (!rec) return 0;
     if (SockBufAdd(s, rec, ReleaseRecord, kPrioTop)) return 1;
-    KWRRecRelease(rec);
+    kwz::rec::RecRelease(rec);
     return 0;
 }
 
@@ -279,7 +279,7 @@ int32_t SockSetSendTimeout(uint32_t idn, uint32_t ms) EXCLUDES(ModCrit) {
     s->SendTimeout = value;
     ApplySendTimeout(s, s->Socket, value);
     if (SockBufAdd(s, rec, ReleaseRecord, kPrioTop)) return 1;
-    KWRRecRelease(rec);
+    kwz::rec::RecRelease(rec);
     return 0;
 }
 

@@ -32,6 +32,8 @@
 #include <vector>
 
 #include "base/kwLog.h"
+#include "base/kwTime.h"
+#include "rec/kwRecCore.h"
 #include "sock/kwSockLock.h"
 
 namespace kwz::sock {
@@ -234,8 +236,8 @@ inline void* FnPtr(SockNodeEventFn f) { return reinterpret_cast<void*>(f); }
 // RecvMs/SendMs, the low 32 bits of the steady clock's milliseconds, taken at
 // the same moments.  The time synchronisation measures its round trip with
 // the tick itself, as peers expect.
-inline uint32_t SockTick() { return GetTickCount(); }
-inline uint32_t SockMs() { return static_cast<uint32_t>(CTimeTick64()); }
+inline uint32_t SockTick() { return static_cast<uint32_t>(kwz::CoarseTicks()); }
+inline uint32_t SockMs() { return static_cast<uint32_t>(kwz::SteadyMs()); }
 inline void MarkRecv(SockItem* s) {
     s->RecvMs = SockMs();
     s->RecvTick = SockTick();

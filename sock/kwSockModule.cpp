@@ -49,10 +49,10 @@ void ReleaseAll(Module& m) REQUIRES(ModCrit) {
     m.SockArr.clear();
     m.SockNum = 0;
     FreeBufPool();
-    if (m.KeepAlive.image) KWRRecFree(&m.KeepAlive);
-    if (m.HostRec.image) KWRRecFree(&m.HostRec);
-    KWRTypFree(&m.TestTyp2);
-    KWRTypFree(&m.NodeTyp);
+    if (m.KeepAlive.image) kwz::rec::RecFree(&m.KeepAlive);
+    if (m.HostRec.image) kwz::rec::RecFree(&m.HostRec);
+    kwz::rec::TypFree(&m.TestTyp2);
+    kwz::rec::TypFree(&m.NodeTyp);
 }
 
 // The keep-alive record: type id 0 and no fields.  An empty type has data
@@ -60,24 +60,24 @@ void ReleaseAll(Module& m) REQUIRES(ModCrit) {
 // receiver reads the 10-byte frame head and drops it.
 bool MakeKeepAlive(Module& m) {
     KWRType empty;
-    KWRTypInit(&empty);
-    if (KWRTypSetA(&empty, 0, nullptr, 0, nullptr) != KWR_OK) return false;
-    KWRRecInit(&m.KeepAlive);
-    const uint32_t rc = KWRRecNew(&empty, &m.KeepAlive);
-    KWRTypFree(&empty);
+    kwz::rec::TypInit(&empty);
+    if (kwz::rec::TypSetA(&empty, 0, nullptr, 0, nullptr) != KWR_OK) return false;
+    kwz::rec::RecInit(&m.KeepAlive);
+    const uint32_t rc = kwz::rec::RecNew(&empty, &m.KeepAlive);
+    kwz::rec::TypFree(&empty);
     return rc == KWR_OK;
 }
 
 // The host-identification record: control Type 1 with the host name.
 bool MakeHostRecord(Module& m) {
-    KWRRecInit(&m.HostRec);
-    if (KWRRecNew(&m.TestTyp2, &m.HostRec) != KWR_OK) return false;
-    KWRField* type = KWRFldByNum(&m.TestTyp2, 0);
-    KWRField* data = KWRFldByNum(&m.TestTyp2, 1);
+    kwz::rec::RecInit(&m.HostRec);
+    if (kwz::rec::RecNew(&m.TestTyp2, &m.HostRec) != KWR_OK) return false;
+    KWRField* type = kwz::rec::FldByNum(&m.TestTyp2, 0);
+    KWRField* data = kwz::rec::FldByNum(&m.TestTyp2, 1);
     const auto n = static_cast<int32_t>(strnlen(m.HostName, sizeof m.HostName));
-    return KWRSetAsInt32(type, &m.HostRec, 1) == KWR_OK &&
-           KWRSetAsText(data, &m.HostRec, n, m.HostName) == KWR_OK &&
-           KWRRecPack(&m.TestTyp2, &m.HostRec, 1, 0) == KWR_OK;
+    return kwz::rec::WriteInt32(type, &m.HostRec, 1) == KWR_OK &&
+           kwz::rec::SetAsText(data, &m.HostRec, n, m.HostName) == KWR_OK &&
+           kwz::rec::RecPack(&m.TestTyp2, &m.HostRec, 1, 0) == KWR_OK;
 }
 
 }  // namespace
@@ -230,12 +230,12 @@ int32_t SockInit(int32_t sockMax) EXCLUDES(ModCrit) {
     }
     m.HostName[sizeof m.HostName - 1] = 0;
 
-    KWRTypInit(&m.NodeTyp);
-    KWRTypInit(&m.TestTyp2);
+    kwz::rec::TypInit(&m.NodeTyp);
+    kwz::rec::TypInit(&m.TestTyp2);
     const char* failure = nullptr;
-    if (KWRTypSet(&m.NodeTyp, 0, kNodeDef) != KWR_OK) failure = "SE_NOMEM (KWRTypSet.1)";
+    if (kwz::rec::TypSet(&m.NodeTyp, 0, kNodeDef) != KWR_OK) failure = "SE_NOMEM (KWRTypSet.1)";
     else if (!MakeKeepAlive(m)) failure = "SE_NOMEM (KWRRecNew.1)";
-    else if (KWRTypSet(&m.TestTyp2, 0, kTestDef) != KWR_OK) failure = "SE_NOMEM (KWRTypSet.2)";
+    else if (kwz::rec::TypSet(&m.TestTyp2, 0, kTestDef) != KWR_OK) failure = "SE_NOMEM (KWRTypSet.2)";
     else if (!MakeHostRecord(m)) failure = "SE_NOMEM (KWRRecNew.2)";
     if (failure) {
         SockLog(2, tag, failure);

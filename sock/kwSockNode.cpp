@@ -55,11 +55,11 @@ struct NodeFields {
 NodeFields ReadNode(const KWRData* rec) {
     const KWRType& t = Mod().NodeTyp;
     NodeFields f;
-    KWRGetAsInt32(&t.fields[0], rec, &f.Port);
+    kwz::rec::ReadInt32(&t.fields[0], rec, &f.Port);
     uint32_t n = 0;
     const char* text = nullptr;
-    if (KWRGetTextRef(&t.fields[1], rec, &n, &text) == KWR_OK && text) f.Addr = text;  // 0-terminated in the image
-    if (KWRGetTextRef(&t.fields[2], rec, &f.Length, &f.Data) != KWR_OK || !f.Data) f.Length = 0;
+    if (kwz::rec::GetTextRef(&t.fields[1], rec, &n, &text) == KWR_OK && text) f.Addr = text;  // 0-terminated in the image
+    if (kwz::rec::GetTextRef(&t.fields[2], rec, &f.Length, &f.Data) != KWR_OK || !f.Data) f.Length = 0;
     return f;
 }
 
@@ -70,7 +70,7 @@ void NodeComplete(int32_t event, uint32_t idn, KWRData* rec) {
         callback(event, idn, f.Port, f.Addr, f.Data, static_cast<int32_t>(f.Length));
     }
     rec->editSource = nullptr;
-    KWRRecRelease(rec);
+    kwz::rec::RecRelease(rec);
 }
 
 }  // namespace
@@ -292,11 +292,11 @@ int32_t SockSendNode(uint32_t idn, int32_t port, const char* address, const void
         SockLog(2, tag, "SE_NOMEM (kwz_calloc)");
         return -1;
     }
-    KWRRecInit(rec);
+    kwz::rec::RecInit(rec);
     uint32_t size = 0;
-    KWRSetBuff(&m.NodeTyp, nullptr, cells, &size);
+    kwz::rec::SetBuff(&m.NodeTyp, nullptr, cells, &size);
     void* image = std::malloc(size);
-    if (!image || KWRSetBuff(&m.NodeTyp, image, cells, &size) != KWR_OK || KWRRecSet(rec, image) != KWR_OK) {
+    if (!image || kwz::rec::SetBuff(&m.NodeTyp, image, cells, &size) != KWR_OK || kwz::rec::RecSet(rec, image) != KWR_OK) {
         SockLog(2, tag, "SE_NOMEM (KWRRecNew)");
         std::free(image);
         MemFree(rec);
@@ -307,7 +307,7 @@ int32_t SockSendNode(uint32_t idn, int32_t port, const char* address, const void
     if (!SockBufAdd(s, rec, NodeComplete, 0)) {
         SockLog(2, tag, "SE_DATANOSEND");
         rec->editSource = nullptr;
-        KWRRecRelease(rec);
+        kwz::rec::RecRelease(rec);
         return SE_DATANOSEND;
     }
     return 0;

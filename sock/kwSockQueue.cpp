@@ -175,23 +175,23 @@ KWRData* MakeControl(int32_t type, const void* data, uint32_t len, const char* t
         SockLog(2, tag, "SE_NOMEM (kwz_malloc)");
         return nullptr;
     }
-    KWRRecInit(rec);
-    if (KWRRecNew(&m.TestTyp2, rec) != KWR_OK ||
-        KWRSetAsInt32(KWRFldByNum(&m.TestTyp2, 0), rec, type) != KWR_OK ||
-        KWRSetAsText(KWRFldByNum(&m.TestTyp2, 1), rec, static_cast<int32_t>(len), data) != KWR_OK) {
+    kwz::rec::RecInit(rec);
+    if (kwz::rec::RecNew(&m.TestTyp2, rec) != KWR_OK ||
+        kwz::rec::WriteInt32(kwz::rec::FldByNum(&m.TestTyp2, 0), rec, type) != KWR_OK ||
+        kwz::rec::SetAsText(kwz::rec::FldByNum(&m.TestTyp2, 1), rec, static_cast<int32_t>(len), data) != KWR_OK) {
         SockLog(2, tag, "SE_NOMEM (KWRRecNew)");
-        KWRRecRelease(rec);
+        kwz::rec::RecRelease(rec);
         return nullptr;
     }
-    if (KWRRecPack(&m.TestTyp2, rec, 1, 0) != KWR_OK) {
+    if (kwz::rec::RecPack(&m.TestTyp2, rec, 1, 0) != KWR_OK) {
         SockLog(2, tag, "SE_NOMEM (KWRRecPack)");
-        KWRRecRelease(rec);
+        kwz::rec::RecRelease(rec);
         return nullptr;
     }
     return rec;
 }
 
-void ReleaseRecord(int32_t, uint32_t, KWRData* rec) { KWRRecRelease(rec); }
+void ReleaseRecord(int32_t, uint32_t, KWRData* rec) { kwz::rec::RecRelease(rec); }
 
 }  // namespace kwz::sock
 

@@ -148,12 +148,12 @@ int RecvAll(SockItem* s, int fd, BuffRecvDsc& b, uint8_t* dst, uint32_t n) {
 class Received {
 public:
     explicit Received(uint8_t* image) {
-        KWRRecInit(&rec_);
-        KWRRecSet(&rec_, image);  // adopts the block; L >= 6 was checked
+        kwz::rec::RecInit(&rec_);
+        kwz::rec::RecSet(&rec_, image);  // adopts the block; L >= 6 was checked
     }
     ~Received() {
         rec_.editSource = nullptr;
-        KWRRecFree(&rec_);
+        kwz::rec::RecFree(&rec_);
     }
     Received(const Received&) = delete;
     Received& operator=(const Received&) = delete;
@@ -177,7 +177,7 @@ void Deliver(SockItem* s, uint8_t* image, int16_t typeId, int16_t reserved) {
 void Control(SockItem* s, int fd, uint8_t* image) {
     Received rec(image);
     // Control records come from outside: check the image before reading it.
-    if (KWRRecCheck(&Mod().TestTyp2, rec.get()) == KWR_OK) {
+    if (kwz::rec::RecCheck(&Mod().TestTyp2, rec.get()) == KWR_OK) {
         HandleControl(s, fd, rec.get());
     } else {
         SockLogF(3, kTag, "Control record corrupt (idn=%d, type=%d, len=%u)", s->OwnIdn(), s->OwnType(),

@@ -34,7 +34,7 @@ int32_t SockTimeSynchro(uint32_t idn) {
     KWRData* rec = MakeControl(4, nullptr, 4, tag);
     if (!rec) return 0;
     if (SockBufAdd(s, rec, ReleaseRecord, kPrioTop)) return 1;
-    KWRRecRelease(rec);
+    kwz::rec::RecRelease(rec);
     return 0;
 }
 
