@@ -14,7 +14,8 @@
  *     or bad key field, -4 no fields, -5 stale field version, -6 index
  *     inconsistency, -(7 + k) duplicate under Unique key k.
  *   - Sockets (KWSock...) return int32_t: 0, -2 SE_NOINIT, -3 open failed,
- *     -4 SE_NOSOCK, -5 SE_OPTION, -7 SE_DATANOSEND, -8 SE_SUSPEND.
+ *     -4 SE_NOSOCK, -5 SE_OPTION, -7 SE_DATANOSEND, -8 SE_SUSPEND,
+ *     -9 SE_SENDLIMIT.
  *   - Data helpers (KWZ...) return 0, -1 out of memory or compression failure,
  *     -2 invalid argument, -4 undecodable container.
  *   - Calculator (CVar..., KWCalc..., KWFun...) return int32_t: 0, -21 out of
