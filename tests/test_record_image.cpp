@@ -197,7 +197,7 @@ TEST(record_check, RefusesDamagedImages) {
 }
 
 // A type generated from a record (packed, or changed with texts in owned
-// blocks) has the original's layout; one of no fields is empty.  The walk
+// blocks) has the layout of the type it was made with; one of no fields is empty.  The walk
 // over hand-made and damaged images is pinned in the record type tests.
 TEST(record_typgen, FromRecordImages) {
     Type type(kAllDef), none("E|0");
