@@ -172,7 +172,8 @@ int PrintStats(TGraphItem* g) {
     std::printf("links            %u\n", GraphLinkCount(g));
     std::printf("nodes alone      %zu\n", s.lone.size());
     std::printf("largest degree   %u\n", maxDegree);
-    std::printf("average degree   %.3f\n", s.nodes.empty() ? 0.0 : 2.0 * double(s.links.size()) / double(s.nodes.size()));
+    const double average = s.nodes.empty() ? 0.0 : 2.0 * double(s.links.size()) / double(s.nodes.size());
+    std::printf("average degree   %.3f\n", average);
     std::printf("connected parts  %u\n", GraphNodeCount(parts.get()));
     std::printf("group nodes      %u\n", groupNodes);
     return kExitOk;
@@ -275,7 +276,8 @@ KWZ_COMMAND(graph, {500, "graphs", "graph",
     const size_t files = load ? 0 : 1;
     if (call.Count() != ids + files) {
         if (call.Count() < ids + files)
-            UsageError("arguments", std::to_string(ids + files) + " expected, " + std::to_string(call.Count()) + " given");
+            UsageError("arguments",
+                       std::to_string(ids + files) + " expected, " + std::to_string(call.Count()) + " given");
         UsageError(call.Arg(ids + files), "unexpected argument");
     }
     if (call.Has("--force") && !call.Has("--save")) UsageError("--force", "goes with --save only");
@@ -291,7 +293,8 @@ KWZ_COMMAND(graph, {500, "graphs", "graph",
         TGraphNode* b = a ? NodeArg(call, g.get(), files + 1, "B") : nullptr;
         if (!a || !b) return kExitFailure;
         result.reset(path ? GraphBuildPathCut(g.get(), a, b) : GraphBuildPath(g.get(), a, b));
-        title = std::string(path ? "shortest paths" : "paths") + " from " + call.Arg(files) + " to " + call.Arg(files + 1);
+        title = std::string(path ? "shortest paths" : "paths") + " from " + call.Arg(files) + " to " +
+                call.Arg(files + 1);
     } else if (border) {
         GraphPtr seeds = IdList("--border", call.Value("--border"));
         GraphPtr barrier = IdList("--barrier", call.Value("--barrier"));
