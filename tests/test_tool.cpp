@@ -361,6 +361,7 @@ TEST(tool_Graph, QueriesSaveLoadAndDot) {
         {{"graph", "e.txt", "--all-paths", "2", "4"}, 0, {"# paths from 2 to 4: 4 nodes, 4 links\n1 2\n1 4\n2 3\n3 4\n"}},
         {{"graph", "e.txt", "--border", "1", "--barrier", "2", "--border-set", "3,5"}, 0,
          {"# border reached from 1: 1 nodes, 0 links\n3\n"}},
+        {{"graph", "e.txt", "--path", "1", "10"}, 0, {}, {}, "", "# shortest paths from 1 to 10: 0 nodes, 0 links\n"},
         {{"graph", "e.txt", "--components"}, 0, {}, {}, "", "# 3 connected parts\n5: 1 2 3 4 5\n2: 10 11\n1: 12\n"},
         {{"graph", "e.txt", "--save", "s"}, 1, {}, {"kwz graph: s.nodes: exists (-f writes over it)"}},
         {{"graph", "e.txt", "--save", "s", "-f"}, 0, {}, {"s.nodes: written", "s.groups: not needed"}},
@@ -417,6 +418,7 @@ TEST(tool_Xml, ParsePrettyGetAndErrors) {
         {{"xml", "bad.xml"}, 1, {}, {}, "", ""},
         {{"xml", "-"}, 1, {}, {"kwz xml: standard input:1:2: Element must be closed. (error 1)"}, "<"},
         {{"xml", "-"}, 1, {}, {"standard input:2:4: <b> attribute has error  (error 4)"}, "<a>\n<b x=\"1></b></a>"},
+        {{"xml", "-"}, 1, {}, {"kwz xml: standard input: holds no element"}, "<!-- only a comment -->"},
         {{"xml", "missing.xml"}, 1, {}, {"kwz xml: missing.xml: No such file or directory"}},
     };
     for (const Row& row : rows) Check(row, dir.path);
