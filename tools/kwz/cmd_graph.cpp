@@ -125,12 +125,12 @@ void PrintEdges(TGraphItem* g, const std::string& title) {
 }
 
 // Graphviz text; a group node is labelled with its members.
-void PrintDot(TGraphItem* g, const std::string& title, bool groups) {
+void PrintDot(TGraphItem* g, const std::string& title) {
     const Sorted s = SortGraph(g);
     std::printf("graph kwz {\n  label=\"%s\";\n", title.c_str());
     for (uint32_t id : s.nodes) {
         TGraphNode* n = GraphFindNode(g, id);
-        if (groups && GraphNodeGroupNext(n)) {
+        if (GraphNodeGroupNext(n)) {
             std::string label;
             for (uint32_t m : Members(n)) label += (label.empty() ? "" : " ") + std::to_string(m);
             std::printf("  n%u [label=\"%s\"];\n", id, label.c_str());
@@ -311,7 +311,7 @@ KWZ_COMMAND(graph, {500, "graphs", "graph",
     if (call.Has("--save") && !Save(shown, call.Value("--save"), call.Has("--force"))) return kExitFailure;
 
     if (call.Has("--dot")) {
-        PrintDot(shown, result ? title : "graph", components);
+        PrintDot(shown, result ? title : "graph");
     } else if (components) {
         PrintComponents(shown);
     } else if (result) {
