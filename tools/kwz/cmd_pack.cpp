@@ -15,6 +15,7 @@
 
 #include "command.h"
 #include "kwz_util.h"
+#include "kwz_value.h"
 
 namespace {
 
@@ -279,8 +280,8 @@ KWZ_COMMAND(hash, {320, "data", "hash", "FILE [--key K]", "the library's MD5-bas
     return kExitOk;
 }
 
-KWZ_COMMAND(info, {330, "data", "info", "FILE", "tell what FILE is: container, packed table, record image, graph", 1,
-                   1}) {
+KWZ_COMMAND(info, {330, "data", "info", "FILE",
+                   "tell what FILE is: container, packed table, record or value image, graph", 1, 1}) {
     const std::string file = call.Arg(0);
     if (file == "-") UsageError("-", "info needs a file it can seek in");
     FilePtr in = OpenInput(file);
@@ -308,6 +309,8 @@ KWZ_COMMAND(info, {330, "data", "info", "FILE", "tell what FILE is: container, p
             rc = InfoGraph(file, b, magic);
         else if (size >= 6 && magic == size)
             rc = InfoImage(file, b);
+        else if (PrintValueImage(file, b))
+            rc = 0;
     }
     if (rc < 0) {
         std::printf("%s: %llu bytes of unknown data", file.c_str(), (unsigned long long)size);
