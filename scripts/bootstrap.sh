@@ -8,7 +8,7 @@ set -euo pipefail
 
 want=(build-essential cmake ninja-build pkg-config liblzo2-dev
       libgtest-dev libgmock-dev libbenchmark-dev
-      clang libclang-rt-14-dev iproute2 libedit-dev libpugixml-dev)
+      clang libclang-rt-14-dev iproute2 libedit-dev libpugixml-dev graphviz)
 if [ "${1:-}" = "--bench" ]; then
   want+=(libprotobuf-dev protobuf-compiler libsqlite3-dev libzmq3-dev lzop
          libboost-graph-dev libtinyxml2-dev libmsgpack-dev libmsgpack-cxx-dev
