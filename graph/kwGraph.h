@@ -73,6 +73,14 @@ namespace kwz::graph {
 // The library's pool "_Heap": the graph module's one piece of state.
 TGraphHeap& SharedHeap();
 
+// Grows the hash when the node count has reached its limit, as every
+// AppendNode call does first; throws std::bad_alloc when g has no hash at all.
+void GrowHash(TGraphItem& g);
+
+// Takes a node with source's id, known to be absent, into g with a copy of
+// source's group list (reversed, as AppendNode(source) gives); all or nothing.
+TGraphNode* AppendAbsentNode(TGraphItem& g, TGraphNode const& source);
+
 // Links a and b, known not to be linked yet and distinct; a's half-link.
 TGraphLink* AppendNewLink(TGraphItem& g, TGraphNode& a, TGraphNode& b);
 
