@@ -29,11 +29,16 @@ void LinkTo(TGraphItem& r, TGraphNode& n, TGraphNode const& far) {
 class IdIndex {
 public:
     static constexpr uint32_t kNone = UINT32_MAX;
-    uint32_t Find(uint32_t id) const {
-        if (slots_.empty()) return kNone;
+    // The bit of an index that tells that its node has been expanded.
+    static constexpr uint32_t kExpanded = 0x80000000u;
+    // The index stored for id, with its kExpanded bit; kNone when absent.
+    uint32_t& Find(uint32_t id) {
+        none_ = kNone;
+        if (slots_.empty()) return none_;
         for (size_t i = Slot(id);; i = (i + 1) & mask_) {
-            const Entry& e = slots_[i];
-            if (e.index == kNone || e.id == id) return e.index;
+            Entry& e = slots_[i];
+            if (e.index == kNone) return none_;
+            if (e.id == id) return e.index;
         }
     }
     // id is not in the map yet.
@@ -67,6 +72,7 @@ private:
     size_t mask_ = 0;
     unsigned shift_ = 64;
     size_t count_ = 0;
+    uint32_t none_ = kNone;  // what Find gives for an absent id
 };
 
 // Transitive expansion: each pass expands the nodes the previous pass added;
@@ -86,43 +92,44 @@ TGraphItem Expand(TGraphItem const& a, TGraphItem const& b, GraphLinkFilter filt
         TGraphNode* node;
         TGraphNode const* inB;
         bool fromA;
-        bool expanded;
     };
     std::vector<Entry> nodes;
     IdIndex index;
     nodes.reserve(r.nodeCount);
     for (TGraphNode* n = r.nodeFirst; n; n = n->nodeNext) {
         index.Insert(n->id, uint32_t(nodes.size()));
-        nodes.push_back({n, b.FindNode(n->id), true, false});
+        nodes.push_back({n, b.FindNode(n->id), true});
     }
     auto expand = [&](size_t fi) {
         TGraphNode* f = nodes[fi].node;
         TGraphNode const* nb = nodes[fi].inB;
         const bool fFromA = nodes[fi].fromA;
-        if (!nb) return;
-        for (TGraphLink* h = nb->linkFirst; h; h = h->next) {
-            TGraphNode const& far = *h->pair->owner;
-            if (!filter(f->id, far.id, context)) continue;
-            if (r.nodeCount >= r.hashLimit) kwz::graph::GrowHash(r);
-            const uint32_t ti = index.Find(far.id);
-            if (ti == IdIndex::kNone) {
-                TGraphNode* to = kwz::graph::AppendAbsentNode(r, far);
-                index.Insert(far.id, uint32_t(nodes.size()));
-                nodes.push_back({to, &far, false, false});
-                kwz::graph::AppendNewLink(r, *f, *to);
-                continue;
-            }
-            Entry const& t = nodes[ti];
-            if (far.groupFirst && !t.node->groupFirst) r.AppendNode(far);  // takes far's group list
-            if (t.expanded) {
-                if (!all) r.AppendLink(*f, *t.node);
-            } else if (fFromA && t.fromA) {
-                r.AppendLink(*f, *t.node);
-            } else {
-                kwz::graph::AppendNewLink(r, *f, *t.node);
+        if (nb) {
+            for (TGraphLink* h = nb->linkFirst; h; h = h->next) {
+                TGraphNode const& far = *h->pair->owner;
+                if (!filter(f->id, far.id, context)) continue;
+                if (r.nodeCount >= r.hashLimit) kwz::graph::GrowHash(r);
+                const uint32_t ti = index.Find(far.id);
+                if (ti == IdIndex::kNone) {
+                    TGraphNode* to = kwz::graph::AppendAbsentNode(r, far);
+                    index.Insert(far.id, uint32_t(nodes.size()));
+                    nodes.push_back({to, &far, false});
+                    kwz::graph::AppendNewLink(r, *f, *to);
+                    continue;
+                }
+                if (all && (ti & IdIndex::kExpanded) && !far.groupFirst) continue;  // linked already
+                Entry const& t = nodes[ti & ~IdIndex::kExpanded];
+                if (far.groupFirst && !t.node->groupFirst) r.AppendNode(far);  // takes far's group list
+                if (ti & IdIndex::kExpanded) {
+                    if (!all) r.AppendLink(*f, *t.node);
+                } else if (fFromA && t.fromA) {
+                    r.AppendLink(*f, *t.node);
+                } else {
+                    kwz::graph::AppendNewLink(r, *f, *t.node);
+                }
             }
         }
-        nodes[fi].expanded = true;
+        index.Find(f->id) |= IdIndex::kExpanded;
     };
     size_t done = nodes.size();
     for (size_t i = 0; i < done; ++i) expand(i);
