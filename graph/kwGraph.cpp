@@ -278,13 +278,23 @@ TGraphLink* TGraphItem::FindLink(TGraphNode const& a, unsigned int id) const {
 
 namespace {
 
-// The node with that id, created when absent (created tells which).
-TGraphNode* FindOrCreate(TGraphItem& g, unsigned int id, bool& created) {
+}  // namespace
+
+namespace kwz::graph {
+
+void GrowHash(TGraphItem& g) {
     if (g.nodeCount >= g.hashLimit) g.SetHashSize(GrownHashSize(g.nodeCount));
     if (!g.hashTable) throw std::bad_alloc();  // not even the first bucket array
-    unsigned int bucket;
-    created = false;
-    if (TGraphNode* found = g.FindNode(id, bucket)) return found;
+}
+
+}  // namespace kwz::graph
+
+namespace {
+
+using kwz::graph::GrowHash;
+
+// A new node with that id, at the head of the node list and of its bucket.
+TGraphNode* InsertNode(TGraphItem& g, unsigned int id, unsigned int bucket) {
     TGraphNode* node = TakeNode(g);
     node->id = id;
     node->hashNext = g.hashTable[bucket];
@@ -294,9 +304,39 @@ TGraphNode* FindOrCreate(TGraphItem& g, unsigned int id, bool& created) {
     if (g.nodeFirst) g.nodeFirst->nodePrev = node;
     g.nodeFirst = node;
     ++g.nodeCount;
-    created = true;
     return node;
 }
+
+// The node with that id, created when absent (created tells which).
+TGraphNode* FindOrCreate(TGraphItem& g, unsigned int id, bool& created) {
+    GrowHash(g);
+    unsigned int bucket;
+    created = false;
+    if (TGraphNode* found = g.FindNode(id, bucket)) return found;
+    created = true;
+    return InsertNode(g, id, bucket);
+}
+
+}  // namespace
+
+namespace kwz::graph {
+
+TGraphNode* AppendAbsentNode(TGraphItem& g, TGraphNode const& source) {
+    GrowHash(g);
+    TGraphNode* node = InsertNode(g, source.id, source.id % g.hashSize);
+    if (!source.groupFirst) return node;
+    try {
+        node->groupFirst = CopyGroupChain(g, source.groupFirst, true).first;
+    } catch (...) {
+        g.DeleteNode(source.id);
+        throw;
+    }
+    return node;
+}
+
+}  // namespace kwz::graph
+
+namespace {
 
 }  // namespace
 

@@ -54,17 +54,16 @@ struct TGraphHeap {
 };
 
 // What the last path search on a graph marked: every node whose mark it set
-// (touched), and the nodes whose half-links a wave walked (expanded).  Every
-// half-link it marked is one of an expanded node's or the pair of one; a
-// search that does not keep the expanded list (allExpanded) has its marks
-// cleared through all the half-links of the touched nodes.
+// (touched), and every half-link whose mark it set (links).  A search that
+// does not keep the link list (allExpanded) has its link marks cleared
+// through all the half-links of the touched nodes.
 struct TGraphScratch {
     std::vector<TGraphNode*> touched;
-    std::vector<TGraphNode*> expanded;
+    std::vector<TGraphLink*> links;
     bool allExpanded = false;
     void Reset() {
         touched.clear();
-        expanded.clear();
+        links.clear();
     }
 };
 
@@ -72,6 +71,14 @@ namespace kwz::graph {
 
 // The library's pool "_Heap": the graph module's one piece of state.
 TGraphHeap& SharedHeap();
+
+// Grows the hash when the node count has reached its limit, as every
+// AppendNode call does first; throws std::bad_alloc when g has no hash at all.
+void GrowHash(TGraphItem& g);
+
+// Takes a node with source's id, known to be absent, into g with a copy of
+// source's group list (reversed, as AppendNode(source) gives); all or nothing.
+TGraphNode* AppendAbsentNode(TGraphItem& g, TGraphNode const& source);
 
 // Links a and b, known not to be linked yet and distinct; a's half-link.
 TGraphLink* AppendNewLink(TGraphItem& g, TGraphNode& a, TGraphNode& b);

@@ -3,6 +3,7 @@
 // Node identity across graphs is the id; taking a node into a result copies
 // its group list when the result's node has none.
 #include <unordered_set>
+#include <vector>
 
 #include "graph/kwGraph.h"
 
@@ -23,30 +24,119 @@ void LinkTo(TGraphItem& r, TGraphNode& n, TGraphNode const& far) {
         r.AppendLink(n, *to);
 }
 
-// Expands the nodes of r from its head down to (not including) stop along b's
-// links that the filter lets in; new nodes are pushed at r's head.
-void ExpandOnce(TGraphItem& r, TGraphNode* head, TGraphNode* stop, TGraphItem const& b,
-                GraphLinkFilter filter, void* context) {
-    for (TGraphNode* f = head; f != stop; f = f->nodeNext) {
-        TGraphNode* nb = b.FindNode(f->id);
-        if (!nb) continue;
-        for (TGraphLink* h = nb->linkFirst; h; h = h->next) {
-            TGraphNode const& far = *h->pair->owner;
-            if (!filter(f->id, far.id, context)) continue;
-            LinkTo(r, *f, far);
+// Indexes by id, with open addressing: the expansion's look-ups, cheaper
+// than the result's own bucket chains (up to 8 deep on average).
+class IdIndex {
+public:
+    static constexpr uint32_t kNone = UINT32_MAX;
+    // The bit of an index that tells that its node has been expanded.
+    static constexpr uint32_t kExpanded = 0x80000000u;
+    // The index stored for id, with its kExpanded bit; kNone when absent.
+    uint32_t& Find(uint32_t id) {
+        none_ = kNone;
+        if (slots_.empty()) return none_;
+        for (size_t i = Slot(id);; i = (i + 1) & mask_) {
+            Entry& e = slots_[i];
+            if (e.index == kNone) return none_;
+            if (e.id == id) return e.index;
         }
     }
-}
+    // id is not in the map yet.
+    void Insert(uint32_t id, uint32_t index) {
+        if (2 * (count_ + 1) > slots_.size()) Grow();
+        Place({id, index});
+        ++count_;
+    }
 
-// Transitive expansion: each pass expands the nodes the previous pass added
-// (the frontier runs from the head down to the previous head).
+private:
+    struct Entry {
+        uint32_t id;
+        uint32_t index;
+    };
+    size_t Slot(uint32_t id) const { return size_t((id * 0x9E3779B97F4A7C15ull) >> shift_) & mask_; }
+    void Place(Entry e) {
+        size_t i = Slot(e.id);
+        while (slots_[i].index != kNone) i = (i + 1) & mask_;
+        slots_[i] = e;
+    }
+    void Grow() {
+        std::vector<Entry> old(slots_.size() ? 2 * slots_.size() : 1024, Entry{0, kNone});
+        old.swap(slots_);
+        mask_ = slots_.size() - 1;
+        shift_ = 64;
+        for (size_t s = slots_.size(); s > 1; s >>= 1) --shift_;
+        for (const Entry& e : old)
+            if (e.index != kNone) Place(e);
+    }
+    std::vector<Entry> slots_;
+    size_t mask_ = 0;
+    unsigned shift_ = 64;
+    size_t count_ = 0;
+    uint32_t none_ = kNone;  // what Find gives for an absent id
+};
+
+// Transitive expansion: each pass expands the nodes the previous pass added;
+// a pass runs down r's node list from its head to the previous pass's head,
+// new nodes being pushed at the head to wait for the next pass.  The first
+// pass covers a's nodes in list order, each later one the nodes made by the
+// pass before, newest first.  Each far end is taken into r as AppendNode(far)
+// would and linked as AppendLink would, without the searches where their
+// outcome is known: a node made here has no link yet but those made here; a
+// link toward a node already expanded exists when every link passes (that
+// node's expansion made it), and otherwise may; only between two nodes that
+// came with a can another one exist.
 TGraphItem Expand(TGraphItem const& a, TGraphItem const& b, GraphLinkFilter filter, void* context) {
     TGraphItem r(a);
-    TGraphNode* stop = nullptr;
-    for (TGraphNode* head = r.nodeFirst; head != stop;) {
-        ExpandOnce(r, head, stop, b, filter, context);
-        stop = head;
-        head = r.nodeFirst;
+    const bool all = filter == PassAll;
+    struct Entry {
+        TGraphNode* node;
+        TGraphNode const* inB;
+        bool fromA;
+    };
+    std::vector<Entry> nodes;
+    IdIndex index;
+    nodes.reserve(r.nodeCount);
+    for (TGraphNode* n = r.nodeFirst; n; n = n->nodeNext) {
+        index.Insert(n->id, uint32_t(nodes.size()));
+        nodes.push_back({n, b.FindNode(n->id), true});
+    }
+    auto expand = [&](size_t fi) {
+        TGraphNode* f = nodes[fi].node;
+        TGraphNode const* nb = nodes[fi].inB;
+        const bool fFromA = nodes[fi].fromA;
+        if (nb) {
+            for (TGraphLink* h = nb->linkFirst; h; h = h->next) {
+                TGraphNode const& far = *h->pair->owner;
+                if (!filter(f->id, far.id, context)) continue;
+                if (r.nodeCount >= r.hashLimit) kwz::graph::GrowHash(r);
+                const uint32_t ti = index.Find(far.id);
+                if (ti == IdIndex::kNone) {
+                    TGraphNode* to = kwz::graph::AppendAbsentNode(r, far);
+                    index.Insert(far.id, uint32_t(nodes.size()));
+                    nodes.push_back({to, &far, false});
+                    kwz::graph::AppendNewLink(r, *f, *to);
+                    continue;
+                }
+                if (all && (ti & IdIndex::kExpanded) && !far.groupFirst) continue;  // linked already
+                Entry const& t = nodes[ti & ~IdIndex::kExpanded];
+                if (far.groupFirst && !t.node->groupFirst) r.AppendNode(far);  // takes far's group list
+                if (ti & IdIndex::kExpanded) {
+                    if (!all) r.AppendLink(*f, *t.node);
+                } else if (fFromA && t.fromA) {
+                    r.AppendLink(*f, *t.node);
+                } else {
+                    kwz::graph::AppendNewLink(r, *f, *t.node);
+                }
+            }
+        }
+        index.Find(f->id) |= IdIndex::kExpanded;
+    };
+    size_t done = nodes.size();
+    for (size_t i = 0; i < done; ++i) expand(i);
+    while (done < nodes.size()) {
+        const size_t from = done;
+        done = nodes.size();
+        for (size_t i = done; i-- > from;) expand(i);
     }
     return r;
 }

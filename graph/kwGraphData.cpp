@@ -13,6 +13,7 @@
 #include <memory>
 #include <new>
 #include <utility>
+#include <vector>
 
 #include "base/kwBase.h"
 #include "base/kwMem.h"
@@ -49,31 +50,49 @@ void* SaveNodes(TGraphItem const& g) {
     return block.release();
 }
 
-// Every half-link written as (lower id, higher id), so each link twice;
-// sorted, every second entry kept, the block shrunk to k pairs.
+// Sorts 64-bit keys: least significant 16 bits first, a stable scatter per
+// digit, digits that all keys share skipped.
+void RadixSort(uint64_t* keys, size_t count) {
+    if (count < 2) return;
+    std::vector<uint64_t> other(count);
+    std::vector<uint32_t> counts(4 * 65536, 0);
+    for (size_t i = 0; i < count; ++i)
+        for (int d = 0; d < 4; ++d) ++counts[d * 65536 + ((keys[i] >> (16 * d)) & 0xFFFF)];
+    uint64_t* from = keys;
+    uint64_t* to = other.data();
+    for (int d = 0; d < 4; ++d) {
+        uint32_t* c = &counts[d * 65536];
+        if (c[(from[0] >> (16 * d)) & 0xFFFF] == count) continue;
+        uint32_t sum = 0;
+        for (size_t b = 0; b < 65536; ++b) sum += std::exchange(c[b], sum);
+        for (size_t i = 0; i < count; ++i) to[c[(from[i] >> (16 * d)) & 0xFFFF]++] = from[i];
+        std::swap(from, to);
+    }
+    if (from != keys) std::memcpy(keys, from, count * sizeof *keys);
+}
+
+// Each link once, as (lower id, higher id): written from its lower end as a
+// 64-bit key (lower id in the high half), sorted, then laid out as pairs.
 void* SaveLinks(TGraphItem const& g) {
     const size_t k = g.linkCount;
-    Block block(16 * k + 8);
+    Block block(8 * k + 8);
     uint8_t* p = block.bytes();
     StoreU32(p, kLinksMagic);
     StoreU32(p + 4, g.linkCount);
-    // Sorted as 64-bit keys (lower id in the high half), then laid out as pairs.
-    auto* keys = reinterpret_cast<uint64_t*>(p + 8);
-    size_t count = 0;
-    for (TGraphNode* n = g.nodeFirst; n; n = n->nodeNext) {
-        for (TGraphLink* h = n->linkFirst; h; h = h->next) {
-            const uint32_t a = n->id, b = h->pair->owner->id;
-            keys[count++] = a < b ? (uint64_t(a) << 32 | b) : (uint64_t(b) << 32 | a);
+    std::vector<uint64_t> keys;
+    keys.reserve(k);
+    for (TGraphNode const* n = g.nodeFirst; n; n = n->nodeNext) {
+        const uint32_t id = n->id;
+        for (TGraphLink const* h = n->linkFirst; h; h = h->next) {
+            const uint32_t far = h->pair->owner->id;
+            if (far > id) keys.push_back(uint64_t(id) << 32 | far);
         }
     }
-    std::sort(keys, keys + count);
-    for (size_t i = 0; i < k; ++i) {
-        const uint64_t key = keys[2 * i];
-        StoreU32(p + 8 + 8 * i, uint32_t(key >> 32));
-        StoreU32(p + 12 + 8 * i, uint32_t(key));
+    RadixSort(keys.data(), keys.size());
+    for (size_t i = 0; i < k && i < keys.size(); ++i) {
+        StoreU32(p + 8 + 8 * i, uint32_t(keys[i] >> 32));
+        StoreU32(p + 12 + 8 * i, uint32_t(keys[i]));
     }
-    // A failed shrink leaves the larger block, which is just as good.
-    if (void* shrunk = MemReAlloc(block.data, 8 * k + 8)) block.data = shrunk;
     return block.release();
 }
 

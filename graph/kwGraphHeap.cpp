@@ -46,8 +46,8 @@ Block* Take(std::mutex& mutex, Block*& spare, uint32_t& count) {
 // block is neither reused nor freed until Clear, and new blocks keep being
 // allocated while the list is empty.  Callers size their memory by that rule.
 template <typename Block>
+// No block handed back is ever handed out again, so none is set up again.
 void Give(std::mutex& mutex, Block* block, Block*& spare, uint32_t& count, Block*& retired) {
-    block->Init();
     std::lock_guard<std::mutex> lock(mutex);
     if (count <= kSpareKept) {
         (void)spare;

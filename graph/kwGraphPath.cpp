@@ -23,11 +23,8 @@ void ZeroMarks(TGraphScratch& s) {
         if (s.allExpanded)
             for (TGraphLink* h = n->linkFirst; h; h = h->next) h->mark = 0;
     }
-    if (!s.allExpanded) {
-        for (TGraphNode* n : s.expanded) {
-            for (TGraphLink* h = n->linkFirst; h; h = h->next) h->mark = h->pair->mark = 0;
-        }
-    }
+    if (!s.allExpanded)
+        for (TGraphLink* h : s.links) h->mark = 0;
     s.Reset();
 }
 
@@ -167,7 +164,7 @@ constexpr uint32_t Mark(uint32_t side, uint32_t level) { return side | (level <<
 struct CutSearch {
     TGraphItem& g;
     Marker marker;
-    Nodes& expanded;
+    std::vector<TGraphLink*>& links;  // every half-link marked, for the next search to clear
     TGraphItem& r;
     Nodes scratch;
 
@@ -175,7 +172,6 @@ struct CutSearch {
     uint32_t Wave(Nodes& f) {
         scratch.clear();
         uint32_t meet = 0;
-        expanded.insert(expanded.end(), f.begin(), f.end());
         for (TGraphNode* x : f) {
             const uint32_t side = Side(x->mark);
             const uint32_t level = Level(x->mark);
@@ -189,6 +185,8 @@ struct CutSearch {
                     scratch.push_back(y);
                     meet = side;
                 }
+                links.push_back(h);
+                links.push_back(h->pair);
                 h->mark = 1;
                 h->pair->mark = 2;
             }
@@ -293,7 +291,7 @@ TGraphItem TGraphItem::BuildPathCut(TGraphNode& from, TGraphNode& to) {
     if (!from.linkCount || !to.linkCount) return r;
     TGraphScratch& marked = TGraphScratchBegin(*this, scratch_, false);
     try {
-        CutSearch search{*this, Marker{marked.touched}, marked.expanded, r, {}};
+        CutSearch search{*this, Marker{marked.touched}, marked.links, r, {}};
         search.marker.Set(&from, Mark(1, 0));
         search.marker.Set(&to, Mark(2, 0));
         Nodes first{&from}, second{&to};

@@ -6,6 +6,7 @@
 #include <VomKwz.h>
 
 #include <functional>
+#include <random>
 
 #include "fault_harness.h"
 #include "graph/kwGraph.h"
@@ -203,4 +204,63 @@ TEST(graph_internal, AllocationFailuresChangeNothingAndLeakNothing) {
     KWMemFree(nodes);
     KWMemFree(links);
     KWMemFree(groups);
+}
+
+namespace {
+
+// Transitive expansion written with the plain operations: pass after pass,
+// each node the previous pass added takes in every far end of its links in b
+// through AppendNode(far) and AppendLink.  The fast expansion must give the
+// very same graph (node order, link order, group lists, hash size).
+TGraphItem PlainExpand(TGraphItem const& a, TGraphItem const& b, GraphLinkFilter filter) {
+    TGraphItem r(a);
+    TGraphNode* stop = nullptr;
+    for (TGraphNode* head = r.nodeFirst; head != stop;) {
+        for (TGraphNode* f = head; f != stop; f = f->nodeNext) {
+            TGraphNode* nb = b.FindNode(f->id);
+            if (!nb) continue;
+            for (TGraphLink* h = nb->linkFirst; h; h = h->next)
+                if (!filter || filter(f->id, h->pair->owner->id, nullptr))
+                    r.AppendLink(*f, *r.AppendNode(*h->pair->owner));
+        }
+        stop = head;
+        head = r.nodeFirst;
+    }
+    return r;
+}
+
+bool Skip(uint32_t from, uint32_t to, void*) { return (from * 31 + to) % 3 != 0; }
+
+// Random links among ids below `range`; every fifth node gets a group list.
+void Fill(TGraphItem& g, std::mt19937& rng, uint32_t range, uint32_t links) {
+    for (uint32_t i = 0; i < links; ++i) {
+        TGraphNode* x = g.AppendNode(uint32_t(rng() % range));
+        TGraphNode* y = g.AppendNode(uint32_t(rng() % range));
+        g.AppendLink(*x, *y);
+        if (rng() % 5 == 0) g.AppendGroupNode(*x, 100000 + i);
+    }
+}
+
+}  // namespace
+
+TEST(graph_internal, ExpansionGivesWhatThePlainOperationsGive) {
+    // (range, links of a, links of b): a with links of its own, and a lone seed
+    // in a graph large enough for the result's hash to grow several times.
+    const struct {
+        uint32_t range, linksA, linksB;
+    } rows[] = {{300, 40, 500}, {2000, 300, 2500}, {20000, 0, 60000}, {20000, 5, 30000}};
+    std::mt19937 rng(18);
+    for (auto row : rows) {
+        TGraphItem a, b;
+        Fill(a, rng, row.range, row.linksA);
+        if (!a.nodeCount) a.AppendNode(7);
+        Fill(b, rng, row.range, row.linksB);
+        for (GraphLinkFilter filter : {GraphLinkFilter(nullptr), GraphLinkFilter(Skip)}) {
+            TGraphItem fast = filter ? a.XorSel(b, filter, nullptr) : a ^ b;
+            TGraphItem plain = PlainExpand(a, b, filter);
+            EXPECT_EQ(Print(&fast), Print(&plain)) << row.range << (filter ? " filtered" : "");
+            EXPECT_EQ(fast.GetHashSize(), plain.GetHashSize()) << row.range;
+            EXPECT_GT(fast.nodeCount, a.nodeCount) << row.range;
+        }
+    }
 }
