@@ -259,10 +259,8 @@ int32_t Builtin(KWCalcStack* s, int32_t code, int32_t floor) {
     const int32_t n = b->args > 0 ? b->args : 1;
     if (s->top - n < s->base) return kStackSmall;
     CVar* a = &s->slots[s->top - n];
-    // Referenced arguments alias variables: the built-in works on its own copy
-    // of the first, which it may change in place.
-    if (a[0].ref && (a[0].type == kStr || a[0].type == kArr))
-        if (const int32_t st = Own(&a[0]); st != kOk) return st;
+    // Arguments may be references to variables: a built-in that changes its
+    // argument in place owns it first (toupper, tolower; casts do it).
     const int32_t st = Apply(code, a);
     if (st != kOk) return st;
     Clear(a + 1, n - 1);

@@ -143,6 +143,7 @@ KWZ_API void KWCalcStackClear(KWCalcStack* stack) {
         if (!stack) return;
         Clear(stack->slots, stack->capacity);
         stack->base = stack->top = 0;
+        stack->flags.fetch_and(~0x20u);  // a stop request ends with the clear
     });
 }
 

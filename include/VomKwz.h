@@ -886,7 +886,8 @@ KWZ_API char* KWFunDisassemble(const KWFunDef* function);
 KWZ_API int32_t KWCalcStackCreate(KWCalcDef* calculator, KWCalcStack** stack, int32_t capacity);
 /* 0 when need is less than the free slots, else -47. */
 KWZ_API int32_t KWCalcStackTest(KWCalcStack* stack, int32_t need);
-/* Empties every slot; base and top return to the first slot. */
+/* Empties every slot; base and top return to the first slot; a stop request
+   (flag 0x20, which ends a run with -46 and stays set) is cleared. */
 KWZ_API void KWCalcStackClear(KWCalcStack* stack);
 KWZ_API void KWCalcStackFree(KWCalcStack* stack);
 /* Slot base + index (NULL outside the capacity). */
