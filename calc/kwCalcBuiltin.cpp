@@ -6,6 +6,7 @@
 
 #include "base/kwSort.h"
 #include "calc/kwCalcEngine.h"
+#include "calc/kwCalcStack.h"
 #include "calc/kwCalcVar.h"
 #include "calc/kwCalclToken.h"
 
@@ -226,10 +227,50 @@ int32_t Apply(int32_t code, CVar* a) {
             a[0].v.s[i] = char(code == 157 ? Upper(uint8_t(a[0].v.s[i])) : Lower(uint8_t(a[0].v.s[i])));
         return kOk;
     default:
-        // printf, scanf, the time functions, new, get, put and call are not
-        // provided yet.
+        if (code >= 161 && code <= 175) return TimeBuiltin(code, a);
+        // printf and scanf are not provided yet.
         return kNotSupported;
     }
+}
+
+// new(type, value), get(object, selector), put(object, selector, value)
+// returning the changed object, call(object, method, arguments) through the
+// type's Call slot.  Each runs the type with a frame over its arguments.
+int32_t Object(KWCalcStack* s, int32_t code) {
+    const int32_t n = code == 177 || code == 178 ? 2 : 3;
+    if (s->top - n < s->base) return kStackSmall;
+    const int32_t first = s->top - n;
+    CVar* a = &s->slots[first];
+    const int32_t base = s->base;
+    int32_t st;
+    if (code == 177) {
+        s->base = first;
+        st = NewObject(s);
+    } else {
+        const KWCalcObjDef* def = ObjType(a[0].type);
+        if (!def) return kNotSupported;
+        if (code == 180) {
+            if (!def->Call) return kNotSupported;
+            s->base = first;
+            st = def->Call(s);
+        } else {
+            // The frame starts at the selector; the object stays below it.
+            s->base = first + 1;
+            st = code == 178 ? GetObjVar(s, &a[0], 1) : PutObjVar(s, &a[0], 1);
+            s->base = base;
+            if (st != kOk) return st;
+            if (code == 178) Move(&a[0], &a[1]);
+            Clear(a + 1, s->top - first - 1);
+            s->top = first + 1;
+            return kOk;
+        }
+    }
+    s->base = base;
+    if (st != kOk) return st;
+    if (s->top < first + 1) s->top = first + 1;
+    Clear(a + 1, s->top - first - 1);
+    s->top = first + 1;
+    return kOk;
 }
 
 }  // namespace
@@ -254,6 +295,10 @@ int32_t Builtin(KWCalcStack* s, int32_t code, int32_t floor) {
         s->top -= 1;
         return kOk;
     }
+    if (code >= 177 && code <= 180) return Object(s, code);
+    // tmmake consumes six values: its seven arguments become one value in the
+    // first one's place (the year's slot is reused for the result), which is
+    // how the compiler counts it too.
     const kwz::calcl::Builtin* b = kwz::calcl::BuiltinByCode(code);
     if (!b) return kNotSupported;
     const int32_t n = b->args > 0 ? b->args : 1;

@@ -87,5 +87,7 @@ int32_t Truth(const CVar* v, bool* out);
 // Runs built-in `code` on the stack's top values; `floor` is the lowest slot
 // it may consume (ldexp reads one more than its declared argument).
 int32_t Builtin(KWCalcStack* s, int32_t code, int32_t floor);
+// The time built-ins 161..175 on their arguments a[0..] (kwCalcTime.cpp).
+int32_t TimeBuiltin(int32_t code, CVar* a);
 
 }  // namespace kwz::calc

@@ -7,6 +7,8 @@
 #include <pthread.h>
 
 #include <cstdio>
+#include <cstdlib>
+#include <ctime>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -257,6 +259,40 @@ TEST(CalcEngine, Builtins) {
         {"toupper(\"ab\xe0\")", 0, "s:\"AB\xc0\""},
         {"tolower(\"AB\xc0\")", 0, "s:\"ab\xe0\""},
         {"cmp(1,2)", -44, ""},
+    };
+    Calc c;
+    RunRows(rows, c.c);
+}
+
+TEST(CalcEngine, TimeAndObjectBuiltins) {
+    setenv("TZ", "UTC", 1);
+    tzset();
+    // 2021-03-04 05:06:07.089 UTC, a Thursday, day 62 of the year.
+    const std::vector<Row> rows = {
+        {"tmmsec(1614834367089)", 0, "i:89"},
+        {"tmsec(1614834367089)", 0, "i:7"},
+        {"tmmin(1614834367089)", 0, "i:6"},
+        {"tmhour(1614834367089)", 0, "i:5"},
+        {"tmday(1614834367089)", 0, "i:4"},
+        {"tmmon(1614834367089)", 0, "i:3"},
+        {"tmyear(1614834367089)", 0, "i:2021"},
+        {"tmwday(1614834367089)", 0, "i:4"},
+        {"tmyday(1614834367089)", 0, "i:62"},
+        {"tmisdst(1614834367089)", 0, "i:0"},
+        {"tmmsec(-1)", 0, "i:999"},
+        {"tmlocal(1614834367089)", 0, "[i:2021,i:3,i:4,i:5,i:6,i:7,i:89]"},
+        {"tmgm(0)", 0, "[i:1970,i:1,i:1,i:0,i:0,i:0,i:0]"},
+        {"tmmake(2021,3,4,5,6,7,89)", 0, "i:1614834367089"},
+        {"(1,tmmake(2021,3,4,5,6,7,89))", 0, "i:1614834367089"},
+        {"tmmakea([2021,3,4,5,6,7,89])", 0, "i:1614834367089"},
+        {"tmmakea([1970])", 0, "i:0"},
+        {"tmstr(1614834367089,\"%Y-%m-%d %H:%M\")", 0, "s:\"2021-03-04 05:06\""},
+        {"tmsec(\"x\")", -44, ""},
+        {"tmmakea(5)", -44, ""},
+        {"new(1,2)", -44, ""},
+        {"get(1,2)", -44, ""},
+        {"put(1,2,3)", -44, ""},
+        {"call(1,2,3)", -44, ""},
     };
     Calc c;
     RunRows(rows, c.c);
