@@ -114,13 +114,13 @@ int32_t FunAddI(KWCalcDef* calc, const char* text, KWCalcNameDef** entry, int32_
         KWFunFree(f);
         return code;
     }
+    // The code is ours until the entry takes it.
+    std::unique_ptr<KWFunDef, void (*)(KWFunDef*)> owned(f, &KWFunFree);
     KWCalcNameDef* e = nullptr;
     int32_t st = FunAdd(calc, f->name, f->paramCount, &KWFunProc, f, &e);
-    if (st != kOk) {
-        KWFunFree(f);
-        return st;
-    }
+    if (st != kOk) return st;
     e->compiled = true;
+    owned.release();
     const auto* ext = static_cast<const KWFunExtern*>(f->externNames);
     try {
         for (int32_t i = 0; i < f->externCount; ++i) {
