@@ -228,7 +228,8 @@ int32_t Apply(int32_t code, CVar* a) {
         return kOk;
     default:
         if (code >= 161 && code <= 175) return TimeBuiltin(code, a);
-        // printf and scanf are not provided yet.
+        if (code == 154) return Printf(a);
+        if (code == 155) return Scanf(a);
         return kNotSupported;
     }
 }

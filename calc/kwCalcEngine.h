@@ -89,5 +89,8 @@ int32_t Truth(const CVar* v, bool* out);
 int32_t Builtin(KWCalcStack* s, int32_t code, int32_t floor);
 // The time built-ins 161..175 on their arguments a[0..] (kwCalcTime.cpp).
 int32_t TimeBuiltin(int32_t code, CVar* a);
+// printf(a[0] format, a[1] values) and scanf(a[0] text, a[1] format) (kwCalcFormat.cpp).
+int32_t Printf(CVar* a);
+int32_t Scanf(CVar* a);
 
 }  // namespace kwz::calc
