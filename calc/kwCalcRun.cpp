@@ -63,7 +63,12 @@ struct TryRecord {
 int32_t LoadVar(KWCalcStack* s, CVar* var, int32_t n) {
     if (n == 0) {
         if (s->top >= s->capacity) return kStackSmall;
-        CopyRef(&s->slots[s->top++], var);
+        CVar* d = &s->slots[s->top++];
+        if (var->type == kInt || var->type == kDbl) {
+            *d = *var;  // the slot above the top is empty: nothing to free
+            return kOk;
+        }
+        CopyRef(d, var);
         return kOk;
     }
     CVar* idx = s->slots + s->top - n;
@@ -101,6 +106,11 @@ int32_t LoadVar(KWCalcStack* s, CVar* var, int32_t n) {
 int32_t StoreVar(KWCalcStack* s, CVar* var, int32_t n) {
     CVar* value = &s->slots[s->top - 1];
     if (n == 0) {
+        if (value->type == kInt || value->type == kDbl) {
+            if (var->type != kInt && var->type != kDbl) SetEmpty(var);
+            *var = *value;
+            return kOk;
+        }
         CVar copy{};
         if (const int32_t st = Copy(&copy, value); st != kOk) return st;
         Move(var, &copy);
@@ -317,7 +327,26 @@ int32_t Run(KWCalcStack* s, KWCalcNameDef* entry) {
         default:
             if (op >= 49 && op <= 90) {
                 pc += 1;
-                if (IsUnary(op))
+                CVar* x = &s->slots[s->top - 2];
+                if (!IsUnary(op) && x[0].type == kInt && x[1].type == kInt && op <= 70 &&
+                    (op <= 51 || op >= 65)) {
+                    // Int with Int for + - * and the comparisons, without the
+                    // operator table: the same results, wrapping included.
+                    const int64_t a = x[0].v.i, b = x[1].v.i;
+                    switch (op) {
+                    case 49: x[0].v.i = int64_t(uint64_t(a) + uint64_t(b)); break;
+                    case 50: x[0].v.i = int64_t(uint64_t(a) - uint64_t(b)); break;
+                    case 51: x[0].v.i = int64_t(uint64_t(a) * uint64_t(b)); break;
+                    case 65: x[0].v.i = a == b; break;
+                    case 66: x[0].v.i = a != b; break;
+                    case 67: x[0].v.i = a < b; break;
+                    case 68: x[0].v.i = a <= b; break;
+                    case 69: x[0].v.i = a > b; break;
+                    default: x[0].v.i = a >= b; break;
+                    }
+                    x[1].type = kEmpty;
+                    s->top -= 1;
+                } else if (IsUnary(op))
                     st = Operate(op, &s->slots[s->top - 1]);
                 else if ((st = Operate(op, &s->slots[s->top - 2])) == kOk)
                     s->top -= 1;
