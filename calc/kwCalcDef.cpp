@@ -8,6 +8,7 @@
 #include "base/kwSort.h"
 #include "calc/kwCalcEngine.h"
 #include "calc/kwCalcVar.h"
+#include "calc/kwCalcl.h"
 
 namespace kwz::calc {
 namespace {
@@ -28,7 +29,7 @@ void Unlink(KWCalcNameDef* e) {
 }
 
 void Release(KWCalcNameDef* e) {
-    if (e->compiled) KWFunFree(static_cast<KWFunDef*>(e->data));
+    if (e->compiled) kwz::calcl::FunFree(static_cast<KWFunDef*>(e->data));
     e->compiled = false;
     e->data = nullptr;
 }
@@ -109,13 +110,13 @@ int32_t FunAddI(KWCalcDef* calc, const char* text, KWCalcNameDef** entry, int32_
     if (entry) *entry = nullptr;
     if (!calc || !text) return kNotSupported;
     KWFunDef* f = nullptr;
-    const int32_t code = KWFunCompile(text, &f, debug, nullptr);
+    const int32_t code = kwz::calcl::FunCompile(text, &f, debug, nullptr);
     if (code != 0) {
-        KWFunFree(f);
+        kwz::calcl::FunFree(f);
         return code;
     }
     // The code is ours until the entry takes it.
-    std::unique_ptr<KWFunDef, void (*)(KWFunDef*)> owned(f, &KWFunFree);
+    std::unique_ptr<KWFunDef, void (*)(KWFunDef*)> owned(f, &kwz::calcl::FunFree);
     KWCalcNameDef* e = nullptr;
     int32_t st = FunAdd(calc, f->name, f->paramCount, &KWFunProc, f, &e);
     if (st != kOk) return st;
@@ -140,6 +141,26 @@ int32_t FunAddI(KWCalcDef* calc, const char* text, KWCalcNameDef** entry, int32_
     return kOk;
 }
 
+std::unique_ptr<KWCalcDef> CalcCreate(KWCalcFn defaultHandler, void* hostData) {
+    auto c = std::make_unique<KWCalcDef>();
+    c->names.reserve(128);
+    c->defaultHandler = defaultHandler;
+    c->hostData = hostData;
+    for (int32_t tag = kFirstObj; tag <= kLastTag; ++tag)
+        if (const KWCalcObjDef* def = ObjType(tag))
+            if (def->CalcCreate) def->CalcCreate(c.get());
+    return c;
+}
+
+void CalcDestroy(KWCalcDef* calculator) {
+    if (!calculator) return;
+    std::unique_ptr<KWCalcDef> c(calculator);
+    for (int32_t tag = kFirstObj; tag <= kLastTag; ++tag)
+        if (const KWCalcObjDef* def = ObjType(tag))
+            if (def->CalcDestroy) def->CalcDestroy(calculator);
+    for (auto& e : c->names) Release(e.get());
+}
+
 }  // namespace kwz::calc
 
 using namespace kwz::calc;
@@ -150,27 +171,13 @@ KWZ_API int32_t KWCalcCreate(KWCalcDef** calculator, KWCalcFn defaultHandler, vo
     return kwz::CEdge("Kwz.kwCalc.KWCalcCreate", kNoMem, kNotSupported, [&] {
         if (!calculator) return kNotSupported;
         *calculator = nullptr;
-        auto c = std::make_unique<KWCalcDef>();
-        c->names.reserve(128);
-        c->defaultHandler = defaultHandler;
-        c->hostData = hostData;
-        for (int32_t tag = kFirstObj; tag <= kLastTag; ++tag)
-            if (const KWCalcObjDef* def = ObjType(tag))
-                if (def->CalcCreate) def->CalcCreate(c.get());
-        *calculator = c.release();
+        *calculator = CalcCreate(defaultHandler, hostData).release();
         return kOk;
     });
 }
 
 KWZ_API void KWCalcDestroy(KWCalcDef* calculator) {
-    kwz::CEdgeVoid("Kwz.kwCalc.KWCalcDestroy", [&] {
-        if (!calculator) return;
-        std::unique_ptr<KWCalcDef> c(calculator);
-        for (int32_t tag = kFirstObj; tag <= kLastTag; ++tag)
-            if (const KWCalcObjDef* def = ObjType(tag))
-                if (def->CalcDestroy) def->CalcDestroy(calculator);
-        for (auto& e : c->names) Release(e.get());
-    });
+    kwz::CEdgeVoid("Kwz.kwCalc.KWCalcDestroy", [&] { CalcDestroy(calculator); });
 }
 
 KWZ_API int32_t KWCalcFunAdd(KWCalcDef* calculator, const char* name, int32_t argc,

@@ -60,6 +60,8 @@ inline bool IsBudget(int32_t status) {
 }
 
 // --- calculator and name table (kwCalcDef.cpp) ------------------------------
+std::unique_ptr<KWCalcDef> CalcCreate(KWCalcFn defaultHandler, void* hostData);  // bad_alloc escapes
+void CalcDestroy(KWCalcDef* calculator);
 KWCalcNameDef* NameFind(KWCalcDef* calc, const char* name, int32_t* index);
 int32_t FunAdd(KWCalcDef* calc, const char* name, int32_t argc, KWCalcFn fn, void* data,
                KWCalcNameDef** entry);

@@ -455,12 +455,14 @@ static int32_t HostCall(KWCalcStack* s) {
 int32_t Formula(const char* text, CVar* result, KWCalcDef* calc, int32_t debug) {
     if (result) SetEmpty(result);
     if (!text) return kNotSupported;
-    std::unique_ptr<KWCalcDef, void (*)(KWCalcDef*)> temp(nullptr, &KWCalcDestroy);
+    std::unique_ptr<KWCalcDef, void (*)(KWCalcDef*)> temp(nullptr, &CalcDestroy);
     if (!calc) {
-        KWCalcDef* c = nullptr;
-        if (const int32_t st = KWCalcCreate(&c, nullptr, nullptr); st != kOk) return st;
-        temp.reset(c);
-        calc = c;
+        try {
+            temp.reset(CalcCreate(nullptr, nullptr).release());
+        } catch (const std::bad_alloc&) {
+            return kNoMem;
+        }
+        calc = temp.get();
     }
     std::string source;
     try {
@@ -477,11 +479,11 @@ int32_t Formula(const char* text, CVar* result, KWCalcDef* calc, int32_t debug) 
         KWCalcDef* c;
         KWCalcStack* s = nullptr;
         ~Guard() {
-            KWCalcStackFree(s);
+            StackFree(s);
             FunDel(c, "___formula___");
         }
     } guard{calc};
-    if (const int32_t st = KWCalcStackCreate(calc, &guard.s, 512); st != kOk) return st;
+    if (const int32_t st = StackCreate(calc, &guard.s, 512); st != kOk) return st;
     guard.s->entry = e;
     const int32_t st = HostCall(guard.s);
     if (st == kOk && result) Move(result, &guard.s->slots[guard.s->top - 1]);

@@ -31,6 +31,9 @@ struct KWCalcStack {
 
 namespace kwz::calc {
 
+// KWCalcStackCreate and KWCalcStackFree without the C edge.
+int32_t StackCreate(KWCalcDef* calculator, KWCalcStack** stack, int32_t capacity);
+void StackFree(KWCalcStack* stack);
 // 0 when `need` more values fit below the capacity, else -47.
 int32_t StackTest(const KWCalcStack* stack, int32_t need);
 // Slot base + i, or null outside the capacity.
