@@ -106,6 +106,32 @@ int32_t NewObject(KWCalcStack* s) {
     return def->New(s);
 }
 
+int32_t StackCreate(KWCalcDef* calculator, KWCalcStack** stack, int32_t capacity) {
+    if (!stack) return kNotSupported;
+    *stack = nullptr;
+    if (capacity < 1) return kStackSmall;
+    const size_t bytes = kHeader + size_t(capacity) * sizeof(CVar);
+    void* block = kwz::MemAlloc(bytes);
+    if (!block) {
+        kwz::LogF(2, "Kwz.kwCalc.KWCalcStackCreate", "SE_NOMEM stack of %d values", capacity);
+        return kNoMem;
+    }
+    std::memset(block, 0, bytes);
+    auto* s = new (block) KWCalcStack{};
+    s->capacity = capacity;
+    s->calculator = calculator;
+    s->slots = reinterpret_cast<CVar*>(static_cast<char*>(block) + kHeader);
+    *stack = s;
+    return kOk;
+}
+
+void StackFree(KWCalcStack* stack) {
+    if (!stack) return;
+    Clear(stack->slots, stack->capacity);
+    stack->~KWCalcStack();
+    kwz::MemFree(stack);
+}
+
 }  // namespace kwz::calc
 
 using namespace kwz::calc;
@@ -113,24 +139,8 @@ using namespace kwz::calc;
 extern "C" {
 
 KWZ_API int32_t KWCalcStackCreate(KWCalcDef* calculator, KWCalcStack** stack, int32_t capacity) {
-    return kwz::CEdge("Kwz.kwCalc.KWCalcStackCreate", kNoMem, kNotSupported, [&] {
-        if (!stack) return kNotSupported;
-        *stack = nullptr;
-        if (capacity < 1) return kStackSmall;
-        const size_t bytes = kHeader + size_t(capacity) * sizeof(CVar);
-        void* block = kwz::MemAlloc(bytes);
-        if (!block) {
-            kwz::LogF(2, "Kwz.kwCalc.KWCalcStackCreate", "SE_NOMEM stack of %d values", capacity);
-            return kNoMem;
-        }
-        std::memset(block, 0, bytes);
-        auto* s = new (block) KWCalcStack{};
-        s->capacity = capacity;
-        s->calculator = calculator;
-        s->slots = reinterpret_cast<CVar*>(static_cast<char*>(block) + kHeader);
-        *stack = s;
-        return kOk;
-    });
+    return kwz::CEdge("Kwz.kwCalc.KWCalcStackCreate", kNoMem, kNotSupported,
+                      [&] { return StackCreate(calculator, stack, capacity); });
 }
 
 KWZ_API int32_t KWCalcStackTest(KWCalcStack* stack, int32_t need) {
@@ -143,16 +153,12 @@ KWZ_API void KWCalcStackClear(KWCalcStack* stack) {
         if (!stack) return;
         Clear(stack->slots, stack->capacity);
         stack->base = stack->top = 0;
+        stack->flags.fetch_and(~0x20u);  // a stop request ends with the clear
     });
 }
 
 KWZ_API void KWCalcStackFree(KWCalcStack* stack) {
-    kwz::CEdgeVoid("Kwz.kwCalc.KWCalcStackFree", [&] {
-        if (!stack) return;
-        Clear(stack->slots, stack->capacity);
-        stack->~KWCalcStack();
-        kwz::MemFree(stack);
-    });
+    kwz::CEdgeVoid("Kwz.kwCalc.KWCalcStackFree", [&] { StackFree(stack); });
 }
 
 KWZ_API CVar* KWCalcStackArg(KWCalcStack* stack, int32_t index) {

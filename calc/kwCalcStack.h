@@ -8,23 +8,32 @@
 
 #include <VomKwz.h>
 
+#include <atomic>
 #include <cstdint>
 
 struct KWCalcStack {
     int32_t capacity;
     int32_t base;
     int32_t top;
-    uint32_t flags;         // 0x20 stop requested, 0x4000 debug hook running
+    // 0x20 stop requested, 0x4000 debug hook running.  Atomic: another thread
+    // may set the stop bit while a run goes on.
+    std::atomic<uint32_t> flags;
     KWCalcDef* calculator;  // may be null
     KWCalcNameDef* entry;   // the entry being run
     void* data;             // that entry's data, for KWCalcStackData
     KWCalcFn debugHook;
     void* errorHook;        // set and typed by the engine
     CVar* slots;            // points just behind the header, same block
+    // The budgets of the run in progress, counted from the outermost call.
+    int64_t steps;          // instructions executed
+    int32_t depth;          // nested calls
 };
 
 namespace kwz::calc {
 
+// KWCalcStackCreate and KWCalcStackFree without the C edge.
+int32_t StackCreate(KWCalcDef* calculator, KWCalcStack** stack, int32_t capacity);
+void StackFree(KWCalcStack* stack);
 // 0 when `need` more values fit below the capacity, else -47.
 int32_t StackTest(const KWCalcStack* stack, int32_t need);
 // Slot base + i, or null outside the capacity.

@@ -15,6 +15,10 @@
 
 namespace kwz::calcl {
 
+// KWFunCompile and KWFunFree without the C edge (bad_alloc may escape).
+int32_t FunCompile(const char* text, KWFunDef** function, int32_t debug, KWCalcConst* constants);
+void FunFree(KWFunDef* function);
+
 // The message of a compiler error code -1 .. -8 (UTF-8), "" for others.
 const char* CompileMessage(int32_t code);
 

@@ -198,53 +198,67 @@ void Fill(KWFunDef* f, const Compiled& c) {
 
 }  // namespace
 
+namespace kwz::calcl {
+
+int32_t FunCompile(const char* text, KWFunDef** function, int32_t debug, KWCalcConst* constants) {
+    if (!function) return kErrSyntax;
+    *function = nullptr;
+    auto* f = static_cast<KWFunDef*>(kwz::MemAlloc(sizeof(KWFunDef)));
+    if (!f) return kErrNoMem;
+    std::memset(static_cast<void*>(f), 0, sizeof(KWFunDef));
+    *function = f;
+    int32_t code = 0;
+    size_t position = 0;
+    try {
+        if (!text) throw CompileError{kErrSyntax};
+        Compiled compiled;
+        Compiler compiler(text, debug != 0, constants);
+        try {
+            compiler.Run(&compiled);
+        } catch (const std::bad_alloc&) {
+            throw CompileError{kErrNoMem};
+        } catch (const CompileError&) {
+            position = compiler.Position();
+            throw;
+        }
+        Fill(f, compiled);
+        return 0;
+    } catch (const CompileError& e) {
+        code = e.code;
+    } catch (const std::bad_alloc&) {
+        code = kErrNoMem;
+    }
+    // A failure leaves the code, the position and a copy of the message.
+    RefFree(f);
+    kwz::MemFree(f->name);
+    f->name = nullptr;
+    f->stackNeed = 0;
+    f->paramCount = code;
+    f->externCount = int32_t(position);
+    const char* message = CompileMessage(code);
+    const size_t n = std::strlen(message);
+    if (auto* copy = static_cast<char*>(kwz::MemAlloc(n + 1))) {
+        std::memcpy(copy, message, n + 1);
+        f->code = reinterpret_cast<uint8_t*>(copy);
+    }
+    return code;
+}
+
+void FunFree(KWFunDef* function) {
+    if (!function) return;
+    RefFree(function);
+    kwz::MemFree(function->name);
+    kwz::MemFree(function);
+}
+
+}  // namespace kwz::calcl
+
 extern "C" {
 
 KWZ_API int32_t KWFunCompile(const char* text, KWFunDef** function, int32_t debug,
                              KWCalcConst* constants) {
-    return kwz::CEdge("Kwz.kwCalcl.KWFunCompile", kErrNoMem, kErrSyntax, [&]() -> int32_t {
-        if (!function) return kErrSyntax;
-        *function = nullptr;
-        auto* f = static_cast<KWFunDef*>(kwz::MemAlloc(sizeof(KWFunDef)));
-        if (!f) return kErrNoMem;
-        std::memset(static_cast<void*>(f), 0, sizeof(KWFunDef));
-        *function = f;
-        int32_t code = 0;
-        size_t position = 0;
-        try {
-            if (!text) throw CompileError{kErrSyntax};
-            Compiled compiled;
-            Compiler compiler(text, debug != 0, constants);
-            try {
-                compiler.Run(&compiled);
-            } catch (const std::bad_alloc&) {
-                throw CompileError{kErrNoMem};
-            } catch (const CompileError&) {
-                position = compiler.Position();
-                throw;
-            }
-            Fill(f, compiled);
-            return 0;
-        } catch (const CompileError& e) {
-            code = e.code;
-        } catch (const std::bad_alloc&) {
-            code = kErrNoMem;
-        }
-        // A failure leaves the code, the position and a copy of the message.
-        RefFree(f);
-        kwz::MemFree(f->name);
-        f->name = nullptr;
-        f->stackNeed = 0;
-        f->paramCount = code;
-        f->externCount = int32_t(position);
-        const char* message = CompileMessage(code);
-        const size_t n = std::strlen(message);
-        if (auto* copy = static_cast<char*>(kwz::MemAlloc(n + 1))) {
-            std::memcpy(copy, message, n + 1);
-            f->code = reinterpret_cast<uint8_t*>(copy);
-        }
-        return code;
-    });
+    return kwz::CEdge("Kwz.kwCalcl.KWFunCompile", kErrNoMem, kErrSyntax,
+                      [&] { return kwz::calcl::FunCompile(text, function, debug, constants); });
 }
 
 KWZ_API void KWFunRefFree(KWFunDef* function) {
@@ -254,12 +268,7 @@ KWZ_API void KWFunRefFree(KWFunDef* function) {
 }
 
 KWZ_API void KWFunFree(KWFunDef* function) {
-    kwz::CEdgeVoid("Kwz.kwCalcl.KWFunFree", [&] {
-        if (!function) return;
-        RefFree(function);
-        kwz::MemFree(function->name);
-        kwz::MemFree(function);
-    });
+    kwz::CEdgeVoid("Kwz.kwCalcl.KWFunFree", [&] { kwz::calcl::FunFree(function); });
 }
 
 }  // extern "C"

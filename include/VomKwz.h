@@ -919,7 +919,8 @@ KWZ_API char* KWFunDisassemble(const KWFunDef* function);
 KWZ_API int32_t KWCalcStackCreate(KWCalcDef* calculator, KWCalcStack** stack, int32_t capacity);
 /* 0 when need is less than the free slots, else -47. */
 KWZ_API int32_t KWCalcStackTest(KWCalcStack* stack, int32_t need);
-/* Empties every slot; base and top return to the first slot. */
+/* Empties every slot; base and top return to the first slot; a stop request
+   (flag 0x20, which ends a run with -46 and stays set) is cleared. */
 KWZ_API void KWCalcStackClear(KWCalcStack* stack);
 KWZ_API void KWCalcStackFree(KWCalcStack* stack);
 /* Slot base + index (NULL outside the capacity). */
@@ -931,6 +932,67 @@ KWZ_API CVar* KWCalcStackPush(KWCalcStack* stack);
 KWZ_API int32_t KWCalcStackPop(KWCalcStack* stack, CVar* out);
 /* The data of the entry being run (NULL outside a call). */
 KWZ_API void* KWCalcStackData(KWCalcStack* stack);
+
+/* Calculators.  A calculator holds a table of callable names (compared
+   ignoring case): host functions and compiled functions side by side.  Codes
+   beyond the value codes: -22 argument count differs from the registered one,
+   -26 linking from an entry without a function, -27 the name already has a
+   function, -40 abort(n) with n >= 0, -41 out of memory while running, -43
+   division by zero, -45 unknown function, -46 stopped through the stop bit,
+   -47 stack too small, -50 instruction budget, -51 memory budget, -52 call
+   depth, -53 a host function threw (caught at the call).
+   Operators: + - * on Int give Int (64-bit, wrapping), with a Dbl side Dbl,
+   Str + Str joins; / divides as doubles; \ and % divide Int by Int truncating
+   (a Dbl operand of \ is cast to Int, % with a Dbl is fmod); a zero divisor
+   gives -43.  Comparisons: numbers numerically (NaN compares false except
+   !=), Str by CStrCmp, Empty equals only Empty.  Bitwise operators and shifts
+   on Int (shift counts masked with 63, >> arithmetic).  ! gives 1 for 0, 0.0,
+   Empty and an empty Str.  Other pairings give -44; an object operand goes to
+   its type's operator slot. */
+/* 0, -21.  Calls every registered type's CalcCreate.  Release with
+   KWCalcDestroy, which also frees the compiled functions it holds. */
+KWZ_API int32_t KWCalcCreate(KWCalcDef** calculator, KWCalcFn defaultHandler, void* hostData);
+KWZ_API void KWCalcDestroy(KWCalcDef* calculator);
+/* Registers a host function: 0, -27, -22, -44 (NULL or empty name).  data
+   stays the caller's. */
+KWZ_API int32_t KWCalcFunAdd(KWCalcDef* calculator, const char* name, int32_t argc,
+                             KWCalcFn function, void* data, KWCalcNameDef** entry);
+/* Compiles text and registers it under its own name, linking the names it
+   calls: 0, the compiler's code, or a registration or link code (the function
+   is then gone again).  options is unused. */
+KWZ_API int32_t KWCalcFunAddI(KWCalcDef* calculator, const char* text, KWCalcNameDef** entry,
+                              int32_t options, int32_t debug);
+/* 0, -26, -22. */
+KWZ_API int32_t KWCalcFunLink(KWCalcNameDef* entry, const char* name, int32_t argc,
+                              KWCalcNameDef** callee);
+/* Removes the name; compiled callers then fail with -45 when they call it.
+   0 or -45. */
+KWZ_API int32_t KWCalcFunDel(KWCalcDef* calculator, const char* name);
+/* The entry or NULL; *index (when given) its place, -1 when not found. */
+KWZ_API KWCalcNameDef* KWCalcNameFind(KWCalcDef* calculator, const char* name, int32_t* index);
+/* Calls: the arguments lie on the top of the stack (pushed with
+   KWCalcStackPush); on success the result is the top value in their place,
+   on failure they are gone.  A function without parameters needs nothing
+   pushed.  KWCalcFun0 calls the stack's current entry. */
+KWZ_API int32_t KWCalcFun0(KWCalcStack* stack);
+KWZ_API int32_t KWCalcFun1(KWCalcStack* stack, KWCalcNameDef* entry);
+/* -45 for an unknown name. */
+KWZ_API int32_t KWCalcFun2(KWCalcStack* stack, const char* name);
+/* The interpreter of compiled functions: the function of compiled entries. */
+KWZ_API int32_t KWFunProc(KWCalcStack* stack);
+/* Evaluates one expression; result (when given) is emptied first and gets
+   the value.  calculator may be NULL (a temporary one is used). */
+KWZ_API int32_t KWCalcFormula(const char* text, CVar* result, KWCalcDef* calculator,
+                              int32_t debug);
+/* The result cast to Int / Dbl; *out is 0 on failure. */
+KWZ_API int32_t KWCalcFormulaInt(const char* text, int64_t* out);
+KWZ_API int32_t KWCalcFormulaDbl(const char* text, double* out);
+/* Budgets of every run on the calculator's stacks, counted from the
+   outermost call: instructions (-50), bytes held by strings and arrays on the
+   stack (-51), nested calls (-52, 0: the default of 200, which a thread with
+   a 1 MiB stack survives).  0 means none.  try does not catch them. */
+KWZ_API int32_t KWCalcSetLimits(KWCalcDef* calculator, int64_t instructions, int64_t memoryBytes,
+                                int32_t callDepth);
 
 
 /* ======================================================================== */

@@ -1,0 +1,558 @@
+// Calls and the interpreter of compiled code, the one-call formula
+// evaluator, and the exported calling functions.
+#include <cstring>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "base/kwGuard.h"
+#include "calc/kwCalcEngine.h"
+#include "calc/kwCalcOps.h"
+#include "calc/kwCalcVar.h"
+
+namespace kwz::calc {
+namespace {
+
+using ErrorHook = int32_t (*)(KWCalcStack*, int32_t position, int32_t status);
+
+template <typename T>
+T Load(const uint8_t* p) {
+    T v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+
+// Empties slots [from, s->top) and makes `from` the top.
+void DropTo(KWCalcStack* s, int32_t from) {
+    if (s->top > from) Clear(s->slots + from, s->top - from);
+    s->top = from;
+}
+
+int32_t DepthLimit(const KWCalcStack* s) {
+    const KWCalcDef* c = s->calculator;
+    return c && c->maxDepth > 0 ? c->maxDepth : kDefaultDepth;
+}
+
+// Bytes held by a value's strings and arrays (nesting counted to a bound).
+int64_t HeldBy(const CVar* v, int32_t depth) {
+    if (v->ref != 0) return 0;
+    if (v->type == kStr && v->v.s) return int64_t(StrCapacity(v->count));
+    if (v->type != kArr || !v->v.a) return 0;
+    int64_t n = int64_t(v->count) * int64_t(sizeof(CVar));
+    if (depth < 64)
+        for (int32_t i = 0; i < v->count; ++i) n += HeldBy(&v->v.a[i], depth + 1);
+    return n;
+}
+
+int32_t CheckMemory(const KWCalcStack* s) {
+    const int64_t limit = s->calculator ? s->calculator->maxMemory : 0;
+    if (limit <= 0) return kOk;
+    int64_t held = 0;
+    for (int32_t i = 0; i < s->top; ++i) held += HeldBy(&s->slots[i], 0);
+    return held > limit ? kMemLimit : kOk;
+}
+
+struct TryRecord {
+    uint32_t target;  // offset of its 251
+    int32_t top;      // the top when the try began
+    int32_t status;   // 0 until its argument fails
+};
+
+// Loads the variable at `var` (n indexes on the top) and leaves its value
+// where the first index was (or pushes it for n = 0).
+int32_t LoadVar(KWCalcStack* s, CVar* var, int32_t n) {
+    if (n == 0) {
+        if (s->top >= s->capacity) return kStackSmall;
+        CVar* d = &s->slots[s->top++];
+        if (var->type == kInt || var->type == kDbl) {
+            *d = *var;  // the slot above the top is empty: nothing to free
+            return kOk;
+        }
+        CopyRef(d, var);
+        return kOk;
+    }
+    CVar* idx = s->slots + s->top - n;
+    CVar out{};
+    int32_t st = kOk;
+    if (var->type == kStr) {
+        if (n != 1) return kBadIndex;
+        st = GetChar(&out, var, idx);
+    } else if (var->type == kArr) {
+        CVar* item = ArrItm(var, idx, n, &st);
+        if (!item) return st == kOk ? kBadIndex : st;
+        CopyRef(&out, item);
+    } else if (IsObjTag(var->type)) {
+        // The type reads its selectors from a frame starting at them.
+        const int32_t base = s->base;
+        s->base = s->top - n;
+        st = GetObjVar(s, var, n);
+        s->base = base;
+        if (st != kOk) return st;
+        return kOk;  // the frame left the one result where the first index was
+    } else {
+        return kBadIndex;
+    }
+    if (st != kOk) {
+        SetEmpty(&out);
+        return st;
+    }
+    DropTo(s, s->top - n);
+    Move(&s->slots[s->top++], &out);
+    return kOk;
+}
+
+// Stores the top value into the variable (n indexes below it); the value
+// stays on the stack as the expression's value, in the first index's place.
+int32_t StoreVar(KWCalcStack* s, CVar* var, int32_t n) {
+    CVar* value = &s->slots[s->top - 1];
+    if (n == 0) {
+        if (value->type == kInt || value->type == kDbl) {
+            if (var->type != kInt && var->type != kDbl) SetEmpty(var);
+            *var = *value;
+            return kOk;
+        }
+        CVar copy{};
+        if (const int32_t st = Copy(&copy, value); st != kOk) return st;
+        Move(var, &copy);
+        return kOk;
+    }
+    CVar* idx = value - n;
+    int32_t st = kOk;
+    if (var->type == kStr) {
+        if (n != 1) return kBadIndex;
+        if ((st = Own(var)) != kOk) return st;
+        st = PutChar(var, idx, value);
+    } else if (var->type == kArr) {
+        if ((st = Own(var)) != kOk) return st;
+        CVar* item = ArrItm(var, idx, n, &st);
+        if (!item) return st == kOk ? kBadIndex : st;
+        CVar copy{};
+        if ((st = Copy(&copy, value)) != kOk) return st;
+        Move(item, &copy);
+    } else if (IsObjTag(var->type)) {
+        CVar keep{};
+        if ((st = Copy(&keep, value)) != kOk) return st;
+        const int32_t base = s->base;
+        s->base = s->top - n - 1;
+        st = PutObjVar(s, var, n);
+        s->base = base;
+        if (st != kOk) {
+            SetEmpty(&keep);
+            return st;
+        }
+        Move(&s->slots[s->top - 1], &keep);
+        return kOk;
+    } else {
+        return kBadIndex;
+    }
+    if (st != kOk) return st;
+    CVar v{};
+    Move(&v, value);
+    DropTo(s, s->top - 1 - n);
+    Move(&s->slots[s->top++], &v);
+    return kOk;
+}
+
+// 248: indexes applied to a computed value below them.
+int32_t IndexValue(KWCalcStack* s, int32_t n) {
+    CVar* holder = &s->slots[s->top - n - 1];
+    CVar value{};
+    Move(&value, holder);
+    SetEmpty(holder);
+    // The value is loaded as a variable through a temporary slot.
+    const int32_t st = LoadVar(s, &value, n);
+    if (st == kOk) {
+        Move(holder, &s->slots[s->top - 1]);
+        // LoadVar left the result where the indexes began; own it before the
+        // value it may alias goes.
+        if ((holder->type == kStr || holder->type == kArr) && holder->ref) {
+            CVar own{};
+            const int32_t c = Copy(&own, holder);
+            SetEmpty(holder);
+            if (c != kOk) {
+                SetEmpty(&value);
+                DropTo(s, s->top - 1);
+                return c;
+            }
+            Move(holder, &own);
+        }
+        DropTo(s, s->top - 1);
+    }
+    SetEmpty(&value);
+    return st;
+}
+
+int32_t Run(KWCalcStack* s, KWCalcNameDef* entry) {
+    const KWFunDef* f = static_cast<const KWFunDef*>(entry->data);
+    if (!f || !f->code) return kNotSupported;
+    const int32_t params = f->paramCount;
+    // A call without arguments passed one empty value: a function without
+    // parameters starts its frame at it, so its "result" takes that slot.
+    if (params == 0) DropTo(s, s->base);
+    if (StackTest(s, f->stackNeed + params) != kOk) return kStackSmall;
+    const int32_t base = s->base;
+    CVar* frame = s->slots + base;
+    // The locals end after the leading empties ("result" and the vars); a
+    // built-in that reads beyond its arguments (ldexp) must not reach them.
+    int32_t floor = base + params;
+    bool prologue = true;
+    const int64_t maxSteps = s->calculator ? s->calculator->maxSteps : 0;
+    const bool memory = s->calculator && s->calculator->maxMemory > 0;
+    std::vector<TryRecord> tries;
+    const uint8_t* code = f->code;
+    size_t pc = 0;
+    for (;;) {
+        if (s->flags.load(std::memory_order_relaxed) & kStopBit) return kStopped;
+        if (maxSteps && ++s->steps > maxSteps) return kStepLimit;
+        const size_t at = pc;
+        const uint8_t op = code[pc];
+        int32_t st = kOk;
+        if (prologue && op != kwz::calcl::kOpEmpty) prologue = false;
+        switch (op) {
+        case kwz::calcl::kOpLoadParam:
+        case kwz::calcl::kOpLoadLocal: {
+            const uint16_t i = Load<uint16_t>(code + pc + 1), n = Load<uint16_t>(code + pc + 3);
+            pc += 5;
+            st = LoadVar(s, frame + i, n);
+            break;
+        }
+        case kwz::calcl::kOpStoreParam:
+        case kwz::calcl::kOpStoreLocal: {
+            const uint16_t i = Load<uint16_t>(code + pc + 1), n = Load<uint16_t>(code + pc + 3);
+            pc += 5;
+            st = StoreVar(s, frame + i, n);
+            break;
+        }
+        case kwz::calcl::kOpEmpty:
+            pc += 1;
+            if (s->top >= s->capacity) { st = kStackSmall; break; }
+            SetEmpty(&s->slots[s->top++]);
+            if (prologue) floor = s->top;
+            break;
+        case kwz::calcl::kOpInt:
+            if (s->top >= s->capacity) { st = kStackSmall; break; }
+            SetInt(&s->slots[s->top++], Load<int64_t>(code + pc + 1));
+            pc += 9;
+            break;
+        case kwz::calcl::kOpDbl:
+            if (s->top >= s->capacity) { st = kStackSmall; break; }
+            SetDbl(&s->slots[s->top++], Load<double>(code + pc + 1));
+            pc += 9;
+            break;
+        case kwz::calcl::kOpStr: {
+            const uint16_t n = Load<uint16_t>(code + pc + 1);
+            if (s->top >= s->capacity) { st = kStackSmall; break; }
+            st = SetStr(&s->slots[s->top++], reinterpret_cast<const char*>(code + pc + 3), n);
+            pc += 3 + size_t(n) + 1;
+            break;
+        }
+        case kwz::calcl::kOpCollapse: {
+            const uint16_t c = Load<uint16_t>(code + pc + 1);
+            pc += 3;
+            if (c == 0) {
+                DropTo(s, s->top - 1);
+            } else {
+                CVar keep{};
+                Move(&keep, &s->slots[s->top - 1]);
+                DropTo(s, s->top - 1 - c);
+                Move(&s->slots[s->top++], &keep);
+            }
+            break;
+        }
+        case kwz::calcl::kOpDebug:
+            pc += 7;
+            break;
+        case kwz::calcl::kOpCall: {
+            const uint16_t i = Load<uint16_t>(code + pc + 1);
+            pc += 3;
+            KWCalcNameDef* callee = i < entry->externals.size() ? entry->externals[i] : nullptr;
+            if (!callee) { st = kUnknownFun; break; }
+            st = CallEntry(s, callee, callee->argc > 0 ? callee->argc : 1);
+            if (st != kOk && s->top < floor) s->top = floor;  // never below the locals
+            break;
+        }
+        case kwz::calcl::kOpJump:
+            pc = size_t(int64_t(pc + 1) + Load<int32_t>(code + pc + 1));
+            break;
+        case kwz::calcl::kOpAndTest:
+        case kwz::calcl::kOpOrTest:
+        case kwz::calcl::kOpJumpFalse: {
+            bool t = false;
+            st = Truth(&s->slots[s->top - 1], &t);
+            if (st != kOk) break;
+            const size_t next = pc + 5;
+            const bool jump = op == kwz::calcl::kOpOrTest ? t : !t;
+            if (op == kwz::calcl::kOpJumpFalse) DropTo(s, s->top - 1);
+            pc = jump ? size_t(int64_t(pc + 1) + Load<int32_t>(code + pc + 1)) : next;
+            break;
+        }
+        case kwz::calcl::kOpIndex: {
+            const uint16_t n = Load<uint16_t>(code + pc + 1);
+            pc += 3;
+            st = IndexValue(s, n);
+            break;
+        }
+        case kwz::calcl::kOpArray: {
+            const uint32_t n = Load<uint32_t>(code + pc + 1);
+            pc += 5;
+            if (n == 0) {
+                if (s->top >= s->capacity) { st = kStackSmall; break; }
+                st = SetArr(&s->slots[s->top++], 0);
+            } else {
+                st = ArrCopy(&s->slots[s->top - int32_t(n)], int32_t(n));
+                if (st == kOk) s->top -= int32_t(n) - 1;
+            }
+            break;
+        }
+        case kwz::calcl::kOpTry:
+            tries.push_back(TryRecord{Load<uint32_t>(code + pc + 1), s->top, 0});
+            pc += 5;
+            break;
+        case kwz::calcl::kOpEndTry: {
+            pc += 1;
+            const TryRecord r = tries.back();
+            tries.pop_back();
+            DropTo(s, r.top);
+            SetInt(&s->slots[s->top++], r.status);
+            break;
+        }
+        case kwz::calcl::kOpExit:
+        case kwz::calcl::kOpEnd: {
+            CVar result{};
+            Move(&result, frame + params);
+            DropTo(s, base);
+            Move(&s->slots[s->top++], &result);
+            return kOk;
+        }
+        default:
+            if (op >= 49 && op <= 90) {
+                pc += 1;
+                CVar* x = &s->slots[s->top - 2];
+                if (!IsUnary(op) && x[0].type == kInt && x[1].type == kInt && op <= 70 &&
+                    (op <= 51 || op >= 65)) {
+                    // Int with Int for + - * and the comparisons, without the
+                    // operator table: the same results, wrapping included.
+                    const int64_t a = x[0].v.i, b = x[1].v.i;
+                    switch (op) {
+                    case 49: x[0].v.i = int64_t(uint64_t(a) + uint64_t(b)); break;
+                    case 50: x[0].v.i = int64_t(uint64_t(a) - uint64_t(b)); break;
+                    case 51: x[0].v.i = int64_t(uint64_t(a) * uint64_t(b)); break;
+                    case 65: x[0].v.i = a == b; break;
+                    case 66: x[0].v.i = a != b; break;
+                    case 67: x[0].v.i = a < b; break;
+                    case 68: x[0].v.i = a <= b; break;
+                    case 69: x[0].v.i = a > b; break;
+                    default: x[0].v.i = a >= b; break;
+                    }
+                    x[1].type = kEmpty;
+                    s->top -= 1;
+                } else if (IsUnary(op))
+                    st = Operate(op, &s->slots[s->top - 1]);
+                else if ((st = Operate(op, &s->slots[s->top - 2])) == kOk)
+                    s->top -= 1;
+            } else if (op >= 97 && op <= 180) {
+                pc += 1;
+                st = Builtin(s, op, floor);
+            } else {
+                st = kNotSupported;  // not an instruction: damaged code
+            }
+            break;
+        }
+        if (st == kOk && memory && s->top > 0) {
+            const CVar* t = &s->slots[s->top - 1];
+            if ((t->type == kStr || t->type == kArr) && t->ref == 0) st = CheckMemory(s);
+        }
+        if (st == kOk) continue;
+        if (st == kStopped || IsBudget(st) || tries.empty()) {
+            if (!IsBudget(st) && s->errorHook)
+                reinterpret_cast<ErrorHook>(s->errorHook)(s, int32_t(at), st);
+            return st;
+        }
+        TryRecord& r = tries.back();
+        r.status = st;
+        DropTo(s, r.top);
+        pc = r.target;
+    }
+}
+
+}  // namespace
+
+int32_t FunProc(KWCalcStack* s) {
+    if (!s || !s->entry) return kNotSupported;
+    return Run(s, s->entry);
+}
+
+int32_t CallEntry(KWCalcStack* s, KWCalcNameDef* e, int32_t nargs) {
+    if (s->top - nargs < 0) return kStackSmall;
+    const bool outermost = s->depth == 0;
+    if (outermost) s->steps = 0;
+    const int32_t base = s->base;
+    const int32_t argBase = s->top - nargs;
+    KWCalcNameDef* const oldEntry = s->entry;
+    void* const oldData = s->data;
+    int32_t st;
+    if (s->depth >= DepthLimit(s)) {
+        st = kDepthLimit;
+    } else {
+        ++s->depth;
+        s->base = argBase;
+        s->entry = e;
+        s->data = e->data;
+        st = kOk;
+        if (s->debugHook) {
+            s->flags.fetch_or(kDebugRunning);
+            st = s->debugHook(s);
+            s->flags.fetch_and(~kDebugRunning);
+        }
+        if (st == kOk) {
+            KWCalcDef* c = s->calculator;
+            KWCalcFn fn = e->fn;
+            if (e->hook && c && c->callHook) fn = c->callHook;
+            else if (!fn && c) fn = c->defaultHandler;
+            try {
+                if (!fn) st = kUnknownFun;
+                else if (fn == &KWFunProc) st = Run(s, e);
+                else st = fn(s);
+            } catch (const std::bad_alloc&) {
+                st = kNoMemRun;
+            } catch (...) {
+                // A host function that throws ends its call with a status; the
+                // budgets of nested runs keep theirs (they are plain codes).
+                st = kHostThrew;
+            }
+        }
+        if (st == kOk && s->debugHook) {
+            s->flags.fetch_or(kDebugRunning);
+            st = s->debugHook(s);
+            s->flags.fetch_and(~kDebugRunning);
+        }
+        --s->depth;
+    }
+    if (st == kOk) {
+        if (s->top <= argBase) s->top = argBase + 1;  // the result slot is the first argument's
+        DropTo(s, argBase + 1);
+    } else {
+        DropTo(s, argBase);
+    }
+    s->base = base;
+    s->entry = oldEntry;
+    s->data = oldData;
+    return st;
+}
+
+// Calls the stack's current entry with its arguments on the top; an entry
+// without parameters gets the one empty value that calls pass then.
+static int32_t HostCall(KWCalcStack* s) {
+    KWCalcNameDef* e = s->entry;
+    if (!e) return kUnknownFun;
+    if (e->argc == 0) {
+        if (s->top >= s->capacity) return kStackSmall;
+        SetEmpty(&s->slots[s->top++]);
+    }
+    return CallEntry(s, e, e->argc > 0 ? e->argc : 1);
+}
+
+int32_t Formula(const char* text, CVar* result, KWCalcDef* calc, int32_t debug) {
+    if (result) SetEmpty(result);
+    if (!text) return kNotSupported;
+    std::unique_ptr<KWCalcDef, void (*)(KWCalcDef*)> temp(nullptr, &CalcDestroy);
+    if (!calc) {
+        try {
+            temp.reset(CalcCreate(nullptr, nullptr).release());
+        } catch (const std::bad_alloc&) {
+            return kNoMem;
+        }
+        calc = temp.get();
+    }
+    std::string source;
+    try {
+        source.reserve(std::strlen(text) + 100);
+        source = "___formula___(){Result=";
+        source += text;
+        source += ";}";
+    } catch (const std::bad_alloc&) {
+        return kNoMemRun;
+    }
+    KWCalcNameDef* e = nullptr;
+    if (const int32_t st = FunAddI(calc, source.c_str(), &e, debug); st != kOk) return st;
+    struct Guard {
+        KWCalcDef* c;
+        KWCalcStack* s = nullptr;
+        ~Guard() {
+            StackFree(s);
+            FunDel(c, "___formula___");
+        }
+    } guard{calc};
+    if (const int32_t st = StackCreate(calc, &guard.s, 512); st != kOk) return st;
+    guard.s->entry = e;
+    const int32_t st = HostCall(guard.s);
+    if (st == kOk && result) Move(result, &guard.s->slots[guard.s->top - 1]);
+    return st;
+}
+
+}  // namespace kwz::calc
+
+using namespace kwz::calc;
+
+extern "C" {
+
+KWZ_API int32_t KWCalcFun0(KWCalcStack* stack) {
+    return kwz::CEdge("Kwz.kwCalc.KWCalcFun0", kNoMemRun, kHostThrew,
+                      [&] { return stack ? HostCall(stack) : kNotSupported; });
+}
+
+KWZ_API int32_t KWCalcFun1(KWCalcStack* stack, KWCalcNameDef* entry) {
+    return kwz::CEdge("Kwz.kwCalc.KWCalcFun1", kNoMemRun, kHostThrew, [&] {
+        if (!stack || !entry) return kNotSupported;
+        stack->entry = entry;
+        stack->data = entry->data;
+        return HostCall(stack);
+    });
+}
+
+KWZ_API int32_t KWCalcFun2(KWCalcStack* stack, const char* name) {
+    return kwz::CEdge("Kwz.kwCalc.KWCalcFun2", kNoMemRun, kHostThrew, [&] {
+        if (!stack) return kNotSupported;
+        KWCalcNameDef* e = NameFind(stack->calculator, name, nullptr);
+        if (!e) return kUnknownFun;
+        stack->entry = e;
+        stack->data = e->data;
+        return HostCall(stack);
+    });
+}
+
+KWZ_API int32_t KWFunProc(KWCalcStack* stack) {
+    return kwz::CEdge("Kwz.kwCalc.KWFunProc", kNoMemRun, kHostThrew,
+                      [&] { return FunProc(stack); });
+}
+
+KWZ_API int32_t KWCalcFormula(const char* text, CVar* result, KWCalcDef* calculator, int32_t debug) {
+    return kwz::CEdge("Kwz.kwCalc.KWCalcFormula", kNoMemRun, kHostThrew,
+                      [&] { return Formula(text, result, calculator, debug); });
+}
+
+KWZ_API int32_t KWCalcFormulaInt(const char* text, int64_t* out) {
+    return kwz::CEdge("Kwz.kwCalc.KWCalcFormulaInt", kNoMemRun, kHostThrew, [&] {
+        if (out) *out = 0;
+        CVar v{};
+        int32_t st = Formula(text, &v, nullptr, 0);
+        if (st == kOk && v.type != kInt) st = Cast(&v, kInt);
+        if (st == kOk && out) *out = v.v.i;
+        SetEmpty(&v);
+        return st;
+    });
+}
+
+KWZ_API int32_t KWCalcFormulaDbl(const char* text, double* out) {
+    return kwz::CEdge("Kwz.kwCalc.KWCalcFormulaDbl", kNoMemRun, kHostThrew, [&] {
+        if (out) *out = 0;
+        CVar v{};
+        int32_t st = Formula(text, &v, nullptr, 0);
+        if (st == kOk && v.type != kDbl) st = Cast(&v, kDbl);
+        if (st == kOk && out) *out = v.v.d;
+        SetEmpty(&v);
+        return st;
+    });
+}
+
+}  // extern "C"

@@ -1,0 +1,439 @@
+// The calculator engine: formulas and script functions in, values or
+// statuses out, one row per case; the name table, the host call protocol,
+// the stop bit, budgets and the depth limit on a 1 MiB thread.
+#include <gtest/gtest.h>
+
+#include <VomKwz.h>
+#include <pthread.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace {
+
+// Values as short text: i:5 d:2.5 s:"ab" [i:1,i:2] e
+std::string Show(const CVar* v) {
+    char buf[64];
+    switch (v->type) {
+    case 0: return "e";
+    case 1: std::snprintf(buf, sizeof buf, "i:%lld", static_cast<long long>(v->v.i + 0)); return buf;
+    case 2: std::snprintf(buf, sizeof buf, "d:%.15g", v->v.d + 0); return buf;
+    case 3: return "s:\"" + std::string(v->v.s ? v->v.s : "", size_t(v->count)) + "\"";
+    case 4: {
+        std::string r = "[";
+        for (int32_t i = 0; i < v->count; ++i) r += (i ? "," : "") + Show(&v->v.a[i]);
+        return r + "]";
+    }
+    default: return "obj";
+    }
+}
+
+// Host functions for the rows.
+int32_t HostAdd(KWCalcStack* s) {  // hadd(a, b): Int sum into slot 0
+    CVar* a = KWCalcStackArg(s, 0);
+    CVar* b = KWCalcStackArg(s, 1);
+    if (a->type != 1 || b->type != 1) return -44;
+    CVarSetInt(a, a->v.i + b->v.i);
+    return 0;
+}
+int32_t HostFail(KWCalcStack* s) {  // hfail(n): fails with status n
+    return int32_t(KWCalcStackArg(s, 0)->v.i);
+}
+int32_t HostThrow(KWCalcStack*) { throw std::runtime_error("host failure"); }
+int32_t HostSeven(KWCalcStack* s) {  // hseven(): 7, with data checked
+    if (KWCalcStackData(s) != reinterpret_cast<void*>(0x1234)) return -44;
+    CVarSetInt(KWCalcStackArg(s, 0), 7);
+    return 0;
+}
+int32_t HostBack(KWCalcStack* s) {  // hback(x): calls the script sq(x) through the stack
+    CVar* x = KWCalcStackArg(s, 0);
+    CVar* arg = KWCalcStackPush(s);
+    if (!arg) return -47;
+    CVarCopy(arg, x);
+    const int32_t st = KWCalcFun2(s, "sq");
+    if (st != 0) return st;
+    return KWCalcStackPop(s, KWCalcStackArg(s, 0));
+}
+
+const char* const kScripts[] = {
+    "sq(x){Result=x*x;}",
+    "fact(n){if(n<=1){Result=1;}else{Result=n*fact(n-1);}}",
+    "fib(n){if(n<2){Result=n;exit;}Result=fib(n-1)+fib(n-2);}",
+    "sumto(n){var i,s;i=0;s=0;while(i<n){i=i+1;if(i==3){continue;}if(i>8){break;}s=s+i;}Result=s;}",
+    "viahost(x){Result=hback(x)+1;}",
+    "strs(){var s,i;s=\"\";i=0;while(i<5){s=s+chr(65+i);i=i+1;}Result=s;}",
+    "arrs(){var a;a=[1,[2,3],\"xy\"];a[1][0]=20;a[2]=a[2]+\"Z\";Result=a;}",
+    "forever(){while(1){}}",
+    "deep(n){Result=deep(n+1);}",
+    "noargs(){Result=42;}",
+    "tryhost(){Result=[try(hfail(-30)),try(hthrow()),try(1/0),try(hadd(1,2))];}",
+    "ld(){var e;Result=(e=3,ldexp(1.5));}",
+    "shadow(a,b){a=a+b;b=0;Result=[a,b];}",
+};
+
+struct Calc {
+    KWCalcDef* c = nullptr;
+    Calc() {
+        EXPECT_EQ(KWCalcCreate(&c, nullptr, nullptr), 0);
+        EXPECT_EQ(KWCalcFunAdd(c, "hadd", 2, &HostAdd, nullptr, nullptr), 0);
+        EXPECT_EQ(KWCalcFunAdd(c, "hfail", 1, &HostFail, nullptr, nullptr), 0);
+        EXPECT_EQ(KWCalcFunAdd(c, "hthrow", 0, &HostThrow, nullptr, nullptr), 0);
+        EXPECT_EQ(KWCalcFunAdd(c, "hseven", 0, &HostSeven, reinterpret_cast<void*>(0x1234), nullptr), 0);
+        EXPECT_EQ(KWCalcFunAdd(c, "hback", 1, &HostBack, nullptr, nullptr), 0);
+        for (const char* s : kScripts) EXPECT_EQ(KWCalcFunAddI(c, s, nullptr, 0, 0), 0) << s;
+    }
+    ~Calc() { KWCalcDestroy(c); }
+};
+
+struct Row {
+    const char* expr;
+    int32_t status;
+    const char* value;  // Show() of the result when status is 0
+};
+
+void RunRows(const std::vector<Row>& rows, KWCalcDef* c) {
+    for (const Row& r : rows) {
+        CVar v{};
+        const int32_t st = KWCalcFormula(r.expr, &v, c, 0);
+        EXPECT_EQ(st, r.status) << r.expr;
+        if (st == 0 && r.status == 0) {
+            EXPECT_EQ(Show(&v), r.value) << r.expr;
+        }
+        if (st != 0) {
+            EXPECT_EQ(v.type, 0) << r.expr;
+        }
+        CVarSetEmpty(&v);
+    }
+}
+
+TEST(CalcEngine, Operators) {
+    const std::vector<Row> rows = {
+        {"2+3", 0, "i:5"},
+        {"2+3*4", 0, "i:14"},
+        {"(2+3)*4", 0, "i:20"},
+        {"4611686018427387904*2", 0, "i:-9223372036854775808"},
+        {"1+0.5", 0, "d:1.5"},
+        {"\"ab\"+\"cd\"", 0, "s:\"abcd\""},
+        {"\"ab\"+1", -44, ""},
+        {"[1]+1", -44, ""},
+        {"7-10", 0, "i:-3"},
+        {"2.5*2", 0, "d:5"},
+        {"7/2", 0, "d:3.5"},
+        {"7/0", -43, ""},
+        {"7\\2", 0, "i:3"},
+        {"-7\\2", 0, "i:-3"},
+        {"7.9\\2", 0, "i:3"},
+        {"7\\0", -43, ""},
+        {"(4611686018427387904*2)\\-1", 0, "i:-9223372036854775808"},
+        {"-7%3", 0, "i:-1"},
+        {"7.5%2", 0, "d:1.5"},
+        {"7%0", -43, ""},
+        {"1==1", 0, "i:1"},
+        {"1==1.0", 0, "i:1"},
+        {"1!=2", 0, "i:1"},
+        {"\"a\"<\"b\"", 0, "i:1"},
+        {"\"ab\"<\"a\"", 0, "i:0"},
+        {"2<=2", 0, "i:1"},
+        {"3>2.5", 0, "i:1"},
+        {"2>=3", 0, "i:0"},
+        {"null()==null()", 0, "i:1"},
+        {"null()==0", 0, "i:0"},
+        {"sqrt(-1)==sqrt(-1)", 0, "i:0"},
+        {"sqrt(-1)!=sqrt(-1)", 0, "i:1"},
+        {"sqrt(-1)<1", 0, "i:0"},
+        {"\"a\"<1", -44, ""},
+        {"6&3", 0, "i:2"},
+        {"6^3", 0, "i:5"},
+        {"6|3", 0, "i:7"},
+        {"1<<65", 0, "i:2"},
+        {"-8>>1", 0, "i:-4"},
+        {"6.7&3", 0, "i:2"},
+        {"~0", 0, "i:-1"},
+        {"-(4611686018427387904*2)", 0, "i:-9223372036854775808"},
+        {"-2.5", 0, "d:-2.5"},
+        {"!0", 0, "i:1"},
+        {"!0.0", 0, "i:1"},
+        {"!\"\"", 0, "i:1"},
+        {"!null()", 0, "i:1"},
+        {"!5", 0, "i:0"},
+        {"-\"a\"", -44, ""},
+        {"1&&2", 0, "i:1"},
+        {"0&&sqrt(\"x\")", 0, "i:0"},
+        {"1||1/0", 0, "i:1"},
+        {"0||0", 0, "i:0"},
+        {"0||3", 0, "i:1"},
+        {"1|2==2", 0, "i:1"},
+        {"1+2<<1", 0, "i:6"},
+        {"(1,2,3)", 0, "i:3"},
+        {"[1,2,[3]][2][0]", 0, "i:3"},
+        {"[1,2][5]", -49, ""},
+        {"\"abc\"[1]", 0, "i:98"},
+        {"[]", 0, "[]"},
+    };
+    Calc c;
+    RunRows(rows, c.c);
+}
+
+TEST(CalcEngine, ScriptsAndCalls) {
+    const std::vector<Row> rows = {
+        {"sq(7)", 0, "i:49"},
+        {"fact(20)", 0, "i:2432902008176640000"},
+        {"fib(15)", 0, "i:610"},
+        {"sumto(100)", 0, "i:33"},  // 1+2+4+5+6+7+8
+        {"viahost(5)", 0, "i:26"},  // script -> host -> script
+        {"hadd(sq(2),3)", 0, "i:7"},
+        {"hseven()", 0, "i:7"},
+        {"noargs()", 0, "i:42"},
+        {"strs()", 0, "s:\"ABCDE\""},
+        {"arrs()", 0, "[i:1,[i:20,i:3],s:\"xyZ\"]"},
+        {"shadow(1,2)", 0, "[i:3,i:0]"},
+        {"nosuch(1)", -45, ""},
+        {"hfail(-30)", -30, ""},
+        {"hthrow()", -53, ""},
+        {"hadd(1,\"x\")", -44, ""},
+        {"try(hfail(-30))", 0, "i:-30"},
+        {"try([1][3])", 0, "i:-49"},
+        {"try(1)", 0, "i:0"},
+        {"tryhost()", 0, "[i:-30,i:-53,i:-43,i:0]"},
+        {"deep(0)", -52, ""},
+        {"try(deep(0))", -52, ""},
+        {"1+", -2, ""},
+    };
+    Calc c;
+    RunRows(rows, c.c);
+}
+
+TEST(CalcEngine, Builtins) {
+    const std::vector<Row> rows = {
+        {"iif(1,\"a\",\"b\")", 0, "s:\"a\""},
+        {"iif(0.0,\"a\",\"b\")", 0, "s:\"b\""},
+        {"abs(-3)", 0, "i:3"},
+        {"abs(-2.5)", 0, "d:2.5"},
+        {"abs([1])", -44, ""},
+        {"min(3,2)", 0, "i:2"},
+        {"max(3,2.5)", 0, "d:3"},
+        {"min(\"b\",\"a\")", 0, "s:\"a\""},
+        {"round(2.345,2)", 0, "d:2.35"},
+        {"round(-2.5,0)", 0, "d:-3"},
+        {"round(1234,-2)", 0, "d:1200"},
+        {"abort(-5)", -5, ""},
+        {"abort(3)", -40, ""},
+        {"try(abort(-5))", 0, "i:-5"},
+        {"sin(0)", 0, "d:0"},
+        {"cos(0)", 0, "d:1"},
+        {"sqrt(16)", 0, "d:4"},
+        {"pow(2,10)", 0, "d:1024"},
+        {"exp(0)+log(1)+log10(100)", 0, "d:3"},
+        {"tan(0)+asin(0)+acos(1)+atan(0)", 0, "d:0"},
+        {"sin([1])", -44, ""},
+        {"ld()", 0, "d:12"},  // the exponent is the value below the argument
+        {"ldexp(1.5)", -47, ""},  // it would reach the function's result
+        {"type(1.5)", 0, "i:2"},
+        {"typename(\"x\")", 0, "s:\"Str\""},
+        {"int(\"42\")", 0, "i:42"},
+        {"dbl(2)", 0, "d:2"},
+        {"str(12)", 0, "s:\"12\""},
+        {"arr(5)", 0, "[i:5]"},
+        {"null()", 0, "e"},
+        {"len(\"abc\")", 0, "i:3"},
+        {"len([1,2])", 0, "i:2"},
+        {"len(5)", -44, ""},
+        {"mid(\"abcdef\",2,3)", 0, "s:\"cde\""},
+        {"mid(\"abcdef\",4,10)", 0, "s:\"ef\""},
+        {"mid(\"abc\",-1,2)", 0, "s:\"ab\""},
+        {"left(\"abc\",2)", 0, "s:\"ab\""},
+        {"right(\"abc\",5)", 0, "s:\"abc\""},
+        {"mid(1,2,3)", -44, ""},
+        {"cmp(\"a\",\"b\")", 0, "i:-1"},
+        {"cmpi(\"ABC\",\"abc\")", 0, "i:0"},
+        {"pos(\"hello\",\"l\")", 0, "i:2"},
+        {"pos(\"hello\",\"z\")", 0, "i:-1"},
+        {"posi(\"HELLO\",\"lo\")", 0, "i:3"},
+        {"chr(65)", 0, "s:\"A\""},
+        {"ord(\"A\")", 0, "i:65"},
+        {"ord(\"\")", 0, "i:0"},
+        {"toupper(\"ab\xe0\")", 0, "s:\"AB\xc0\""},
+        {"tolower(\"AB\xc0\")", 0, "s:\"ab\xe0\""},
+        {"cmp(1,2)", -44, ""},
+        {"printf(\"%d|%5.2f|%-4s|%x|%c|%%|%e\",[42,3.14159,\"ab\",255,65,1.5])", 0,
+         "s:\"42| 3.14|ab  |ff|A|%|1.500000e+00\""},
+        {"printf(\"%03i %o %X %g %u\",[7,8,255,0.5,3])", 0, "s:\"007 10 FF 0.5 3\""},
+        {"printf(\"<%s>\",12)", 0, "s:\"<12>\""},
+        {"printf(\"%d %d\",[1])", -49, ""},
+        {"printf(\"%q\",[1])", -44, ""},
+        {"printf(1,2)", -44, ""},
+        {"scanf(\"12 ab 3.5 ff Z\",\"%d %s %f %x %c\")", 0, "[i:12,s:\"ab\",d:3.5,i:255,i:90]"},
+        {"scanf(\"x=5,y=7\",\"x=%d,y=%d\")", 0, "[i:5,i:7]"},
+        {"scanf(\"12345\",\"%2d%3d\")", 0, "[i:12,i:345]"},
+        {"scanf(\"abc\",\"%d\")", 0, "[]"},
+        {"scanf(1,\"%d\")", -44, ""},
+    };
+    Calc c;
+    RunRows(rows, c.c);
+}
+
+TEST(CalcEngine, TimeAndObjectBuiltins) {
+    setenv("TZ", "UTC", 1);
+    tzset();
+    // 2021-03-04 05:06:07.089 UTC, a Thursday, day 62 of the year.
+    const std::vector<Row> rows = {
+        {"tmmsec(1614834367089)", 0, "i:89"},
+        {"tmsec(1614834367089)", 0, "i:7"},
+        {"tmmin(1614834367089)", 0, "i:6"},
+        {"tmhour(1614834367089)", 0, "i:5"},
+        {"tmday(1614834367089)", 0, "i:4"},
+        {"tmmon(1614834367089)", 0, "i:3"},
+        {"tmyear(1614834367089)", 0, "i:2021"},
+        {"tmwday(1614834367089)", 0, "i:4"},
+        {"tmyday(1614834367089)", 0, "i:62"},
+        {"tmisdst(1614834367089)", 0, "i:0"},
+        {"tmmsec(-1)", 0, "i:999"},
+        {"tmlocal(1614834367089)", 0, "[i:2021,i:3,i:4,i:5,i:6,i:7,i:89]"},
+        {"tmgm(0)", 0, "[i:1970,i:1,i:1,i:0,i:0,i:0,i:0]"},
+        {"tmmake(2021,3,4,5,6,7,89)", 0, "i:1614834367089"},
+        {"(1,tmmake(2021,3,4,5,6,7,89))", 0, "i:1614834367089"},
+        {"tmmakea([2021,3,4,5,6,7,89])", 0, "i:1614834367089"},
+        {"tmmakea([1970])", 0, "i:0"},
+        {"tmstr(1614834367089,\"%Y-%m-%d %H:%M\")", 0, "s:\"2021-03-04 05:06\""},
+        {"tmsec(\"x\")", -44, ""},
+        {"tmmakea(5)", -44, ""},
+        {"new(1,2)", -44, ""},
+        {"get(1,2)", -44, ""},
+        {"put(1,2,3)", -44, ""},
+        {"call(1,2,3)", -44, ""},
+    };
+    Calc c;
+    RunRows(rows, c.c);
+}
+
+TEST(CalcEngine, FormulaIntDbl) {
+    int64_t i = -1;
+    EXPECT_EQ(KWCalcFormulaInt("2+3", &i), 0);
+    EXPECT_EQ(i, 5);
+    EXPECT_EQ(KWCalcFormulaInt("2+", &i), -2);
+    EXPECT_EQ(i, 0);
+    double d = -1;
+    EXPECT_EQ(KWCalcFormulaDbl("1/4", &d), 0);
+    EXPECT_EQ(d, 0.25);
+    EXPECT_EQ(KWCalcFormulaDbl("1/0", &d), -43);
+    EXPECT_EQ(d, 0);
+}
+
+TEST(CalcEngine, NameTable) {
+    KWCalcDef* c = nullptr;
+    ASSERT_EQ(KWCalcCreate(&c, nullptr, nullptr), 0);
+    KWCalcNameDef* e = nullptr;
+    EXPECT_EQ(KWCalcFunAdd(c, "Host", 1, &HostFail, nullptr, &e), 0);
+    EXPECT_NE(e, nullptr);
+    EXPECT_EQ(KWCalcFunAdd(c, "HOST", 1, &HostFail, nullptr, nullptr), -27);
+    EXPECT_EQ(KWCalcFunAdd(c, "other", 1, nullptr, nullptr, nullptr), 0);
+    EXPECT_EQ(KWCalcFunAdd(c, "OTHER", 2, &HostFail, nullptr, nullptr), -22);
+    int32_t index = -2;
+    EXPECT_EQ(KWCalcNameFind(c, "host", &index), e);
+    EXPECT_EQ(index, 0);
+    EXPECT_EQ(KWCalcNameFind(c, "none", &index), nullptr);
+    EXPECT_EQ(index, -1);
+    // A link from an entry without a function; a link with another count.
+    KWCalcNameDef* other = KWCalcNameFind(c, "other", nullptr);
+    EXPECT_EQ(KWCalcFunLink(other, "host", 1, nullptr), -26);
+    EXPECT_EQ(KWCalcFunLink(e, "host", 2, nullptr), -22);
+    // A compiled caller whose callee count differs is removed again.
+    EXPECT_EQ(KWCalcFunAddI(c, "f(){Result=host(1,2);}", nullptr, 0, 0), -22);
+    EXPECT_EQ(KWCalcNameFind(c, "f", nullptr), nullptr);
+    EXPECT_EQ(KWCalcFunAddI(c, "f(", nullptr, 0, 0), -2);
+    // Deleting a callee unlinks its callers: calling it then gives -45.
+    ASSERT_EQ(KWCalcFunAddI(c, "g(x){Result=host(x);}", nullptr, 0, 0), 0);
+    EXPECT_EQ(KWCalcFunAddI(c, "g(x){Result=1;}", nullptr, 0, 0), -27);
+    EXPECT_EQ(KWCalcFunDel(c, "host"), 0);
+    EXPECT_EQ(KWCalcFunDel(c, "host"), -45);
+    CVar v{};
+    EXPECT_EQ(KWCalcFormula("g(1)", &v, c, 0), -45);
+    // Re-registering the name links new callers, not the old one.
+    EXPECT_EQ(KWCalcFunAdd(c, "host", 1, &HostFail, nullptr, nullptr), 0);
+    EXPECT_EQ(KWCalcFormula("g(1)", &v, c, 0), -45);
+    EXPECT_EQ(KWCalcFunDel(c, "g"), 0);
+    KWCalcDestroy(c);
+}
+
+TEST(CalcEngine, HostProtocolAndStack) {
+    Calc c;
+    KWCalcStack* s = nullptr;
+    ASSERT_EQ(KWCalcStackCreate(c.c, &s, 4), 0);
+    EXPECT_EQ(KWCalcStackTest(s, 3), 0);
+    EXPECT_EQ(KWCalcStackTest(s, 4), -47);
+    // hadd(2, 3) through push, call, pop.
+    CVarSetInt(KWCalcStackPush(s), 2);
+    CVarSetInt(KWCalcStackPush(s), 3);
+    EXPECT_EQ(KWCalcFun2(s, "hadd"), 0);
+    CVar out{};
+    EXPECT_EQ(KWCalcStackPop(s, &out), 0);
+    EXPECT_EQ(out.v.i + 0, 5);
+    EXPECT_EQ(KWCalcStackPop(s, nullptr), -47);
+    // A failure leaves the stack as before the arguments.
+    CVarSetInt(KWCalcStackPush(s), 1);
+    CVarSetStr(KWCalcStackPush(s), "x", 1);
+    EXPECT_EQ(KWCalcFun2(s, "hadd"), -44);
+    EXPECT_EQ(KWCalcStackPop(s, nullptr), -47);
+    EXPECT_EQ(KWCalcFun2(s, "nosuch"), -45);
+    // fib(10) needs more stack than 4 values.
+    CVarSetInt(KWCalcStackPush(s), 10);
+    EXPECT_EQ(KWCalcFun2(s, "fib"), -47);
+    EXPECT_EQ(KWCalcStackPop(s, nullptr), -47);
+    // A parameterless script called by the host.
+    KWCalcNameDef* e = KWCalcNameFind(c.c, "noargs", nullptr);
+    EXPECT_EQ(KWCalcFun1(s, e), 0);
+    EXPECT_EQ(KWCalcStackPop(s, &out), 0);
+    EXPECT_EQ(out.v.i + 0, 42);
+    KWCalcStackFree(s);
+}
+
+TEST(CalcEngine, Budgets) {
+    Calc c;
+    CVar v{};
+    ASSERT_EQ(KWCalcSetLimits(c.c, 10000, 0, 0), 0);
+    EXPECT_EQ(KWCalcFormula("forever()", &v, c.c, 0), -50);
+    EXPECT_EQ(KWCalcFormula("try(forever())", &v, c.c, 0), -50);
+    EXPECT_EQ(KWCalcFormula("fib(10)", &v, c.c, 0), 0);  // counted per run
+    EXPECT_EQ(KWCalcFormula("fib(10)", &v, c.c, 0), 0);
+    ASSERT_EQ(KWCalcSetLimits(c.c, 0, 100000, 0), 0);
+    ASSERT_EQ(KWCalcFunAddI(c.c, "grow(){var s;s=\"x\";while(1){s=s+s;}}", nullptr, 0, 0), 0);
+    EXPECT_EQ(KWCalcFormula("grow()", &v, c.c, 0), -51);
+    ASSERT_EQ(KWCalcSetLimits(c.c, 0, 0, 10), 0);
+    EXPECT_EQ(KWCalcFormula("fact(9)", &v, c.c, 0), 0);
+    EXPECT_EQ(KWCalcFormula("fact(12)", &v, c.c, 0), -52);
+    EXPECT_EQ(KWCalcSetLimits(c.c, -1, 0, 0), -44);
+    CVarSetEmpty(&v);
+}
+
+// Endless recursion, directly and through a host function, ends with -52
+// on a thread with a 1 MiB stack under the default depth.
+void* DeepOnSmallThread(void* arg) {
+    auto* result = static_cast<std::vector<int32_t>*>(arg);
+    Calc c;
+    EXPECT_EQ(KWCalcFunAddI(c.c, "ping(n){Result=hback(n);}", nullptr, 0, 0), 0);
+    EXPECT_EQ(KWCalcFunAddI(c.c, "sq(n){Result=ping(n+1);}", nullptr, 0, 0), -27);
+    KWCalcFunDel(c.c, "sq");
+    EXPECT_EQ(KWCalcFunAddI(c.c, "sq(n){Result=ping(n+1);}", nullptr, 0, 0), 0);
+    CVar v{};
+    result->push_back(KWCalcFormula("deep(0)", &v, c.c, 0));
+    result->push_back(KWCalcFormula("ping(0)", &v, c.c, 0));
+    return nullptr;
+}
+
+TEST(CalcEngine, DepthOnOneMebibyteThread) {
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setstacksize(&attr, 1 << 20);
+    pthread_t t;
+    std::vector<int32_t> result;
+    ASSERT_EQ(pthread_create(&t, &attr, &DeepOnSmallThread, &result), 0);
+    pthread_join(t, nullptr);
+    pthread_attr_destroy(&attr);
+    EXPECT_EQ(result, (std::vector<int32_t>{-52, -52}));
+}
+
+}  // namespace
