@@ -4,11 +4,11 @@
 #   2. AddressSanitizer + UndefinedBehaviorSanitizer build, every test, leaks fatal;
 #   3. ThreadSanitizer build, the transport tests;
 #   4. clang libFuzzer build, every fuzz target for a bounded time.
-# KWZ_FUZZ_SECONDS sets the time per fuzz target (default 20; 0 skips step 4).
+# KWZ_FUZZ_SECONDS sets the time per fuzz target (default 10; 0 skips step 4).
 set -euo pipefail
 source "$(dirname "$0")/common.sh"
 "$KWZ_ROOT/scripts/bootstrap.sh"
-fuzz_seconds=${KWZ_FUZZ_SECONDS:-20}
+fuzz_seconds=${KWZ_FUZZ_SECONDS:-10}
 start=$SECONDS
 
 run_ctest() {  # DIR [ctest options...]
