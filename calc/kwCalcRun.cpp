@@ -494,6 +494,22 @@ int32_t Formula(const char* text, CVar* result, KWCalcDef* calc, int32_t debug) 
 
 using namespace kwz::calc;
 
+namespace {
+
+// A formula's value cast to one scalar tag; *out is 0 unless it succeeds.
+template <typename T>
+int32_t FormulaAs(const char* text, int32_t tag, T* out) {
+    if (out) *out = 0;
+    CVar v{};
+    int32_t st = Formula(text, &v, nullptr, 0);
+    if (st == kOk && v.type != tag) st = Cast(&v, tag);
+    if (st == kOk && out) *out = tag == kInt ? static_cast<T>(v.v.i) : static_cast<T>(v.v.d);
+    SetEmpty(&v);
+    return st;
+}
+
+}  // namespace
+
 extern "C" {
 
 KWZ_API int32_t KWCalcFun0(KWCalcStack* stack) {
@@ -532,27 +548,13 @@ KWZ_API int32_t KWCalcFormula(const char* text, CVar* result, KWCalcDef* calcula
 }
 
 KWZ_API int32_t KWCalcFormulaInt(const char* text, int64_t* out) {
-    return kwz::CEdge("Kwz.kwCalc.KWCalcFormulaInt", kNoMemRun, kHostThrew, [&] {
-        if (out) *out = 0;
-        CVar v{};
-        int32_t st = Formula(text, &v, nullptr, 0);
-        if (st == kOk && v.type != kInt) st = Cast(&v, kInt);
-        if (st == kOk && out) *out = v.v.i;
-        SetEmpty(&v);
-        return st;
-    });
+    return kwz::CEdge("Kwz.kwCalc.KWCalcFormulaInt", kNoMemRun, kHostThrew,
+                      [&] { return FormulaAs(text, kInt, out); });
 }
 
 KWZ_API int32_t KWCalcFormulaDbl(const char* text, double* out) {
-    return kwz::CEdge("Kwz.kwCalc.KWCalcFormulaDbl", kNoMemRun, kHostThrew, [&] {
-        if (out) *out = 0;
-        CVar v{};
-        int32_t st = Formula(text, &v, nullptr, 0);
-        if (st == kOk && v.type != kDbl) st = Cast(&v, kDbl);
-        if (st == kOk && out) *out = v.v.d;
-        SetEmpty(&v);
-        return st;
-    });
+    return kwz::CEdge("Kwz.kwCalc.KWCalcFormulaDbl", kNoMemRun, kHostThrew,
+                      [&] { return FormulaAs(text, kDbl, out); });
 }
 
 }  // extern "C"
