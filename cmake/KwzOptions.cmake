@@ -20,3 +20,8 @@ if(KWZ_BUILD_FUZZERS)
   # Coverage for everything, the fuzzer main only for the fuzz targets.
   add_compile_options(-fsanitize=fuzzer-no-link)
 endif()
+
+# Test code (tests, seed replays, helper programs) is compiled for build speed:
+# it runs the library, whose own flags stay those of the build type, and three
+# builds of the suite must fit in the test command's time.
+set(KWZ_TEST_COMPILE_OPTIONS -O1 -g1)

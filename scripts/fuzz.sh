@@ -1,9 +1,13 @@
 #!/usr/bin/env bash
-# Runs every fuzz target of build/fuzz for SECONDS each (default 20), starting
-# from a scratch copy of its seed corpus.  For a long run:
+# Builds the libFuzzer targets (clang, AddressSanitizer + UndefinedBehavior-
+# Sanitizer) in build/fuzz and runs each for SECONDS (default 20), starting
+# from a scratch copy of its seed corpus.  For a long run of one target:
 #   scripts/fuzz.sh 3600 record
 set -euo pipefail
 source "$(dirname "$0")/common.sh"
+"$KWZ_ROOT/scripts/bootstrap.sh"
+CC=clang CXX=clang++ kwz_build "$KWZ_ROOT/build/fuzz" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DKWZ_BUILD_FUZZERS=ON -DKWZ_BUILD_TESTS=OFF -DKWZ_BUILD_TOOLS=OFF -DKWZ_SANITIZE=address,undefined
 seconds=${1:-20}; only=${2:-}
 dir="$KWZ_ROOT/build/fuzz/fuzz"
 shopt -s nullglob
