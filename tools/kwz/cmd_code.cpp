@@ -1,5 +1,6 @@
 // kwz compile (a calculator function's code as text) and kwz value (a value
-// image as a tree); the value reader also serves `kwz info`.
+// image as a tree); the value reader also serves `kwz info`.  Evaluating
+// scripts is cmd_calc.cpp's.
 #include <VomKwz.h>
 
 #include <cinttypes>
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include "command.h"
+#include "kwz_calc.h"
 #include "kwz_util.h"
 #include "kwz_value.h"
 
@@ -72,29 +74,6 @@ namespace {
 
 using namespace kwz::tool;
 
-// Line and column (1-based, in bytes) of a byte offset, and the line's text.
-struct Where {
-    size_t line = 1, column = 1;
-    std::string text;
-};
-Where Locate(const std::string& source, size_t offset) {
-    Where w;
-    if (offset > source.size()) offset = source.size();
-    size_t start = 0;
-    for (size_t i = 0; i < offset; ++i) {
-        if (source[i] == '\n') {
-            w.line++;
-            start = i + 1;
-        }
-    }
-    w.column = offset - start + 1;
-    size_t end = source.find('\n', start);
-    if (end == std::string::npos) end = source.size();
-    w.text = source.substr(start, end - start);
-    if (!w.text.empty() && w.text.back() == '\r') w.text.pop_back();
-    return w;
-}
-
 // The local names of the debug information after the code's end: parameters
 // first, then "result" and the vars.  The end is the last instruction the
 // disassembly lists.
@@ -138,14 +117,7 @@ KWZ_COMMAND(compile, {400, "calculator", "compile", "FILE|-",
     if (!f) return Fail(InputName(file), "out of memory");
     int exitCode = kExitOk;
     if (rc != 0 || f->paramCount < 0) {
-        const Where w = Locate(source, size_t(f->externCount < 0 ? 0 : f->externCount));
-        const char* message = f->code ? reinterpret_cast<const char*>(f->code) : "compile error";
-        Fail(InputName(file) + ":" + std::to_string(w.line) + ":" + std::to_string(w.column),
-             std::string(message) + " (code " + std::to_string(f->paramCount) + ")");
-        std::string caret;
-        for (size_t i = 0; i + 1 < w.column && i < w.text.size(); ++i) caret += w.text[i] == '\t' ? '\t' : ' ';
-        std::fprintf(stderr, "%s\n%s^\n", w.text.c_str(), caret.c_str());
-        exitCode = kExitFailure;
+        exitCode = ReportCompileError(InputName(file), source, 0, *f);
     } else {
         char* text = KWFunDisassemble(f);
         if (!text) {
