@@ -19,8 +19,9 @@ KWZ_COMMAND(calc, {401, "calculator", "calc", "[EXPR]", "evaluate an expression,
                    "An error prints kwz calc: error -N at column C: message (compile errors) or\n"
                    "kwz calc: error -N [in FUNCTION]: message (run time); exit 1.\n"
                    "Without EXPR, lines come from standard input, one evaluated after the other\n"
-                   "(exit 1 when any failed); on a terminal with line editing, history and Tab\n"
-                   "completion.  A line is an expression (x = EXPR keeps x for later lines),\n"
+                   "(exit 1 when any failed); on a terminal with line editing, a history kept\n"
+                   "in ~/.kwz_calc_history, Tab completion of names, and Ctrl-C stopping a run.\n"
+                   "A line is an expression (x = EXPR keeps x for later lines),\n"
                    "def NAME(PARAMS) { BODY } (adds or replaces a function), :vars, :funcs,\n"
                    ":help or :quit."}) {
     CalcSession session(BudgetOf(call));
@@ -47,14 +48,16 @@ KWZ_COMMAND(run, {402, "calculator", "run", "FILE [ARG...]", "run a script's mai
                   "main is called, with one parameter: the ARGs as an array of texts (a main\n"
                   "without parameters takes no ARG).  Its result is printed as kwz calc prints\n"
                   "values (nothing for null).  Put -- before ARGs that begin with -.\n"
-                  "A compile error prints kwz run: FILE:LINE:COLUMN: message; a run that fails\n"
-                  "or exceeds a budget prints kwz run: error -N [in FUNCTION]: message; exit 1."}) {
+                  "A compile error prints kwz run: FILE:LINE:COLUMN: message; a failing run\n"
+                  "kwz run: FILE:LINE:COLUMN: error -N in FUNCTION: message (the statement at\n"
+                  "fault), a budget exceeded kwz run: error -N: message; exit 1."}) {
     const std::string file = call.Arg(0);
     std::vector<uint8_t> bytes;
     if (!ReadInput(file, &bytes)) return kExitFailure;
     CalcSession session(BudgetOf(call));
     if (!session.Ready()) return kExitFailure;
-    if (!session.AddSource(InputName(file), std::string(bytes.begin(), bytes.end()))) return kExitFailure;
+    const std::string source(bytes.begin(), bytes.end());
+    if (!session.AddSource(InputName(file), source)) return kExitFailure;
     const std::vector<std::string> args(call.Args().begin() + 1, call.Args().end());
     return session.RunMain(args);
 }

@@ -176,12 +176,39 @@ std::string ValueAt(const CVar& v, bool top, int depth) {
     }
 }
 
-// The innermost compiled function a failure left, from the error hook.
-std::string g_failedIn;
+// Where a failure happened: the innermost compiled function it left and the
+// text offset of the statement at fault (-1 unknown), from the error hook.
+struct Failure {
+    std::string function;
+    int64_t statement = -1;
+} g_failure;
 
-int32_t NoteFailure(KWCalcStack* stack, int32_t, int32_t) {
+// The text offset of the statement holding code offset `position`: the last
+// debug point ("dbg N @OFFSET" in the listing) at or before it.
+int64_t StatementAt(const KWFunDef* f, int32_t position) {
+    char* listing = KWFunDisassemble(f);
+    if (!listing) return -1;
+    int64_t found = -1;
+    for (const char* line = listing; *line;) {
+        unsigned at = 0, point = 0;
+        long long text = 0;
+        if (std::sscanf(line, "%x dbg %u @%lld", &at, &point, &text) == 3) {
+            if (at > unsigned(position)) break;
+            found = text;
+        }
+        const char* next = std::strchr(line, '\n');
+        if (!next) break;
+        line = next + 1;
+    }
+    KWMemFree(listing);
+    return found;
+}
+
+int32_t NoteFailure(KWCalcStack* stack, int32_t position, int32_t) {
     const auto* f = static_cast<const KWFunDef*>(KWCalcStackData(stack));
-    if (g_failedIn.empty() && f && f->name) g_failedIn = f->name;
+    if (!g_failure.function.empty() || !f || !f->name) return 0;
+    g_failure.function = f->name;
+    g_failure.statement = StatementAt(f, position);
     return 0;
 }
 
@@ -377,7 +404,7 @@ CalcSession::Outcome CalcSession::Define(const std::string& text, size_t column0
         KWFunFree(f);
         return Outcome::kFailed;
     }
-    Function fn{f->name ? f->name : "", text, f->paramCount};
+    Function fn{f->name ? f->name : "", text, f->paramCount, "", 0};
     KWFunFree(f);
     return Install(std::move(fn), "def") ? Outcome::kDone : Outcome::kFailed;
 }
@@ -401,7 +428,7 @@ bool CalcSession::Install(Function fn, const std::string& label) {
         all.swap(functions_);
         bool ok = true;
         for (Function& f : all) {
-            const int32_t st = KWCalcFunAddI(calc_, f.text.c_str(), nullptr, 0, 0);
+            const int32_t st = KWCalcFunAddI(calc_, f.text.c_str(), nullptr, 0, 1);
             if (st == 0) {
                 functions_.push_back(std::move(f));
                 continue;
@@ -412,7 +439,7 @@ bool CalcSession::Install(Function fn, const std::string& label) {
         }
         return ok;
     }
-    const int32_t st = KWCalcFunAddI(calc_, fn.text.c_str(), nullptr, 0, 0);
+    const int32_t st = KWCalcFunAddI(calc_, fn.text.c_str(), nullptr, 0, 1);
     if (st != 0) {
         Fail(label, fn.name + ": " + StatusMessage(st) + " (code " + std::to_string(st) + ")");
         return false;
@@ -422,13 +449,21 @@ bool CalcSession::Install(Function fn, const std::string& label) {
 }
 
 int32_t CalcSession::CallEntry(KWCalcNameDef* entry, CVar* result) {
-    g_failedIn.clear();
+    g_failure = Failure{};
     const int32_t st = KWCalcFun1(stack_, entry);
     if (st == 0) KWCalcStackPop(stack_, result);  // the call left its result on the top
     KWCalcStackClear(stack_);
     if (st == 0) return 0;
     std::string where = "error " + std::to_string(st);
-    if (!g_failedIn.empty() && !SameName(g_failedIn, kLineName)) where += " in " + g_failedIn;
+    const Function* in = g_failure.function.empty() ? nullptr : FindFunction(g_failure.function);
+    if (in) {
+        where += " in " + in->name;
+        // A script's function: the statement as FILE:LINE:COLUMN before it.
+        if (!in->label.empty() && g_failure.statement >= 0) {
+            const SourcePlace w = Locate(*source_, in->offset + size_t(g_failure.statement));
+            where = in->label + ":" + std::to_string(w.line) + ":" + std::to_string(w.column) + ": " + where;
+        }
+    }
     std::string why = StatusMessage(st);
     if (st == -50) why += " (--max-steps " + std::to_string(budget_.steps) + ")";
     if (st == -51) why += " (--max-memory " + std::to_string(budget_.memory) + ")";
@@ -499,6 +534,7 @@ CalcSession::Outcome CalcSession::Evaluate(const std::string& text) {
 }
 
 bool CalcSession::AddSource(const std::string& label, const std::string& source) {
+    source_ = &source;  // the caller keeps it for the run
     if (source.find('\0') != std::string::npos) {
         Fail(label, "holds a 0 byte; a script is text");
         return false;
@@ -517,7 +553,7 @@ bool CalcSession::AddSource(const std::string& label, const std::string& source)
             KWFunFree(f);
             return false;
         }
-        Function fn{f->name ? f->name : "", text, f->paramCount};
+        Function fn{f->name ? f->name : "", text, f->paramCount, label, at};
         KWFunFree(f);
         const SourcePlace w = Locate(source, at);
         const std::string place = label + ":" + std::to_string(w.line) + ":" + std::to_string(w.column);

@@ -71,6 +71,7 @@ public:
     std::vector<std::string> Names() const;
 
     // `kwz run`: adds every function of a file; false after the message.
+    // source must outlive the session (failures point into it).
     bool AddSource(const std::string& label, const std::string& source);
     // Calls main with the arguments (see `kwz help run`), prints its result.
     int RunMain(const std::vector<std::string>& args);
@@ -80,6 +81,8 @@ private:
         std::string name;
         std::string text;  // the definition as given
         int32_t params = 0;
+        std::string label;  // a script's: its file's name, and where text starts there
+        size_t offset = 0;
     };
     struct Variable {
         std::string name;
@@ -107,6 +110,7 @@ private:
     Budget budget_;
     std::vector<Function> functions_;
     std::vector<Variable> variables_;
+    const std::string* source_ = nullptr;  // the script of AddSource
 };
 
 }  // namespace kwz::tool
