@@ -27,7 +27,7 @@ struct KWCalcDef {
     std::vector<std::unique_ptr<KWCalcNameDef>> names;
     int32_t hostCount = 0;
     KWCalcFn defaultHandler = nullptr;
-    KWCalcFn callHook = nullptr;  // empty after creation; no interface sets it yet
+    KWCalcFn callHook = nullptr;  // empty after creation; KWCalcSetCallHook sets it
     void* hostData = nullptr;
     int64_t maxSteps = 0;         // 0: none
     int64_t maxMemory = 0;        // 0: none

@@ -993,6 +993,30 @@ KWZ_API int32_t KWCalcFormulaDbl(const char* text, double* out);
    a 1 MiB stack survives).  0 means none.  try does not catch them. */
 KWZ_API int32_t KWCalcSetLimits(KWCalcDef* calculator, int64_t instructions, int64_t memoryBytes,
                                 int32_t callDepth);
+/* Hooks and stopping.  KWCalcStackStop asks the run on the stack to end: the
+   next instruction of a compiled function ends it with -46 (the stack is left
+   as after any failure).  Safe from any thread while a run goes on.  The
+   request stays set, also across later runs, which end with -46 at once,
+   until KWCalcStackClear: a stop that comes just before a run starts is not
+   lost. */
+KWZ_API void KWCalcStackStop(KWCalcStack* stack);
+/* Sets both hooks of the stack (NULL removes one).  The debug hook runs before
+   and after every call on the stack (flag 0x4000 set meanwhile); a non-zero
+   result ends the call with that status at once.  The error hook gets (stack,
+   code offset of the failing instruction, status) when an instruction of a
+   compiled function fails with no try open, once for each function the
+   failure leaves (not for budget codes); its result is ignored. */
+KWZ_API void KWCalcStackSetHooks(KWCalcStack* stack, KWCalcFn debugHook,
+                                 int32_t (*errorHook)(KWCalcStack* stack, int32_t position,
+                                                      int32_t status));
+/* Sets the calculator's call hook (NULL removes it): entries whose hook flag
+   is set are called through it instead of their own function.  It sees the
+   entry's frame and data (KWCalcStackData; a compiled function's is its
+   KWFunDef) and may run a compiled entry's own code with KWFunProc. */
+KWZ_API void KWCalcSetCallHook(KWCalcDef* calculator, KWCalcFn hook);
+/* Sets (on non-zero) or clears the hook flag of a name: 0, -45 unknown name,
+   -44 NULL argument.  Flags start cleared. */
+KWZ_API int32_t KWCalcFunSetHook(KWCalcDef* calculator, const char* name, int32_t on);
 
 
 /* ======================================================================== */

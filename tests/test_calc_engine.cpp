@@ -1,6 +1,7 @@
 // The calculator engine: formulas and script functions in, values or
 // statuses out, one row per case; the name table, the host call protocol,
-// the stop bit, budgets and the depth limit on a 1 MiB thread.
+// the debug, error and call hooks, budgets and the depth limit on a 1 MiB
+// thread.  The stop bit from another thread: test_calc_threads.cpp.
 #include <gtest/gtest.h>
 
 #include <VomKwz.h>
@@ -407,6 +408,161 @@ TEST(CalcEngine, Budgets) {
     EXPECT_EQ(KWCalcFormula("fact(12)", &v, c.c, 0), -52);
     EXPECT_EQ(KWCalcSetLimits(c.c, -1, 0, 0), -44);
     CVarSetEmpty(&v);
+}
+
+// Runs "t(){Result=EXPR;}" on the stack through the host protocol; the
+// result's Show() or "status N".
+std::string RunOnStack(KWCalcDef* c, KWCalcStack* s, const std::string& expr) {
+    const std::string text = "t(){Result=" + expr + ";}";
+    if (const int32_t st = KWCalcFunAddI(c, text.c_str(), nullptr, 0, 0); st != 0)
+        return "compile " + std::to_string(st);
+    const int32_t st = KWCalcFun2(s, "t");
+    std::string shown = "status " + std::to_string(st);
+    if (st == 0) {
+        CVar v{};
+        EXPECT_EQ(KWCalcStackPop(s, &v), 0);
+        shown = Show(&v);
+        CVarSetEmpty(&v);
+    }
+    EXPECT_EQ(KWCalcStackPop(s, nullptr), -47) << expr << ": the stack holds more";
+    KWCalcFunDel(c, "t");
+    return shown;
+}
+
+// What the hooks saw: debug calls (failing at call number failAt), error
+// calls as "function:opcode:status", call hook calls.
+struct HookLog {
+    int debugCalls = 0;
+    int failAt = 0;
+    std::string errors;
+    int hooked = 0;
+} gHooks;
+
+int32_t DebugHook(KWCalcStack*) {
+    return ++gHooks.debugCalls == gHooks.failAt ? -60 : 0;
+}
+int32_t ErrorHook(KWCalcStack* s, int32_t position, int32_t status) {
+    const auto* f = static_cast<const KWFunDef*>(KWCalcStackData(s));
+    gHooks.errors += std::string(gHooks.errors.empty() ? "" : ",") + f->name + ":" +
+                     std::to_string(f->code[position]) + ":" + std::to_string(status);
+    return 0;
+}
+// Compiled entries run their own code and gain 1000; host entries give 999.
+int32_t CallHook(KWCalcStack* s) {
+    ++gHooks.hooked;
+    if (!KWCalcStackData(s)) {
+        CVarSetInt(KWCalcStackArg(s, 0), 999);
+        return 0;
+    }
+    if (const int32_t st = KWFunProc(s); st != 0) return st;
+    CVar* r = KWCalcStackArg(s, 0);
+    CVarSetInt(r, r->v.i + 1000);
+    return 0;
+}
+
+TEST(CalcEngine, DebugHookBeforeAndAfterEachCall) {
+    struct HookRow {
+        const char* expr;
+        int failAt;  // the debug call that fails with -60 (0: none)
+        const char* shown;
+        int calls;   // debug calls made
+    };
+    // t before, sq before, sq after, t after.
+    const HookRow rows[] = {
+        {"sq(3)", 0, "i:9", 4},
+        {"sq(3)", 1, "status -60", 1},
+        {"sq(3)", 2, "status -60", 2},
+        {"sq(3)", 3, "status -60", 3},
+        {"sq(3)", 4, "status -60", 4},
+        {"try(sq(3))", 2, "i:-60", 3},
+        {"hadd(1,2)+sq(2)", 0, "i:7", 6},
+    };
+    Calc c;
+    KWCalcStack* s = nullptr;
+    ASSERT_EQ(KWCalcStackCreate(c.c, &s, 64), 0);
+    KWCalcStackSetHooks(s, &DebugHook, nullptr);
+    for (const HookRow& r : rows) {
+        gHooks = HookLog{};
+        gHooks.failAt = r.failAt;
+        EXPECT_EQ(RunOnStack(c.c, s, r.expr), r.shown) << r.expr << " failing at " << r.failAt;
+        EXPECT_EQ(gHooks.debugCalls, r.calls) << r.expr << " failing at " << r.failAt;
+    }
+    KWCalcStackSetHooks(s, nullptr, nullptr);
+    gHooks = HookLog{};
+    EXPECT_EQ(RunOnStack(c.c, s, "sq(3)"), "i:9");
+    EXPECT_EQ(gHooks.debugCalls, 0);
+    KWCalcStackFree(s);
+}
+
+TEST(CalcEngine, ErrorHookOutsideTry) {
+    struct ErrRow {
+        const char* expr;
+        const char* shown;
+        const char* errors;  // function:opcode of the failing instruction:status
+    };
+    const ErrRow rows[] = {
+        {"1/0", "status -43", "t:52:-43"},
+        {"sq(\"a\")", "status -44", "sq:51:-44,t:241:-44"},
+        {"hfail(-30)", "status -30", "t:241:-30"},
+        {"try(1/0)", "i:-43", ""},
+        {"try(sq(\"a\"))", "i:-44", "sq:51:-44"},  // sq has no try of its own
+        {"forever()", "status -50", ""},           // budgets pass the hook by
+        {"sq(4)", "i:16", ""},
+    };
+    Calc c;
+    ASSERT_EQ(KWCalcSetLimits(c.c, 100000, 0, 0), 0);
+    KWCalcStack* s = nullptr;
+    ASSERT_EQ(KWCalcStackCreate(c.c, &s, 64), 0);
+    KWCalcStackSetHooks(s, nullptr, &ErrorHook);
+    for (const ErrRow& r : rows) {
+        gHooks = HookLog{};
+        EXPECT_EQ(RunOnStack(c.c, s, r.expr), r.shown) << r.expr;
+        EXPECT_EQ(gHooks.errors, r.errors) << r.expr;
+    }
+    KWCalcStackFree(s);
+}
+
+TEST(CalcEngine, CallHookForFlaggedEntries) {
+    struct CallRow {
+        const char* flagged;  // the name whose flag is set for this row ("" none)
+        const char* expr;
+        const char* shown;
+        int hooked;
+    };
+    const CallRow rows[] = {
+        {"", "sq(3)+hadd(1,2)", "i:12", 0},
+        {"sq", "sq(3)", "i:1009", 1},
+        {"SQ", "hadd(1,2)", "i:3", 0},
+        {"sq", "fact(3)+sq(2)", "i:1010", 1},
+        {"hadd", "hadd(1,2)", "i:999", 1},
+        {"fact", "fact(3)", "i:10006", 3},  // the recursive calls go through it too
+    };
+    Calc c;
+    KWCalcStack* s = nullptr;
+    ASSERT_EQ(KWCalcStackCreate(c.c, &s, 64), 0);
+    // Without a call hook a flag changes nothing.
+    ASSERT_EQ(KWCalcFunSetHook(c.c, "sq", 1), 0);
+    EXPECT_EQ(RunOnStack(c.c, s, "sq(3)"), "i:9");
+    ASSERT_EQ(KWCalcFunSetHook(c.c, "sq", 0), 0);
+    KWCalcSetCallHook(c.c, &CallHook);
+    for (const CallRow& r : rows) {
+        gHooks = HookLog{};
+        if (*r.flagged) {
+            ASSERT_EQ(KWCalcFunSetHook(c.c, r.flagged, 1), 0);
+        }
+        EXPECT_EQ(RunOnStack(c.c, s, r.expr), r.shown) << r.flagged << " " << r.expr;
+        EXPECT_EQ(gHooks.hooked, r.hooked) << r.flagged << " " << r.expr;
+        if (*r.flagged) {
+            ASSERT_EQ(KWCalcFunSetHook(c.c, r.flagged, 0), 0);
+        }
+    }
+    EXPECT_EQ(KWCalcFunSetHook(c.c, "nosuch", 1), -45);
+    EXPECT_EQ(KWCalcFunSetHook(c.c, nullptr, 1), -44);
+    EXPECT_EQ(KWCalcFunSetHook(nullptr, "sq", 1), -44);
+    KWCalcSetCallHook(c.c, nullptr);
+    ASSERT_EQ(KWCalcFunSetHook(c.c, "sq", 1), 0);
+    EXPECT_EQ(RunOnStack(c.c, s, "sq(3)"), "i:9");
+    KWCalcStackFree(s);
 }
 
 // Endless recursion, directly and through a host function, ends with -52

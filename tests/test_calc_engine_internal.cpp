@@ -1,14 +1,11 @@
-// The engine under failing allocations (compile and run end with a
-// documented code, the stack empty, nothing leaked) and the stop bit set by
-// another thread.
+// The engine under failing allocations: compile and run end with a
+// documented code, the stack empty, nothing leaked.
 #include <gtest/gtest.h>
 
 #include <VomKwz.h>
 
-#include <chrono>
 #include <cstring>
 #include <set>
-#include <thread>
 
 #include "calc/kwCalcEngine.h"
 #include "fault_harness.h"
@@ -89,28 +86,6 @@ TEST(CalcEngineInternal, CompileAndRunUnderFailingAllocations) {
         EXPECT_EQ(wrong, 0) << c.call;
         EXPECT_GT(failures, 10) << c.call;
     }
-}
-
-TEST(CalcEngineInternal, StopBitFromAnotherThread) {
-    KWCalcDef* calc = nullptr;
-    ASSERT_EQ(KWCalcCreate(&calc, nullptr, nullptr), 0);
-    ASSERT_EQ(KWCalcFunAddI(calc, "forever(){var i;i=0;while(1){i=i+1;}}", nullptr, 0, 0), 0);
-    KWCalcStack* s = nullptr;
-    ASSERT_EQ(KWCalcStackCreate(calc, &s, 16), 0);
-    int32_t st = 0;
-    std::thread run([&] { st = KWCalcFun2(s, "forever"); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    s->flags.fetch_or(kwz::calc::kStopBit);
-    run.join();
-    EXPECT_EQ(st, -46);
-    EXPECT_EQ(KWCalcStackPop(s, nullptr), -47);
-    // The bit stays until the stack is cleared.
-    EXPECT_EQ(KWCalcFun2(s, "forever"), -46);
-    KWCalcStackClear(s);
-    ASSERT_EQ(KWCalcFunAddI(calc, "one(){Result=1;}", nullptr, 0, 0), 0);
-    EXPECT_EQ(KWCalcFun2(s, "one"), 0);
-    KWCalcStackFree(s);
-    KWCalcDestroy(calc);
 }
 
 }  // namespace

@@ -344,6 +344,91 @@ TEST(tool_Calc, CompileAndValues) {
     for (const Row& row : rows) Check(row, dir.path);
 }
 
+// kwz calc: one value of each type, errors with their column, budgets; lines
+// from standard input with variables, def, :funcs and :vars.
+TEST(tool_Calc, CalcValuesAndLines) {
+    NEED_TOOL();
+    ScratchDir dir;
+    const Row rows[] = {
+        {{"calc", "2+3*4"}, 0, {}, {}, "", "14\n"},
+        {{"calc", "7/2"}, 0, {}, {}, "", "3.5\n"},
+        {{"calc", "dbl(2)"}, 0, {}, {}, "", "2.0\n"},
+        {{"calc", "1/3"}, 0, {}, {}, "", "0.3333333333333333\n"},
+        {{"calc", "\"ab\"+\"c\""}, 0, {}, {}, "", "abc\n"},
+        {{"calc", "[1, 2.5, \"x\\\"y\", [null()], []]"}, 0, {}, {}, "", "[1, 2.5, \"x\\\"y\", [null], []]\n"},
+        {{"calc", "null()"}, 0, {}, {}, "", "null\n"},
+        {{"calc", "4611686018427387904*2"}, 0, {}, {}, "", "-9223372036854775808\n"},
+        {{"calc", "1/0"}, 1, {}, {"kwz calc: error -43: division by zero\n"}, "", ""},
+        {{"calc", "1+*2"}, 1, {}, {"kwz calc: error -2 at column 3: syntax error\n"}},
+        {{"calc", "(1+2"}, 1, {}, {"kwz calc: error -4 at column 5: missing \")\"\n"}},
+        {{"calc", "f(1)"}, 1, {}, {"kwz calc: error -45 at column 1: unknown function f\n"}},
+        {{"calc", "--max-memory", "1000", "len(printf(\"%5000s\", [\"x\"]))"}, 1, {},
+         {"kwz calc: error -51: memory budget exceeded (--max-memory 1000)\n"}},
+        {{"calc", "len(printf(\"%5000s\", [\"x\"]))"}, 0, {}, {}, "", "5000\n"},
+        {{"calc", "--max-steps", "x", "1"}, 2, {}, {"kwz calc: --max-steps: "}},
+        {{"calc", "1", "2"}, 2},
+        // Lines: variables persist, def adds a function, :funcs and :vars list.
+        {{"calc"}, 0, {}, {}, "x = 5\nx*2\ndef sq(a) { Result = a*a; }\nsq(x)+1\n\ny = [x, \"s\"]\n:funcs\n:vars\n",
+         "5\n10\n26\n[5, \"s\"]\nsq(a)\nx = 5\ny = [5, \"s\"]\n"},
+        // A failing line does not end the input, but the exit status tells.
+        {{"calc"}, 1, {}, {"kwz calc: error -43: division by zero\n"}, "1/0\n2\n", "2\n"},
+        {{"calc"}, 1, {}, {"kwz calc: error -22 at column 1: sq takes 1 argument, not 2\n"},
+         "def sq(a) { Result = a*a; }\nsq(1,2)\nsq(3)\n", "9\n"},
+        // Replacing a function relinks its callers.
+        {{"calc"}, 0, {}, {}, "def f(a) { Result = a+1; }\ndef g(a) { Result = f(a)*10; }\ng(1)\n"
+                              "def f(a) { Result = a+2; }\ng(1)\n", "20\n30\n"},
+        {{"calc", "--max-steps", "100000"}, 1, {},
+         {"kwz calc: error -50: instruction budget exceeded (--max-steps 100000)\n"},
+         "def spin() { while (1) {} }\nspin()\n:quit\n3\n", ""},
+        {{"calc"}, 1, {}, {"kwz calc: error -2 at column 24: syntax error\n"}, "  def  f(a) { Result = ; }\n", ""},
+        {{"calc"}, 1, {}, {"kwz calc: :nope: unknown command"}, ":nope\n", ""},
+    };
+    for (const Row& row : rows) Check(row, dir.path);
+}
+
+// kwz run: main with arguments, compile and link errors, failures at run
+// time and an endless loop ended by the instruction budget.
+TEST(tool_Calc, RunScripts) {
+    NEED_TOOL();
+    ScratchDir dir;
+    WriteFile(dir / "sum.txt",
+              "// the arguments as numbers, summed\n"
+              "main(args) {\n"
+              "    var i, s;\n"
+              "    i = 0; s = 0;\n"
+              "    while (i < len(args)) { s = s + int(args[i]); i = i + 1; }\n"
+              "    Result = [len(args), s, twice(s), args[0]];\n"
+              "}\n"
+              "twice(x) { Result = x * 2; }\n");
+    WriteFile(dir / "bad.txt", "main() {\n  Result = (1 + 2;\n}\n");
+    WriteFile(dir / "loop.txt", "main() { var i; i = 0; while (1) { i = i + 1; } }\n");
+    WriteFile(dir / "deep.txt", "main() { Result = down(0); }\ndown(n) { Result = down(n + 1); }\n");
+    WriteFile(dir / "div.txt", "main() { Result = f(0); }\nf(x) { Result = 1 / x; }\n");
+    WriteFile(dir / "nomain.txt", "f() { Result = 1; }\n");
+    WriteFile(dir / "twice.txt", "main() { Result = 1; }\nmain() { Result = 2; }\n");
+    WriteFile(dir / "undef.txt", "main() { Result = g(1); }\n");
+    const Row rows[] = {
+        {{"run", "sum.txt", "1", "2", "39"}, 0, {}, {}, "", "[3, 42, 84, \"1\"]\n"},
+        {{"run", "-"}, 0, {}, {}, "main() { Result = \"plain text\"; }\n", "plain text\n"},
+        {{"run", "-"}, 0, {}, {}, "main() { }\n", ""},
+        {{"run", "-"}, 1, {}, {"kwz run: standard input:4:5: error -49 in main: index not an integer or out of range\n"},
+         "main() {\n  var a;\n  a = [1, 2];\n    Result = a[5];\n}\n"},
+        {{"run", "bad.txt"}, 1, {}, {"kwz run: bad.txt:2:18: missing \")\" (code -4)\n  Result = (1 + 2;\n"}},
+        // The default budget ends the loop too, after about 2 s: too slow for a test.
+        {{"run", "--max-steps", "100000", "loop.txt"}, 1, {},
+         {"kwz run: error -50: instruction budget exceeded (--max-steps 100000)\n"}},
+        {{"run", "deep.txt"}, 1, {}, {"kwz run: error -52: too many nested calls\n"}},
+        {{"run", "div.txt"}, 1, {}, {"kwz run: div.txt:2:8: error -43 in f: division by zero\n"}},
+        {{"run", "nomain.txt"}, 1, {}, {"kwz run: main: the script has no function main\n"}},
+        {{"run", "twice.txt"}, 1, {}, {"kwz run: twice.txt:2:1: main: defined twice\n"}},
+        {{"run", "undef.txt"}, 1, {}, {"kwz run: undef.txt: main: calls g, which the script does not define\n"}},
+        {{"run", "nomain.txt", "x"}, 1},
+        {{"run", "missing.txt"}, 1, {}, {"kwz run: missing.txt: No such file or directory"}},
+        {{"run"}, 2},
+    };
+    for (const Row& row : rows) Check(row, dir.path);
+}
+
 // A square 1-2-3-4 with a tail 3-5, a pair 10-11 and a node 12 alone.
 constexpr const char* kEdges = "# test graph\n1 2\n2 3\n1 4 # a comment\n4 3\n\n3 5\n10 11\n12\n";
 
