@@ -109,20 +109,6 @@ KWZ_COMMAND(version, {920, "general", "version", "", "print the library version"
     return kExitOk;
 }
 
-KWZ_COMMAND(demo, {900, "general", "demo", "", "run the end-to-end showcase", 0, 0}) {
-    (void)call;
-    auto steps = DemoSteps();
-    std::sort(steps.begin(), steps.end(), [](const DemoStep& a, const DemoStep& b) { return a.order < b.order; });
-    for (const auto& step : steps) {
-        std::printf("== %s ==\n", step.title);
-        std::fflush(stdout);
-        if (int rc = step.run(); rc != 0) return Fail(std::string("step \"") + step.title + "\"", "failed (" + std::to_string(rc) + ")");
-        std::printf("\n");
-    }
-    std::printf("demo finished: %zu steps\n", steps.size());
-    return kExitOk;
-}
-
 int main(int argc, char** argv) {
     const std::vector<std::string> args(argv + std::min(argc, 2), argv + argc);
     const std::string name = argc > 1 ? argv[1] : "";
