@@ -16,11 +16,6 @@ std::vector<Command>& Commands() {
     return commands;
 }
 
-std::vector<DemoStep>& DemoSteps() {
-    static std::vector<DemoStep> steps;
-    return steps;
-}
-
 const Command* FindCommand(const std::string& name) {
     for (const Command& c : Commands())
         if (name == c.name) return &c;
