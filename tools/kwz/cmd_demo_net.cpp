@@ -208,7 +208,7 @@ Server::~Server() {
 bool Server::Listen(uint32_t port, uint32_t* bound) {
     if (KWSockSrvOpen(port, DemoServerEvent, &listener_) != 0)
         return Fail("port " + std::to_string(port), "cannot listen"), false;
-    KWSockGetPort(listener_, bound);
+    if (KWSockGetPort(listener_, bound) != 1) return Fail("port " + std::to_string(port), "not found"), false;
     return true;
 }
 
