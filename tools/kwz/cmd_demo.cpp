@@ -300,7 +300,7 @@ KWZ_COMMAND(demo, {900, "general", "demo",
                    "[--records N] [--formula EXPR] [--out DIR [-f]]\n"
                    "--serve PORT [--formula EXPR] [--out DIR [-f]]\n"
                    "--connect HOST PORT [--records N]",
-                   "run the end-to-end showcase (in one process, or split over two)", 0, 1,
+                   "run the end-to-end showcase, in one process or two", 0, 1,
                    {{"--records", nullptr, "N", "parcels the client sends, 1..1000000 (default 5000)"},
                     {"--formula", nullptr, "EXPR",
                      "the derived Cost as an expression of Id, Customer, From, To, Weight, Priority and dist(A, B)"},
