@@ -187,7 +187,7 @@ void Summary(const Results& r, const OutFiles& out, double totalMs) {
     std::printf("  files     %s: report.xml parcels.ra2 parcels.ra2.lz2 depots.txt\n", out.dir.c_str());
     std::printf("\ntry next\n");
     std::printf("  kwz info %s\n", out.Path("parcels.ra2.lz2").c_str());
-    std::printf("  kwz table --show %s --csv\n", out.Path("parcels.ra2").c_str());
+    std::printf("  kwz table --show %s --csv | head\n", out.Path("parcels.ra2").c_str());
     std::printf("  kwz graph %s --path %u %u\n", out.Path("depots.txt").c_str(), r.pathFrom, r.pathTo);
     std::printf("  kwz xml %s --get demo/path/@hops\n", out.Path("report.xml").c_str());
 }
