@@ -1,6 +1,6 @@
-/* orders.c - a tour of the data side of libVomKwz from plain C:
- * declare a record type, fill records, keep them in a keyed table, seek,
- * pack the table, compress it, and read it back.
+/* orders.c - a keyed table from plain C: declare a record type, keep its
+ * records in a record array with two keys, seek by key, pack the table,
+ * compress it, and open it again for reading.
  *
  *   cc -std=c11 orders.c $(pkg-config --cflags --libs VomKwz) -o orders
  */
@@ -11,12 +11,24 @@
 
 static const char* const kOrder = "Order|3\r\nId|I4\r\nCustomer|CH20\r\nTotal|F8";
 
-static int fail(const char* what) {
-    fprintf(stderr, "orders: %s failed\n", what);
-    return 1;
+/* Value cells fill a whole record at once.  Numbers sit at value[0]; a
+ * text cell holds its length at value[0..3] and a pointer at value[4..11]. */
+static KWRVal int_cell(int32_t v) {
+    KWRVal cell;
+    memset(&cell, 0, sizeof cell);
+    cell.type = iFldType_Int32;
+    memcpy(cell.value, &v, sizeof v);
+    return cell;
 }
 
-/* A text cell: length at value[0..3], pointer at value[4..11]. */
+static KWRVal double_cell(double v) {
+    KWRVal cell;
+    memset(&cell, 0, sizeof cell);
+    cell.type = iFldType_Double;
+    memcpy(cell.value, &v, sizeof v);
+    return cell;
+}
+
 static KWRVal text_cell(const char* text) {
     KWRVal cell;
     uint32_t length = (uint32_t)strlen(text);
@@ -27,61 +39,82 @@ static KWRVal text_cell(const char* text) {
     return cell;
 }
 
+/* Prints one member through the array's own fields; 0 or 1 on failure. */
+static int print_order(KWArray* table, KWRData* rec) {
+    KWRType* fields = KWAType(table);
+    int32_t id = 0;
+    double total = 0;
+    char customer[21];
+    if (KWRGetAsInt32(KWRFldByName(fields, "Id"), rec, &id) != KWR_OK ||
+        KWRGetAsText(KWRFldByName(fields, "Customer"), rec, 0, sizeof customer - 1, customer) != KWR_OK ||
+        KWRGetAsDouble(KWRFldByName(fields, "Total"), rec, &total) != KWR_OK)
+        return 1;
+    customer[sizeof customer - 1] = 0;
+    printf("  order %d  %-10s %8.2f\n", id, customer, total);
+    return 0;
+}
+
 int main(void) {
     KWRType type;
     KWArray* table = NULL;
-    KWAKeyDef byId;
+    KWAKeyDef keys[2];
     void* packed = NULL;
     void* container = NULL;
     int32_t containerLength = 0;
     static const struct { int32_t id; const char* customer; double total; } rows[] = {
-        {30, "Ivanova", 12.5}, {10, "Smith", 99.0}, {20, "Okafor", 7.25}};
+        {30, "Ivanova", 12.5}, {10, "Smith", 99.0}, {20, "Okafor", 7.25}, {40, "smith", 3.5}};
     int status = 1;
 
     KWRTypInit(&type);
-    if (KWRTypSet(&type, 1, kOrder) != KWR_OK) return fail("KWRTypSet");
-    if (KWACreate(&table, &type) != 0) return fail("KWACreate");
-    memset(&byId, 0, sizeof byId);
-    strcpy(byId.expression, "Id");
-    byId.options = iKeyOpt_Unique;
-    if (KWAKeyAdd(table, 1, &byId) != 0) goto done;
+    if (KWRTypSet(&type, 1, kOrder) != KWR_OK) return 1;
+    /* The array copies the type's fields; the type stays ours. */
+    if (KWACreate(&table, &type) != 0) goto done;
+    /* Key 0: Id, unique.  Key 1: Customer then Total, ignoring case. */
+    memset(keys, 0, sizeof keys);
+    strcpy(keys[0].expression, "Id");
+    keys[0].options = iKeyOpt_Primary | iKeyOpt_Unique;
+    strcpy(keys[1].expression, "Customer;Total");
+    keys[1].options = iKeyOpt_CaseInsensitive;
+    if (KWAKeyAdd(table, 2, keys) != 0) goto done;
 
     for (size_t i = 0; i < sizeof rows / sizeof rows[0]; ++i) {
-        KWRVal cells[3];
-        memset(cells, 0, sizeof cells);
-        cells[0].type = iFldType_Int32;
-        memcpy(cells[0].value, &rows[i].id, sizeof rows[i].id);
-        cells[1] = text_cell(rows[i].customer);
-        cells[2].type = iFldType_Double;
-        memcpy(cells[2].value, &rows[i].total, sizeof rows[i].total);
-        if (!KWARecAdd(table, cells)) goto done;
+        KWRVal cells[3] = {int_cell(rows[i].id), text_cell(rows[i].customer), double_cell(rows[i].total)};
+        if (!KWARecAdd(table, cells)) goto done; /* NULL: refused (a duplicate Id, memory) */
+    }
+    {
+        /* A duplicate under the unique key is refused; the table is unchanged. */
+        KWRVal again[3] = {int_cell(20), text_cell("Nobody"), double_cell(0)};
+        if (KWARecAdd(table, again) != NULL) goto done;
     }
 
-    /* Walk the table in key order through the array's own fields. */
-    KWRType* fields = KWAType(table);
-    for (int32_t i = 0; i < KWARecCount(table); ++i) {
-        KWRData* rec = KWARec(table, 0, i);
-        int32_t id = 0;
-        double total = 0;
-        char customer[21];
-        KWRGetAsInt32(KWRFldByName(fields, "Id"), rec, &id);
-        KWRGetAsText(KWRFldByName(fields, "Customer"), rec, 0, sizeof customer, customer);
-        KWRGetAsDouble(KWRFldByName(fields, "Total"), rec, &total);
-        printf("order %d  %-10s %8.2f\n", id, customer, total);
+    printf("by customer (key 1, case ignored):\n");
+    for (int32_t i = 0; i < KWARecCount(table); ++i)
+        if (print_order(table, KWARec(table, 1, i)) != 0) goto done;
+
+    {
+        /* Seek by key 0: the cells hold the key's fields, here just Id. */
+        KWRVal id = int_cell(20);
+        int32_t position = -1;
+        KWRData* found = KWARecSeekV(table, 0, &id, &position);
+        if (!found) goto done;
+        printf("seek Id 20: position %d\n", position);
+        if (print_order(table, found) != 0) goto done;
     }
 
     /* Pack the whole table, compress it, and open it again for reading. */
-    uint64_t size = KWAPack(table, &packed);
-    if (size == 0) goto done;
-    if (KWZDataCompress((int32_t)size, packed, &containerLength, &container) != 0) goto done;
-    printf("packed table: %llu bytes, as a container: %d bytes\n", (unsigned long long)size,
-           containerLength);
-    if (KWZArrayUnPack(table, container, true) != 0) goto done;
-    printf("reopened for reading: %d orders\n", KWARecCount(table));
+    {
+        uint64_t size = KWAPack(table, &packed); /* released with KWMemFree */
+        if (size == 0) goto done;
+        if (KWZDataCompress((int32_t)size, packed, &containerLength, &container) != 0) goto done;
+        printf("packed table: %llu bytes, as a container: %d bytes\n", (unsigned long long)size, containerLength);
+        /* ...N reads nothing past the length given: right for bytes from outside. */
+        if (KWZArrayUnPackN(table, container, (uint64_t)containerLength, true) != 0) goto done;
+        printf("reopened for reading: %d orders\n", KWARecCount(table));
+    }
     status = 0;
 
 done:
-    if (status) fail("building the table");
+    if (status) fprintf(stderr, "orders: a step failed\n");
     KWMemFree(container);
     KWMemFree(packed);
     KWADestroy(table);

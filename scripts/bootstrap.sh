@@ -12,7 +12,7 @@ want=(build-essential cmake ninja-build pkg-config liblzo2-dev
 if [ "${1:-}" = "--bench" ]; then
   want+=(libprotobuf-dev protobuf-compiler libsqlite3-dev libzmq3-dev lzop
          libboost-graph-dev libtinyxml2-dev libmsgpack-dev libmsgpack-cxx-dev
-         liblua5.4-dev libmuparser-dev)
+         liblua5.4-dev libmuparser-dev gnuplot-nox)
 fi
 
 missing=()

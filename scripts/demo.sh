@@ -1,9 +1,12 @@
 #!/usr/bin/env bash
-# Builds the library and the kwz tool (release) and runs `kwz demo`.
-# Extra arguments are passed to kwz instead: scripts/demo.sh type "T|1\nA|I4".
+# Builds the library and the kwz tool (release; nothing else) and runs
+# `kwz demo`.  Extra arguments are passed to kwz instead:
+#   scripts/demo.sh type "T|1\nA|I4"      scripts/demo.sh demo --records 20000
 set -euo pipefail
 source "$(dirname "$0")/common.sh"
 "$KWZ_ROOT/scripts/bootstrap.sh"
-kwz_build "$KWZ_ROOT/build/release" -DCMAKE_BUILD_TYPE=RelWithDebInfo
+dir="$KWZ_ROOT/build/release"
+cmake -S "$KWZ_ROOT" -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build "$dir" --target kwz -j "$KWZ_JOBS"
 if [ $# -eq 0 ]; then set -- demo; fi
-exec "$KWZ_ROOT/build/release/tools/kwz" "$@"
+exec "$dir/tools/kwz" "$@"

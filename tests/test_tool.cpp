@@ -560,16 +560,4 @@ TEST(tool_Transport, NodeAndNodeSend) {
     EXPECT_EQ(node.Finish(SIGINT, 15000).rc, 0);
 }
 
-// ------------------------------------------------------------ demo
-
-TEST(tool_Demo, RunsEveryStep) {
-    NEED_TOOL();
-    const ToolResult r = RunTool(kTool, {"demo"}, "", "", 120000);
-    EXPECT_EQ(r.rc, 0) << r.err;
-    for (const char* step : {"== record types ==", "== records ==", "== record arrays ==", "== transport ==",
-                             "== datagram nodes ==", "== compression ==", "demo finished: "})
-        EXPECT_NE(r.out.find(step), std::string::npos) << step;
-    EXPECT_NE(r.out.find("closed cleanly: every slot released"), std::string::npos) << r.out;
-}
-
 }  // namespace

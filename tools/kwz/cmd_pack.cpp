@@ -1,4 +1,4 @@
-// kwz pack / unpack / hash / info, and the "compression" demo step.
+// kwz pack / unpack / hash / info.
 //
 // pack and unpack stream through LZOPCompress/LZOPDecompress with callbacks
 // over FILE*, one 64,480-byte chunk at a time, so files larger than memory
@@ -321,69 +321,3 @@ KWZ_COMMAND(info, {330, "data", "info", "FILE",
     return rc == 0 ? kExitOk : Fail(file, "damaged or inconsistent (see above)");
 }
 
-// ------------------------------------------------------------ demo
-
-namespace {
-
-using namespace kwz::tool;
-
-// Compresses, shows the container's head and chunk headers, decompresses and
-// compares.  false when the round trip does not give the input back.
-bool ShowContainer(const char* what, const std::string& in) {
-    int32_t len = 0, backLen = 0;
-    void *block = nullptr, *back = nullptr;
-    if (KWZDataCompress(int32_t(in.size()), in.data(), &len, &block) != 0) return false;
-    const auto* c = static_cast<const char*>(block);
-    std::printf("%-22s %7zu -> %6d bytes (%.3f)  %.4s", what, in.size(), len,
-                Ratio(uint64_t(len), in.size()), c);
-    for (int32_t pos = 4; pos + 8 <= len;) {
-        unsigned s = 0, l = 0;
-        std::sscanf(std::string(c + pos, 8).c_str(), "%4X%4X", &s, &l);
-        std::printf(" %.8s", c + pos);
-        pos += 8 + int32_t(s);
-        if (s == 0) break;
-    }
-    bool ok = KWZDataDeCompress(len, block, &backLen, &back) == 0 && size_t(backLen) == in.size() &&
-              std::memcmp(back, in.data(), in.size()) == 0;
-    std::printf("  %s\n", ok ? "round trip ok" : "ROUND TRIP FAILED");
-    KWMemFree(block);
-    KWMemFree(back);
-    return ok;
-}
-
-}  // namespace
-
-KWZ_DEMO_STEP(60, "compression") {
-    std::string text;
-    for (int i = 0; text.size() < 150000; ++i)
-        text += "order " + std::to_string(i) + ": 12 units of part A-" + std::to_string(i % 40) +
-                " shipped to the north warehouse\n";
-    std::string noise(1000, '\0');
-    uint32_t x = 2463534242u;
-    for (auto& ch : noise) {
-        x ^= x << 13, x ^= x >> 17, x ^= x << 5;
-        ch = char(x >> 24);
-    }
-    std::printf("container: magic, then \"SSSSLLLL\" per chunk (S stored bytes, L length or 0000 "
-                "when stored), \"00000000\" last\n");
-    if (!ShowContainer("repetitive text", text) || !ShowContainer("random bytes", noise) ||
-        !ShowContainer("nothing", ""))
-        return 1;
-
-    char plain[33], keyed[33];
-    KWZDataHash(5, "hello", plain, nullptr);
-    KWZDataHash(5, "hello", keyed, "secret");
-    std::printf("hash(\"hello\")               %s\nhash(\"hello\", key \"secret\") %s\n", plain,
-                keyed);
-
-    const char key[] = "Secret";
-    std::string message = "Attack at dawn";
-    RC4Key state;
-    RC4CodePrepare_Key(reinterpret_cast<const uint8_t*>(key), 6, &state);
-    RC4Code(reinterpret_cast<uint8_t*>(&message[0]), int32_t(message.size()), &state);
-    std::printf("RC4 \"Attack at dawn\", key \"Secret\": %s", HexBytes(reinterpret_cast<const uint8_t*>(message.data()), message.size()).c_str());
-    RC4CodePrepare_Key(reinterpret_cast<const uint8_t*>(key), 6, &state);
-    RC4Code(reinterpret_cast<uint8_t*>(&message[0]), int32_t(message.size()), &state);
-    std::printf(" -> \"%s\" (RC4 is kept for existing peers, not for security)\n", message.c_str());
-    return message == "Attack at dawn" ? 0 : 1;
-}

@@ -1,7 +1,7 @@
 // kwz record: builds a record of a type from field=value arguments, packs it
 // and prints the image as an annotated hex dump (--out also writes it); with
 // --decode it reads an image, checks it against the type and prints its
-// fields.  Also the "records" step of `kwz demo`.
+// fields.
 #include <VomKwz.h>
 
 #include <algorithm>
@@ -174,52 +174,3 @@ KWZ_COMMAND(record, {110, "records and tables", "record",
                  call.Has("--force"));
 }
 
-KWZ_DEMO_STEP(20, "records") {
-    TypeHolder login, conv;
-    if (KWRTypSet(&login.t, 1, "_LOGIN|3\r\n_Login|CB\r\n_Password|CB\r\n_AddType|L1") ||
-        KWRTypSet(&conv.t, 2, "Conv|3\r\nSmall|I2\r\nFlag|L1\r\nWhole|I4"))
-        return 1;
-    RecordHolder rec, numbers;
-    if (KWRRecNew(&login.t, &rec.r) || KWRRecNew(&conv.t, &numbers.r)) return 1;
-    std::printf("new %s record: %u bytes, every field null\n", login.t.name, rec.r.length);
-    KWRSetAsText(KWRFldByName(&login.t, "_Login"), &rec.r, 5, "abcde");
-    KWRSetAsText(KWRFldByName(&login.t, "_Password"), &rec.r, 3, "xyz");
-    KWRSetAsInt32(KWRFldByName(&login.t, "_AddType"), &rec.r, 1);
-    std::printf("set _Login, _Password, _AddType: state %u (texts wait in owned blocks)\n", rec.r.state);
-
-    const KWRField* small = KWRFldByName(&conv.t, "Small");
-    const KWRField* flag = KWRFldByName(&conv.t, "Flag");
-    const KWRField* whole = KWRFldByName(&conv.t, "Whole");
-    int64_t i64 = 0;
-    uint8_t b = 0;
-    int32_t i32 = 0;
-    KWRSetAsInt32(small, &numbers.r, 70000);
-    KWRGetAsInt64(small, &numbers.r, &i64);
-    KWRGetAsByte(small, &numbers.r, &b);
-    std::printf("conversions: 70000 into I2 stores %lld (read as B1: %u)", static_cast<long long>(i64), b);
-    KWRSetAsDouble(flag, &numbers.r, std::nan(""));
-    KWRGetAsBool(flag, &numbers.r, &b);
-    KWRSetAsDouble(whole, &numbers.r, -2.9);
-    KWRGetAsInt32(whole, &numbers.r, &i32);
-    std::printf("; NaN into L1 stores %u; -2.9 into I4 stores %d\n", b, i32);
-
-    if (KWRRecPack(&login.t, &rec.r, 1, 1)) return 1;
-    std::printf("packed: %u bytes, state %u\n", rec.r.length, rec.r.state);
-    for (uint32_t i = 0; i < rec.r.length; i += 16)
-        std::printf("  %04x  %s\n", i, HexBytes(rec.r.image + i, std::min<uint32_t>(16, rec.r.length - i)).c_str());
-
-    auto* copy = static_cast<uint8_t*>(std::malloc(rec.r.length));
-    if (!copy) return 1;
-    std::memcpy(copy, rec.r.image, rec.r.length);
-    RecordHolder received;
-    if (KWRRecSet(&received.r, copy) != 0) {
-        std::free(copy);
-        return 1;
-    }
-    if (KWRRecCheck(&login.t, &received.r) != 0) return 1;
-    std::printf("adopted a copy with KWRRecSet, KWRRecCheck accepts it:");
-    for (uint32_t i = 0; i < login.t.fieldCount; ++i)
-        std::printf(" %s=%s", login.t.fields[i].name, FieldText(login.t.fields[i], received.r).c_str());
-    std::printf("\n");
-    return 0;
-}

@@ -1,6 +1,5 @@
 // kwz table: CSV into a packed record table ("#RA2"), and a packed table
-// back to text (aligned, or CSV that reads back to the same table); and the
-// "record arrays" step of kwz demo.
+// back to text (aligned, or CSV that reads back to the same table).
 #include <VomKwz.h>
 
 #include <algorithm>
@@ -351,71 +350,3 @@ KWZ_COMMAND(table, {120, "records and tables", "table",
     return show ? Show(call) : Build(call);
 }
 
-KWZ_DEMO_STEP(30, "record arrays") {
-    const KWRFieldDef fields[] = {
-        {"id", 0, iFldType_Int32}, {"name", 16, iFldType_Char}, {"price", 0, iFldType_Double}};
-    KWAKeyDef keys[2];
-    std::memset(keys, 0, sizeof keys);
-    std::strcpy(keys[0].expression, "id");
-    keys[0].options = iKeyOpt_Unique | iKeyOpt_Primary;
-    std::strcpy(keys[1].expression, "name ; price");  // spaces are dropped
-    keys[1].options = iKeyOpt_CaseInsensitive;
-    KWArray* a = nullptr;
-    KWACreate(&a, nullptr);
-    KWAFldAdd(a, 3, fields);
-    KWAKeyAdd(a, 2, keys);
-    KWRType* type = KWAType(a);
-    const KWRField* id = &type->fields[0];
-    const KWRField* name = &type->fields[1];
-    const KWRField* price = &type->fields[2];
-
-    struct Item {
-        int32_t id;
-        const char* name;
-        double price;
-    };
-    for (const Item& it : {Item{30, "pear", 1.25}, Item{10, "Apple", 0.5}, Item{20, "apple", 0.75},
-                           Item{40, "fig", 3.0}}) {
-        KWRData* rec = KWARecNew(a);
-        KWRSetAsInt32(id, rec, it.id);
-        KWRSetAsText(name, rec, static_cast<int32_t>(std::strlen(it.name)), it.name);
-        KWRSetAsDouble(price, rec, it.price);
-        if (KWARecPost(rec, nullptr) != 0) return 1;
-    }
-    std::printf("posted 4 records; key 0 \"id\" (unique), key 1 \"name;price\" (nocase):\n");
-    PrintRecords(a, 1);
-
-    KWRData* dup = KWARecNew(a);
-    KWRSetAsInt32(id, dup, 20);
-    std::printf("posting another id 20: %d (duplicate under unique key 0)\n", KWARecPost(dup, nullptr));
-    KWARecDel(dup);
-
-    KWRVal cell;
-    std::memset(&cell, 0, sizeof cell);
-    cell.type = iFldType_Int32;
-    const int32_t want = 40;
-    std::memcpy(cell.value, &want, 4);
-    int32_t pos = -1;
-    KWRData* fig = KWARecSeekV(a, 0, &cell, &pos);
-    KWRData* copy = KWARecEdit(fig);
-    KWRSetAsText(name, copy, 6, "Banana");
-    KWRData* member = nullptr;
-    const int32_t rc = KWARecPost(copy, &member);
-    std::printf("seek id 40: position %d; edited its name to Banana: %d, now at %d in key 1\n", pos, rc,
-                KWARecIdx(a, 1, member));
-
-    void* block = nullptr;
-    const uint64_t size = KWAPack(a, &block);
-    std::printf("packed to %" PRIu64 " bytes:", size);
-    for (uint64_t i = 0; i < 18 && i < size; ++i) std::printf(" %02X", static_cast<uint8_t*>(block)[i]);
-    std::printf(" ...\n");
-    KWArray* b = nullptr;
-    KWACreate(&b, nullptr);
-    const int64_t back = KWAUnpackForRead(b, block);
-    KWMemFree(block);
-    std::printf("unpacked for read (%" PRId64 " bytes), in key 0 order:\n", back);
-    PrintRecords(b, 0);
-    KWADestroy(b);
-    KWADestroy(a);
-    return back > 0 && rc == 0 ? 0 : 1;
-}

@@ -1,5 +1,5 @@
 // kwz type: parses a type-definition string and prints the type, or names
-// the line at fault.  Also the "record types" step of `kwz demo`.
+// the line at fault.
 #include <VomKwz.h>
 
 #include <algorithm>
@@ -54,43 +54,3 @@ KWZ_COMMAND(type, {100, "records and tables", "type", "[\"DEF\" | -] [ID]",
     return kExitOk;
 }
 
-KWZ_DEMO_STEP(10, "record types") {
-    const struct {
-        uint32_t id;
-        const char* definition;
-    } types[] = {
-        {101, "_LOGIN|3\r\n_Login|CB\r\n_Password|CB\r\n_AddType|L1"},
-        {102, "Order|6|customer orders\r\nId|I8\r\nCode|CH12|order code\r\nCustomer|CH40\r\n"
-              "Qty|I4\r\nPrice|F8|unit price\r\nNote|CM"},
-    };
-    KWRType type;
-    KWRTypInit(&type);
-    for (const auto& t : types) {
-        if (KWRTypSet(&type, t.id, t.definition) != KWR_OK) return 1;
-        PrintType(type);
-        std::printf("\n");
-    }
-    // A third type built from field definitions rather than text.
-    KWRFieldDef defs[3] = {
-        {"X", 0, iFldType_Double}, {"Y", 0, iFldType_Double}, {"Label", 16, iFldType_Char}};
-    if (KWRTypSetA(&type, 103, "Point", 3, defs) != KWR_OK) return 1;
-    PrintType(type);
-
-    if (KWRTypSet(&type, 102, types[1].definition) != KWR_OK) return 1;
-    const KWRField* price = KWRFldByName(&type, "PRICE");
-    if (!price) return 1;
-    std::printf("\nlookup \"PRICE\" (case ignored): field %u at offset %u\n", price->number,
-                price->offset);
-    char* text = nullptr;
-    if (KWRTypGet(&type, &text) != KWR_OK) return 1;
-    std::string shown;  // line ends shown as the escapes `kwz type` accepts
-    for (const char* p = text; *p; ++p) {
-        if (*p == '\r') shown += "\\r";
-        else if (*p == '\n') shown += "\\n";
-        else shown += *p;
-    }
-    std::printf("definition written back: \"%s\"\n", shown.c_str());
-    KWMemFree(text);
-    KWRTypFree(&type);
-    return 0;
-}

@@ -1,5 +1,5 @@
 // Subcommand registry of the kwz tool.  Each cmd_*.cpp file registers its
-// own family of subcommands; main.cpp itself holds only help, version and demo.
+// own family of subcommands; main.cpp itself holds only help and version.
 //
 //   KWZ_COMMAND(pack, {300, "data", "pack", "FILE [-o OUT] [-f]",
 //                      "compress FILE into a .lz2 container", 1, 1,
@@ -14,9 +14,6 @@
 // usage shows the arguments (one line per form), two numbers bound the
 // positional arguments (-1: no upper bound), and the options are the only
 // ones the command accepts.  The body gets a parsed kwz::tool::Call.
-//
-// Steps of `kwz demo` register the same way, ordered by their number:
-//   KWZ_DEMO_STEP(10, "record types") { ... return 0; }
 #pragma once
 
 #include <string>
@@ -49,14 +46,7 @@ struct Command {
     CommandFn run = nullptr;
 };
 
-struct DemoStep {
-    int order;  // steps run in ascending order
-    const char* title;
-    int (*run)();  // 0 = success
-};
-
 std::vector<Command>& Commands();
-std::vector<DemoStep>& DemoSteps();
 // The command called name, or nullptr.
 const Command* FindCommand(const std::string& name);
 
@@ -65,9 +55,6 @@ struct CommandRegistrar {
         command.run = run;
         Commands().push_back(std::move(command));
     }
-};
-struct DemoRegistrar {
-    explicit DemoRegistrar(DemoStep step) { DemoSteps().push_back(step); }
 };
 
 // Options that several commands share, spelled the same everywhere.
@@ -81,9 +68,3 @@ inline constexpr Option kForceOption{"--force", "-f", nullptr, "write over an ex
     static const ::kwz::tool::CommandRegistrar kwz_reg_cmd_##ident(                 \
         &kwz_cmd_##ident, ::kwz::tool::Command __VA_ARGS__);                        \
     static int kwz_cmd_##ident(const ::kwz::tool::Call& call)
-
-#define KWZ_DEMO_STEP(order, title)                                                 \
-    static int kwz_demo_##order();                                                  \
-    static const ::kwz::tool::DemoRegistrar kwz_reg_demo_##order(                   \
-        ::kwz::tool::DemoStep{order, title, &kwz_demo_##order});                    \
-    static int kwz_demo_##order()

@@ -16,11 +16,6 @@ std::vector<Command>& Commands() {
     return commands;
 }
 
-std::vector<DemoStep>& DemoSteps() {
-    static std::vector<DemoStep> steps;
-    return steps;
-}
-
 const Command* FindCommand(const std::string& name) {
     for (const Command& c : Commands())
         if (name == c.name) return &c;
@@ -106,20 +101,6 @@ KWZ_COMMAND(version, {920, "general", "version", "", "print the library version"
     std::printf("libVomKwz_x64 %llu.%llu.%llu (build %llu)\n%s\n", (unsigned long long)major,
                 (unsigned long long)minor, (unsigned long long)release, (unsigned long long)build,
                 credits ? credits : "");
-    return kExitOk;
-}
-
-KWZ_COMMAND(demo, {900, "general", "demo", "", "run the end-to-end showcase", 0, 0}) {
-    (void)call;
-    auto steps = DemoSteps();
-    std::sort(steps.begin(), steps.end(), [](const DemoStep& a, const DemoStep& b) { return a.order < b.order; });
-    for (const auto& step : steps) {
-        std::printf("== %s ==\n", step.title);
-        std::fflush(stdout);
-        if (int rc = step.run(); rc != 0) return Fail(std::string("step \"") + step.title + "\"", "failed (" + std::to_string(rc) + ")");
-        std::printf("\n");
-    }
-    std::printf("demo finished: %zu steps\n", steps.size());
     return kExitOk;
 }
 
