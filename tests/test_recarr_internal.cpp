@@ -6,10 +6,10 @@
 
 #include <VomKwz.h>
 
+#include <algorithm>
+#include <random>
 #include <string>
 #include <vector>
-
-#include <random>
 
 #include "base/kwMem.h"
 #include "fault_harness.h"
@@ -54,6 +54,22 @@ void Fill(KWArray* a, int32_t count = 300) {
 }
 
 const std::vector<KWAKeyDef> kKeys = {Key("Id", iKeyOpt_Unique), Key("Grp;Id")};
+
+// Runs op (0 on success) under every allocation failure: a failed run gives
+// `failed` and leaves `a` as it was.  The number of failed runs.
+template <typename Op>
+int64_t ExpectAllOrNothing(KWArray* a, int64_t failed, Op op) {
+    const Snapshot before = Take(a);
+    return ForEachAllocationFailure([&](auto fired) {
+        const int64_t rc = op();
+        if (Settle(fired)) {
+            EXPECT_EQ(failed, rc);
+            EXPECT_TRUE(before == Take(a));
+        } else {
+            EXPECT_EQ(0, rc);
+        }
+    });
+}
 
 }  // namespace
 
@@ -164,16 +180,7 @@ TEST(fault_recarr, AddAndPostNew) {
             ASSERT_EQ(0, KWAPackForRead(a));
         }
         const std::vector<KWRVal> cells = {I4(1), I4(3), Text("added", iFldType_Memo)};  // between members
-        const Snapshot before = Take(a);
-        ForEachAllocationFailure([&](auto fired) {
-            KWRData* member = KWARecAdd(a, cells.data());
-            if (Settle(fired)) {
-                EXPECT_EQ(nullptr, member);
-                EXPECT_TRUE(before == Take(a));
-            } else {
-                EXPECT_NE(nullptr, member);
-            }
-        });
+        ExpectAllOrNothing(a, -1, [&] { return KWARecAdd(a, cells.data()) ? 0 : -1; });
         EXPECT_EQ(257, KWARecCount(a));
         ExpectSeeksLikeList(a, 0, -1, 520, "Id");
         const int32_t next = 3;
@@ -210,6 +217,9 @@ TEST(fault_recarr, PostInPlaceAndCopy) {
         ASSERT_NE(nullptr, member);
         ASSERT_EQ(0u, KWRSetAsInt32(id, member, 1001 + round * 2));
         ASSERT_EQ(0u, KWRSetAsInt32(grp, member, 5));
+        if (round) {  // a text that outgrows the image: packing allocates too
+            ASSERT_EQ(0u, KWRSetAsText(a.F("Note"), member, 100, std::string(100, 'n').c_str()));
+        }
         const std::vector<int64_t> key0 = Ints(a, 0, "Id");
         const std::vector<int64_t> key1 = Ints(a, 1, "Id");
         ForEachAllocationFailure([&](auto fired) {
@@ -255,16 +265,7 @@ TEST(fault_recarr, Delete) {
         if (readMode) {
             ASSERT_EQ(0, KWAPackForRead(a));
         }
-        const Snapshot before = Take(a);
-        const int64_t failures = ForEachAllocationFailure([&](auto fired) {
-            const int32_t rc = KWARecDel(KWARec(a, 1, 5));
-            if (Settle(fired)) {
-                EXPECT_EQ(-3, rc);
-                EXPECT_TRUE(before == Take(a));
-            } else {
-                EXPECT_EQ(0, rc);
-            }
-        });
+        const int64_t failures = ExpectAllOrNothing(a, -3, [&] { return KWARecDel(KWARec(a, 1, 5)); });
         EXPECT_EQ(readMode, failures > 0);
         EXPECT_EQ(39, KWARecCount(a));
     }
@@ -284,18 +285,8 @@ TEST(fault_recarr, KeysSortAndReadMode) {
         }
     });
     // Into read-from-pack storage and back: -1 and the array as it was.
-    for (int32_t (*convert)(KWArray*) : {KWAPackForRead, KWAUnpackForWrite}) {
-        const Snapshot before = Take(a);
-        ForEachAllocationFailure([&](auto fired) {
-            const int32_t rc = convert(a);
-            if (Settle(fired)) {
-                EXPECT_EQ(-1, rc);
-                EXPECT_TRUE(before == Take(a));
-            } else {
-                EXPECT_EQ(0, rc);
-            }
-        });
-    }
+    for (int32_t (*convert)(KWArray*) : {KWAPackForRead, KWAUnpackForWrite})
+        ExpectAllOrNothing(a, -1, [&] { return convert(a); });
 }
 
 // Copying into an array with members of its own: -1 and the destination as
@@ -305,29 +296,11 @@ TEST(fault_recarr, CopyAndAddInReadMode) {
     Fill(source, 40);
     Array target(Fields(), kKeys);
     Fill(target, 3);
-    const Snapshot before = Take(target);
-    ForEachAllocationFailure([&](auto fired) {
-        const int32_t rc = KWACopy(target, source, iCopyOpt_Rec | iCopyOpt_Key);
-        if (Settle(fired)) {
-            EXPECT_EQ(-1, rc);
-            EXPECT_TRUE(before == Take(target));
-        } else {
-            EXPECT_EQ(0, rc);
-        }
-    });
+    ExpectAllOrNothing(target, -1, [&] { return KWACopy(target, source, iCopyOpt_Rec | iCopyOpt_Key); });
     EXPECT_TRUE(Take(source) == Take(target));
     ASSERT_EQ(0, KWAPackForRead(target));
     const std::vector<KWRVal> cells = {I4(1), I4(3), Text("added", iFldType_Memo)};
-    const Snapshot stored = Take(target);
-    ForEachAllocationFailure([&](auto fired) {
-        KWRData* member = KWARecAddPack(target, cells.data());
-        if (Settle(fired)) {
-            EXPECT_EQ(nullptr, member);
-            EXPECT_TRUE(stored == Take(target));
-        } else {
-            EXPECT_NE(nullptr, member);
-        }
-    });
+    ExpectAllOrNothing(target, -1, [&] { return KWARecAddPack(target, cells.data()) ? 0 : -1; });
     EXPECT_EQ(41, KWARecCount(target));
 }
 
@@ -350,40 +323,23 @@ TEST(fault_recarr, PackAndUnpack) {
         }
         KWMemFree(block);
     });
-    using Unpacker = int64_t (*)(KWArray*, const std::vector<uint8_t>&, const std::vector<uint8_t>&, bool);
-    const std::vector<std::pair<const char*, Unpacker>> unpackers = {
-        {"KWAUnpack", [](KWArray* a, const std::vector<uint8_t>& t, const std::vector<uint8_t>&, bool) {
-             return int64_t(KWAUnpack(a, t.data())) > 0 ? int64_t{0} : int64_t{-1};
-         }},
-        {"KWAUnpackForRead", [](KWArray* a, const std::vector<uint8_t>& t, const std::vector<uint8_t>&, bool) {
-             return KWAUnpackForRead(a, t.data()) > 0 ? int64_t{0} : int64_t{-1};
-         }},
-        {"KWAUnpackChecked", [](KWArray* a, const std::vector<uint8_t>& t, const std::vector<uint8_t>&, bool r) {
-             const int64_t rc = KWAUnpackChecked(a, t.data(), t.size(), r);
-             return rc > 0 ? int64_t{0} : rc;
-         }},
-        {"KWZArrayUnPack", [](KWArray* a, const std::vector<uint8_t>&, const std::vector<uint8_t>& c, bool r) {
-             return int64_t(KWZArrayUnPack(a, c.data(), r));
-         }},
-        {"KWZArrayUnPackN", [](KWArray* a, const std::vector<uint8_t>&, const std::vector<uint8_t>& c, bool r) {
-             return int64_t(KWZArrayUnPackN(a, c.data(), c.size(), r));
-         }},
+    // Each unpacker as 0 on success, else its failure code.
+    const auto unpack = [&](int how, KWArray* t, bool forRead) -> int64_t {
+        switch (how) {
+        case 0: return KWAUnpack(t, table.data()) > 0 ? 0 : -1;
+        case 1: return KWAUnpackForRead(t, table.data()) > 0 ? 0 : -1;
+        case 2: return std::min<int64_t>(0, KWAUnpackChecked(t, table.data(), table.size(), forRead));
+        case 3: return KWZArrayUnPack(t, container.data(), forRead);
+        default: return KWZArrayUnPackN(t, container.data(), container.size(), forRead);
+        }
     };
-    for (const auto& [name, unpack] : unpackers) {
+    for (int how = 0; how < 5; ++how) {
         for (bool forRead : {false, true}) {
+            SCOPED_TRACE(how);
             Array target(Fields(), kKeys);
             Fill(target, 5);
-            const Snapshot before = Take(target);
-            ForEachAllocationFailure([&](auto fired) {
-                const int64_t rc = unpack(target, table, container, forRead);
-                if (Settle(fired)) {
-                    EXPECT_EQ(-1, rc) << name;
-                    EXPECT_TRUE(before == Take(target)) << name;
-                } else {
-                    EXPECT_EQ(0, rc) << name;
-                }
-            });
-            EXPECT_EQ(table, Pack(target)) << name;
+            ExpectAllOrNothing(target, -1, [&] { return unpack(how, target, forRead); });
+            EXPECT_EQ(table, Pack(target));
         }
     }
 }

@@ -5,6 +5,8 @@
 #include <VomKwz.h>
 
 #include <cstring>
+#include <functional>
+#include <tuple>
 #include <vector>
 
 #include "guard_page.h"
@@ -25,14 +27,20 @@ std::vector<uint8_t> PackedImage(const Type& type) {
     return rec.Bytes();
 }
 
-uint32_t CheckAtEdge(const Type& type, const std::vector<uint8_t>& bytes) {
-    kwztest::GuardedBytes guarded(bytes);
+// A record over guarded bytes, never freed: it owns nothing.
+KWRData View(kwztest::GuardedBytes& guarded, size_t length, uint8_t fieldCount) {
     KWRData view;
     KWRRecInit(&view);
     view.image = guarded.data();
-    view.length = static_cast<uint32_t>(bytes.size());
-    view.fieldCount = bytes[5];
-    return KWRRecCheck(&type.t, &view);  // view is never freed: it owns nothing
+    view.length = static_cast<uint32_t>(length);
+    view.fieldCount = fieldCount;
+    return view;
+}
+
+uint32_t CheckAtEdge(const Type& type, const std::vector<uint8_t>& bytes) {
+    kwztest::GuardedBytes guarded(bytes);
+    KWRData view = View(guarded, bytes.size(), bytes[5]);
+    return KWRRecCheck(&type.t, &view);
 }
 
 }  // namespace
@@ -44,43 +52,23 @@ TEST(record_bounds, CheckReadsNothingPastTheImage) {
     const uint32_t bValue = type.F("B")->offset;
     const uint32_t cValue = type.F("C")->offset;
     ASSERT_EQ(packed[L - 1], 0);
-    auto u32 = [](std::vector<uint8_t>& b, uint32_t at, uint32_t v) { std::memcpy(&b[at], &v, 4); };
-    struct Case {
-        const char* what;
-        void (*change)(std::vector<uint8_t>&, uint32_t L, uint32_t b, uint32_t c, decltype(u32)&);
-        uint32_t expected;
-    };
-    const Case cases[] = {
-        {"as packed: the last text's 0 byte is the image's last byte",
-         [](std::vector<uint8_t>&, uint32_t, uint32_t, uint32_t, decltype(u32)&) {}, 0u},
-        {"last text one longer: its 0 byte would sit at L",
-         [](std::vector<uint8_t>& b, uint32_t, uint32_t bv, uint32_t, decltype(u32)& w) { w(b, bv, 3); },
-         KWR_CORRUPT},
-        {"last text ending on a byte that is not 0",
-         [](std::vector<uint8_t>& b, uint32_t L, uint32_t, uint32_t, decltype(u32)&) { b[L - 1] = 'z'; },
-         KWR_CORRUPT},
+    using Bytes = std::vector<uint8_t>;
+    auto put = [](Bytes& b, uint32_t at, uint32_t v) { std::memcpy(&b[at], &v, 4); };
+    // change to the packed image -> refused (KWR_CORRUPT) or accepted
+    const std::tuple<const char*, std::function<void(Bytes&)>, bool> cases[] = {
+        {"as packed: the last text's 0 byte is the image's last byte", [](Bytes&) {}, false},
+        {"last text one longer: its 0 byte would sit at L", [&](Bytes& b) { put(b, bValue, 3); }, true},
+        {"last text ending on a byte that is not 0", [&](Bytes& b) { b[L - 1] = 'z'; }, true},
         {"last text's offset moved to the last byte (empty text there)",
-         [](std::vector<uint8_t>& b, uint32_t L, uint32_t bv, uint32_t, decltype(u32)& w) {
-             w(b, bv, 0);
-             w(b, bv + 4, L - 1);
-         },
-         0u},
-        {"last text's offset at L",
-         [](std::vector<uint8_t>& b, uint32_t L, uint32_t bv, uint32_t, decltype(u32)& w) {
-             w(b, bv, 0);
-             w(b, bv + 4, L);
-         },
-         KWR_CORRUPT},
-        {"\"CH\" length at its capacity",
-         [](std::vector<uint8_t>& b, uint32_t, uint32_t, uint32_t cv, decltype(u32)&) { b[cv + 1] = 5; }, 0u},
-        {"\"CH\" length one past its capacity",
-         [](std::vector<uint8_t>& b, uint32_t, uint32_t, uint32_t cv, decltype(u32)&) { b[cv + 1] = 6; },
-         KWR_CORRUPT},
+         [&](Bytes& b) { put(b, bValue, 0); put(b, bValue + 4, L - 1); }, false},
+        {"last text's offset at L", [&](Bytes& b) { put(b, bValue, 0); put(b, bValue + 4, L); }, true},
+        {"\"CH\" length at its capacity", [&](Bytes& b) { b[cValue + 1] = 5; }, false},
+        {"\"CH\" length one past its capacity", [&](Bytes& b) { b[cValue + 1] = 6; }, true},
     };
-    for (const Case& c : cases) {
-        std::vector<uint8_t> bytes = packed;
-        c.change(bytes, L, bValue, cValue, u32);
-        EXPECT_EQ(c.expected, CheckAtEdge(type, bytes)) << c.what;
+    for (const auto& [what, change, refused] : cases) {
+        Bytes bytes = packed;
+        change(bytes);
+        EXPECT_EQ(refused ? KWR_CORRUPT : 0u, CheckAtEdge(type, bytes)) << what;
     }
     // An image whose length word claims one byte more than there is.
     std::vector<uint8_t> shorter(packed.begin(), packed.end() - 1);
@@ -99,11 +87,7 @@ TEST(record_bounds, TypeGenerationStopsAtTheLength) {
     ASSERT_EQ(type.t.dataLength, image.size());
     for (size_t n : {image.size(), image.size() - 1}) {
         kwztest::GuardedBytes guarded(image.data(), n);
-        KWRData view;
-        KWRRecInit(&view);
-        view.image = guarded.data();
-        view.length = static_cast<uint32_t>(n);
-        view.fieldCount = 2;
+        KWRData view = View(guarded, n, 2);
         KWRType generated;
         KWRTypInit(&generated);
         EXPECT_EQ(n == image.size() ? 0u : KWR_SYNTAX, KWRTypGen(&generated, "G", &view)) << n;
