@@ -109,7 +109,7 @@ int32_t CastToDblS(CVar* v) {
     case kStr: d = std::strtod(TextOf(v), nullptr); break;
     case kArr: {
         CVar value{};
-        if (ArrToPair(v, kDbl, &value, &sign) != kOk) return kNotSupported;
+        if (const int32_t st = ArrToPair(v, kDbl, &value, &sign); st != kOk) return st;
         d = value.v.d;
         break;
     }
@@ -175,14 +175,14 @@ int32_t Put(KWCalcStack* s) {
     if (p == 0) return kNoProp;
     if (p == 2) {
         int64_t x = 0;
-        if (IntArg(value, &x) != kOk) return kNoProp;
+        if (const int32_t st = IntArg(value, &x); st != kOk) return Failed(st, kNoProp);
         obj->count = int32_t(uint32_t(uint64_t(x)));
         return kOk;
     }
     CVar d{};
-    if (CastCopy(value, kDbl, &d) != kOk || d.type != kDbl) {
+    if (const int32_t st = CastCopy(value, kDbl, &d); st != kOk || d.type != kDbl) {
         SetEmpty(&d);
-        return kNoProp;
+        return Failed(st, kNoProp);
     }
     obj->v.d = d.v.d;
     return kOk;
@@ -194,7 +194,7 @@ int32_t UndefFun(CVar* v, const char* name) {
     if (!v || !name || KindOf(v) != kKDblS) return kNotSupported;
     if (std::strcmp(name, "round") == 0) {
         int64_t n = 0;
-        if (IntArg(v + 1, &n) != kOk) return kNotSupported;
+        if (const int32_t st = IntArg(v + 1, &n); st != kOk) return st;
         v->v.d = RoundDigits(v->v.d, n);
         return kOk;
     }
@@ -227,10 +227,11 @@ int32_t Make(KWCalcStack* s) {
     const CVar* b = StackArg(s, 1);
     CVar d{};
     int64_t sign = 0;
-    if (!a || !b || !DblSTypeNum || IntArg(b, &sign) != kOk) return kNotSupported;
-    if (CastCopy(a, kDbl, &d) != kOk || d.type != kDbl) {
+    if (!a || !b || !DblSTypeNum) return kNotSupported;
+    if (const int32_t st = IntArg(b, &sign); st != kOk) return st;
+    if (const int32_t st = CastCopy(a, kDbl, &d); st != kOk || d.type != kDbl) {
         SetEmpty(&d);
-        return kNotSupported;
+        return Failed(st, kNotSupported);
     }
     CDblSSet_(a, int32_t(sign), d.v.d);
     return kOk;

@@ -147,7 +147,7 @@ int32_t CastToIntS(CVar* v) {
     case kArr: {
         CVar value{};
         int64_t sign = 0;
-        if (ArrToPair(v, kInt, &value, &sign) != kOk) return kNotSupported;
+        if (const int32_t st = ArrToPair(v, kInt, &value, &sign); st != kOk) return st;
         SetIntS64(v, value.v.i, int32_t(sign));
         return kOk;
     }
@@ -210,7 +210,8 @@ int32_t Put(KWCalcStack* s) {
     const int32_t p = PropertyOf(sel);
     if (p < 0) return kNotSupported;
     int64_t x = 0;
-    if (p == 0 || IntArg(value, &x) != kOk) return kNoProp;
+    if (p == 0) return kNoProp;
+    if (const int32_t st = IntArg(value, &x); st != kOk) return Failed(st, kNoProp);
     const int32_t low = int32_t(uint32_t(uint64_t(x)));
     if (p == 1) obj->v.i = low;
     else obj->count = low;
@@ -250,7 +251,9 @@ int32_t Make(KWCalcStack* s) {
     CVar* a = StackArg(s, 0);
     const CVar* b = StackArg(s, 1);
     int64_t x = 0, sign = 0;
-    if (!a || !b || IntArg(a, &x) != kOk || IntArg(b, &sign) != kOk) return kNotSupported;
+    if (!a || !b) return kNotSupported;
+    int32_t st = IntArg(a, &x);
+    if (st != kOk || (st = IntArg(b, &sign)) != kOk) return st;
     if (!IntSTypeNum) return kNotSupported;
     CIntSSet_(a, int32_t(uint32_t(uint64_t(x))), int32_t(sign));
     return kOk;

@@ -268,7 +268,7 @@ int32_t IntArg(const CVar* v, int64_t* out) {
         return kOk;
     }
     SetEmpty(&c);
-    return kNotSupported;
+    return Failed(st, kNotSupported);
 }
 
 int32_t PairArr(CVar* v, CVar* value, int32_t sign) {
@@ -283,10 +283,11 @@ int32_t PairArr(CVar* v, CVar* value, int32_t sign) {
 int32_t ArrToPair(const CVar* arr, int32_t valueTag, CVar* value, int64_t* sign) {
     *sign = 0;
     const CVar none{};
-    if (CastCopy(arr->count > 0 ? &arr->v.a[0] : &none, valueTag, value) != kOk) return kNotSupported;
-    if (arr->count > 1 && IntArg(&arr->v.a[1], sign) != kOk) {
+    int32_t st = CastCopy(arr->count > 0 ? &arr->v.a[0] : &none, valueTag, value);
+    if (st != kOk) return Failed(st, kNotSupported);
+    if (arr->count > 1 && (st = IntArg(&arr->v.a[1], sign)) != kOk) {
         SetEmpty(value);
-        return kNotSupported;
+        return st;
     }
     return kOk;
 }

@@ -116,13 +116,15 @@ extern const char* const kPropNames[2];
 
 // Casts a copy of v to tag; the copy is left in out (0, or the cast's code).
 int32_t CastCopy(const CVar* v, int32_t tag, CVar* out);
-// A value's Int cast as 64 bits: 0 or -44.
+// A value's Int cast as 64 bits: 0, -44, or -21 when memory runs out.
 int32_t IntArg(const CVar* v, int64_t* out);
+// A failed cast reported as `code`, except that running out of memory stays -21.
+inline int32_t Failed(int32_t status, int32_t code) { return status == kNoMem ? kNoMem : code; }
 
 // [value, sign]: the value moved in, the sign as an Int.
 int32_t PairArr(CVar* v, CVar* value, int32_t sign);
 // The parts of an [value, sign] array: the first element cast to valueTag, the
-// second to Int; missing elements give 0 (an empty value cast).  0 or -44.
+// second to Int; missing elements give 0 (an empty value cast).  0, -44, -21.
 int32_t ArrToPair(const CVar* arr, int32_t valueTag, CVar* value, int64_t* sign);
 
 // Text of printf for a number ("%lld", "%f"), with " 0x%x" of the sign when

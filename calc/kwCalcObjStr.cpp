@@ -109,7 +109,7 @@ int32_t CastToStrS(CVar* v) {
     case kArr: {
         CVar text{};
         int64_t sign = 0;
-        if (ArrToPair(v, kStr, &text, &sign) != kOk) return kNotSupported;
+        if (const int32_t st = ArrToPair(v, kStr, &text, &sign); st != kOk) return st;
         StrToStrS(&text, int32_t(sign));  // the cast made it owned
         Move(v, &text);
         return kOk;
@@ -182,14 +182,14 @@ int32_t Put(KWCalcStack* s) {
     if (p == 0) return kNoProp;
     if (p == 2) {
         int64_t x = 0;
-        if (IntArg(value, &x) != kOk) return kNoProp;
+        if (const int32_t st = IntArg(value, &x); st != kOk) return Failed(st, kNoProp);
         obj->spare = int32_t(uint32_t(uint64_t(x)));
         return kOk;
     }
     CVar text{};
-    if (CastCopy(value, kStr, &text) != kOk || text.type != kStr) {
+    if (const int32_t st = CastCopy(value, kStr, &text); st != kOk || text.type != kStr) {
         SetEmpty(&text);
-        return kNoProp;
+        return Failed(st, kNoProp);
     }
     StrToStrS(&text, obj->spare);  // the cast of a copy owns its text
     Move(obj, &text);
@@ -237,10 +237,11 @@ int32_t Make(KWCalcStack* s) {
     const CVar* b = StackArg(s, 1);
     CVar text{};
     int64_t sign = 0;
-    if (!a || !b || !StrSTypeNum || IntArg(b, &sign) != kOk) return kNotSupported;
-    if (CastCopy(a, kStr, &text) != kOk || text.type != kStr) {
+    if (!a || !b || !StrSTypeNum) return kNotSupported;
+    if (const int32_t st = IntArg(b, &sign); st != kOk) return st;
+    if (const int32_t st = CastCopy(a, kStr, &text); st != kOk || text.type != kStr) {
         SetEmpty(&text);
-        return kNotSupported;
+        return Failed(st, kNotSupported);
     }
     StrToStrS(&text, int32_t(sign));
     Move(a, &text);

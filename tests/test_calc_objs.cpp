@@ -509,7 +509,7 @@ TEST_F(calcObjs, ImagesInsideArraysRoundTrip) {
     Val back;
     EXPECT_EQ(CVarFromBuffN(&back.v, bad.data(), int32_t(bad.size())), 0);
     const KWCalcObjDef* strs = KWCalcObjType(kSS);
-    uint8_t room[9];
+    uint8_t room[10];
     EXPECT_EQ(strs->ToBuff(&v->v.a[2], room, 9), 0);
     EXPECT_EQ(strs->ToBuff(&v->v.a[2], room, 10), 10);
     EXPECT_EQ(KWCalcObjType(kIS)->ToBuff(&v->v.a[0], room, 9), 0);
