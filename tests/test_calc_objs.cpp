@@ -533,8 +533,9 @@ TEST_F(calcObjs, UndefFunAndCopies) {
     SS("text", 4)(&s.v);
     CVarCopy(&d.v, &s.v);
     CVarCopyRef(&ref.v, &s.v);
-    EXPECT_NE(d->v.s, s->v.s);
-    EXPECT_NE(ref->v.s, s->v.s);
+    const char* texts[3] = {s->v.s, d->v.s, ref->v.s};  // CVar is packed: read by value
+    EXPECT_NE(texts[1], texts[0]);
+    EXPECT_NE(texts[2], texts[0]);
     EXPECT_EQ(Show(&d.v), "StrS('text',4)");
     EXPECT_EQ(Show(&ref.v), "StrS('text',4)");
 }
