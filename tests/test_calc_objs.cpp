@@ -597,6 +597,18 @@ TEST_F(calcObjs, RegistrationOrdersConstantsAndUnregistering) {
         ASSERT_EQ(KWCalcConstGet(constants_, r.name, &v), 1) << r.name;
         EXPECT_EQ(Show(v), r.value) << r.name;
     }
+    // Scripts compiled with the table see them as literals.
+    KWFunDef* f = nullptr;
+    ASSERT_EQ(KWFunCompile("f(){result = itIntS + ipIntS_Sign; result = stDblS;}", &f, 0, constants_), 0);
+    char* text = KWFunDisassemble(f);
+    ASSERT_NE(text, nullptr);
+    const std::string code = text;
+    KWMemFree(text);
+    KWFunFree(f);
+    EXPECT_NE(code.find("int     20\n"), std::string::npos) << code;
+    EXPECT_NE(code.find("int     2\n"), std::string::npos) << code;
+    EXPECT_NE(code.find("str     \"DblS\""), std::string::npos) << code;
+
     // The current tag: the descriptor; a taken tag: null and unregistered.
     KWCalcObjDef* ints = KWCalcObjType(kIS);
     EXPECT_EQ(IntSObjTypeReg(kIS, nullptr), ints);
