@@ -31,6 +31,14 @@ int32_t Number(CVar* v, const char* name) {
     return kNotSupported;
 }
 
+// A built-in of one number applied to an object: the type's UndefFun does
+// the built-in's work and leaves its result (of any type) in v; "round"
+// finds its digit count in v[1].
+int32_t ObjectFun(CVar* v, const char* name) {
+    const KWCalcObjDef* def = ObjType(v->type);
+    return def && def->UndefFun ? def->UndefFun(v, name) : kNotSupported;
+}
+
 int32_t ToInt(CVar* v, int64_t* out) {
     if (v->type == kInt) {
         *out = v->v.i;
@@ -62,6 +70,7 @@ int32_t Math(int32_t code, CVar* a) {
     static const char* const kNames[] = {"sin", "cos", "tan", "asin", "acos", "atan", "exp",
                                          "ldexp", "log", "log10", "sqrt", "pow"};
     const char* name = kNames[code - 113];
+    if (IsObjTag(a->type)) return ObjectFun(a, name);
     if (const int32_t st = Number(a, name); st != kOk) return st;
     const double x = AsDbl(a);
     double r;
@@ -122,6 +131,7 @@ int32_t Apply(int32_t code, CVar* a) {
         return kOk;
     }
     case 98:  // abs
+        if (IsObjTag(a[0].type)) return ObjectFun(&a[0], "abs");
         if ((st = Number(&a[0], "abs")) != kOk) return st;
         if (a[0].type == kInt) a[0].v.i = a[0].v.i < 0 ? int64_t(0 - uint64_t(a[0].v.i)) : a[0].v.i;
         else a[0].v.d = std::fabs(a[0].v.d);
@@ -148,12 +158,9 @@ int32_t Apply(int32_t code, CVar* a) {
     }
     case 101: {  // round(x, n)
         int64_t n = 0;
+        if (IsObjTag(a[0].type)) return ObjectFun(&a[0], "round");
         if ((st = Number(&a[0], "round")) != kOk || (st = ToInt(&a[1], &n)) != kOk) return st;
-        n = Clamp(n, -308, 308);
-        const double x = AsDbl(&a[0]);
-        const double scale = std::pow(10.0, double(n < 0 ? -n : n));
-        const double r = n >= 0 ? std::round(x * scale) / scale : std::round(x / scale) * scale;
-        SetDbl(&a[0], std::isfinite(r) ? r : x);
+        SetDbl(&a[0], RoundDigits(AsDbl(&a[0]), n));
         return kOk;
     }
     case 102: {  // abort(n)
@@ -275,6 +282,13 @@ int32_t Object(KWCalcStack* s, int32_t code) {
 }
 
 }  // namespace
+
+double RoundDigits(double x, int64_t n) {
+    n = Clamp(n, -308, 308);
+    const double scale = std::pow(10.0, double(n < 0 ? -n : n));
+    const double r = n >= 0 ? std::round(x * scale) / scale : std::round(x / scale) * scale;
+    return std::isfinite(r) ? r : x;
+}
 
 int32_t Builtin(KWCalcStack* s, int32_t code, int32_t floor) {
     // pow and ldexp consume two values; ldexp declares one argument, so it

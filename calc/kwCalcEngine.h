@@ -89,6 +89,8 @@ int32_t Truth(const CVar* v, bool* out);
 // Runs built-in `code` on the stack's top values; `floor` is the lowest slot
 // it may consume (ldexp reads one more than its declared argument).
 int32_t Builtin(KWCalcStack* s, int32_t code, int32_t floor);
+// round(x, n): x rounded to n decimal digits (n < 0: to tens, hundreds, ...).
+double RoundDigits(double x, int64_t n);
 // The time built-ins 161..175 on their arguments a[0..] (kwCalcTime.cpp).
 int32_t TimeBuiltin(int32_t code, CVar* a);
 // printf(a[0] format, a[1] values) and scanf(a[0] text, a[1] format) (kwCalcFormat.cpp).

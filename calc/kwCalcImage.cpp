@@ -26,6 +26,22 @@ constexpr size_t kStackArea = 1024;
 constexpr size_t kObjRaw = sizeof(CVar) - sizeof(int32_t);  // 20 bytes behind the tag
 constexpr int32_t kMaxReadDepth = 256;
 
+// The bound of the object read in progress on this thread (ImageBytesLeft).
+thread_local size_t t_objectBytesLeft = SIZE_MAX;
+
+// Sets the bound for one FromBuff slot call and restores the outer one: a
+// type's reader may itself read images.
+class ObjectBound {
+public:
+    explicit ObjectBound(size_t left) : saved_(t_objectBytesLeft) { t_objectBytesLeft = left; }
+    ~ObjectBound() { t_objectBytesLeft = saved_; }
+    ObjectBound(const ObjectBound&) = delete;
+    ObjectBound& operator=(const ObjectBound&) = delete;
+
+private:
+    size_t saved_;
+};
+
 // Builds an image in a 1,024-byte area on the stack, moving to the heap only
 // when the image outgrows it.  A caller's destination of at least that size
 // is written directly instead, until an item does not fit in it.  In
@@ -197,7 +213,11 @@ private:
         }
         // The type's reader is given no bound; what it reports is checked
         // against the bytes that were there.
-        const int32_t n = def->FromBuff(v, p_);
+        int32_t n;
+        {
+            ObjectBound bound(left_);
+            n = def->FromBuff(v, p_);
+        }
         if (n <= 0 || size_t(n) > left_) return Fail(v);
         Skip(size_t(n));
         return true;
@@ -226,6 +246,8 @@ private:
 };
 
 }  // namespace
+
+size_t ImageBytesLeft() { return t_objectBytesLeft; }
 
 int32_t ToBuff(const CVar* value, void* destination, int32_t room) {
     ImageWriter writer(destination, room);

@@ -104,6 +104,11 @@ const char* TagName(int32_t tag);
 int32_t ToBuff(const CVar* value, void* destination, int32_t room);
 // length: the bytes that may be read (SIZE_MAX: the source is trusted).
 int32_t FromBuff(CVar* value, const void* source, size_t length);
+// While an object type's FromBuff slot runs inside FromBuff: the bytes of the
+// image left behind the tag byte (SIZE_MAX when the source is trusted, and
+// outside a read).  The slot gets no bound of its own; the library's own types
+// read this one so that a short image is refused instead of over-read.
+size_t ImageBytesLeft();
 
 // --- the object-type registry (kwCalcReg.cpp) -------------------------------
 

@@ -859,6 +859,22 @@ KWZ_API KWCalcObjDef* KWCalcObjType(int32_t tag);
 /* Case-insensitive; of equal names the first in sorted order. */
 KWZ_API KWCalcObjDef* KWCalcObjTypeFromName(const char* name);
 
+/* The scalar object types "IntS", "DblS" and "StrS": an Int, Dbl or Str with
+   a 32-bit Sign that arithmetic carries along (OR-ed when both operands have
+   one).  Each registers like every object type: tag 5..255 registers it (and,
+   when constants is given, defines there "it<Type>" = the tag, "st<Type>" =
+   the name, "ip<Type>_Val" = 1, "sp<Type>_Val" = "Val", "ip<Type>_Sign" = 2,
+   "sp<Type>_Sign" = "Sign"); the current tag returns the descriptor at once;
+   a tag held by another type returns NULL, leaving the type unregistered;
+   tag 0 unregisters it (deleting those constants from constants, when given)
+   and returns NULL.  Otherwise the result is the type's descriptor, owned by
+   the library.  Calculators created afterwards get the script functions
+   "IntS"/"DblS"/"StrS"(value, sign), and "Val" and "Sign" from the first of
+   the registered types in tag order. */
+KWZ_API KWCalcObjDef* IntSObjTypeReg(int32_t tag, KWCalcConst* constants);
+KWZ_API KWCalcObjDef* DblSObjTypeReg(int32_t tag, KWCalcConst* constants);
+KWZ_API KWCalcObjDef* StrSObjTypeReg(int32_t tag, KWCalcConst* constants);
+
 /* Constant tables: named values (names compare ignoring case), each set
    once: setting a name that already holds a value changes nothing and still
    succeeds.  Values and descriptions are copied.  0, -21 out of memory, -44

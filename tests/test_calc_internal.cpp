@@ -301,3 +301,41 @@ TEST(calcInternal, ConstantTablesUnderAllocationFailure) {
         KWCalcConstDestroy(table);
     });
 }
+
+// The scalar object types when memory runs out: a failing operator, cast or
+// copy leaves its operands as they were, an image reads whole or not at all,
+// and a formula ends with a documented code; the sanitizer build sees no leak.
+TEST(calcInternal, ScalarObjectsUnderAllocationFailure) {
+    ASSERT_NE(IntSObjTypeReg(20, nullptr), nullptr);
+    ASSERT_NE(StrSObjTypeReg(22, nullptr), nullptr);
+    auto strs = [](CVar* v, const char* text, int32_t sign) {
+        CVarSetStr(v, text, int32_t(std::strlen(text)));
+        v->type = 22;
+        v->spare = sign;
+    };
+    int32_t bad[5] = {};
+    ForEachAllocationFailure([&](auto fired) {
+        Val pair[2], cast, copy, back, result;
+        strs(&pair[0].v, "ab", 1);
+        CVarSetStr(&pair[1].v, "cd", 2);
+        if (fired()) return;
+        const int32_t sum = KWCalcObjType(22)->Sum(&pair[0].v);
+        bad[0] += sum == 0 ? Text(&pair[0].v) != "abcd" : sum != -21 || Text(&pair[0].v) != "ab";
+        cast->type = 20;
+        cast->v.i = 5;
+        cast->count = 3;
+        const int32_t c = CVarCast(&cast.v, 3);
+        bad[1] += c == 0 ? Text(&cast.v) != "5 0x3" : c != -21 || cast->type != 20;
+        CVarCopy(&copy.v, &pair[0].v);
+        bad[2] += copy->type == 22 && copy->count > 0 && copy->v.s == pair[0]->v.s;
+        uint8_t image[64];  // no std:: allocation here: the armed one must be the library's
+        const int32_t size = CVarToBuff(&pair[0].v, image, int32_t(sizeof image));
+        const int32_t n = size ? CVarFromBuffN(&back.v, image, size) : 0;
+        bad[3] += n == 0 ? back->type != 0 : n != size;
+        const int32_t f = KWCalcFormula("str(IntS(7, 2)) + str(StrS(\"x\", 1))", &result.v, nullptr, 0);
+        bad[4] += f == 0 ? Text(&result.v) != "7 0x2x" : f != -21 && f != -41 && f != -1;
+    });
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(bad[i], 0) << "check " << i;
+    IntSObjTypeReg(0, nullptr);
+    StrSObjTypeReg(0, nullptr);
+}
