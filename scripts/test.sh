@@ -23,7 +23,10 @@ run_ctest "$KWZ_ROOT/build/release"
 
 echo "== 2/3 address + undefined sanitizers =="
 kwz_build "$KWZ_ROOT/build/asan" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKWZ_SANITIZE=address,undefined
-ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1 \
+# No strict_string_checks: it makes every strchr on a large text scan to the
+# text's end, which turns the XML parser's 100 MB and deep-nesting tests into
+# hours of sanitizer work.
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   run_ctest "$KWZ_ROOT/build/asan"
 
