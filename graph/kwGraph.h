@@ -53,12 +53,18 @@ struct TGraphHeap {
     TLinkHeap* retiredLinkHeaps = nullptr;
 };
 
-// What the last path search on a graph marked: every node whose mark it set.
-// Every half-link it marked belongs to one of these nodes, so the next search
-// clears the links through the nodes' lists.
+// What the last path search on a graph marked: every node whose mark it set
+// (touched), and every half-link whose mark it set (links).  A search that
+// does not keep the link list (allExpanded) has its link marks cleared
+// through all the half-links of the touched nodes.
 struct TGraphScratch {
     std::vector<TGraphNode*> touched;
-    void Reset() { touched.clear(); }
+    std::vector<TGraphLink*> links;
+    bool allExpanded = false;
+    void Reset() {
+        touched.clear();
+        links.clear();
+    }
 };
 
 namespace kwz::graph {

@@ -20,8 +20,11 @@ constexpr uint32_t kSpent = 0xFFFFFFFFu;
 void ZeroMarks(TGraphScratch& s) {
     for (TGraphNode* n : s.touched) {
         n->mark = 0;
-        for (TGraphLink* h = n->linkFirst; h; h = h->next) h->mark = 0;
+        if (s.allExpanded)
+            for (TGraphLink* h = n->linkFirst; h; h = h->next) h->mark = 0;
     }
+    if (!s.allExpanded)
+        for (TGraphLink* h : s.links) h->mark = 0;
     s.Reset();
 }
 
@@ -35,9 +38,10 @@ struct Marker {
 };
 
 // Clears what the previous search marked and gives the lists to fill.
-TGraphScratch& TGraphScratchBegin(TGraphItem& g, TGraphScratch*& scratch) {
+TGraphScratch& TGraphScratchBegin(TGraphItem& g, TGraphScratch*& scratch, bool allExpanded) {
     if (!scratch) scratch = new TGraphScratch;
     ZeroMarks(*scratch);
+    scratch->allExpanded = allExpanded;
     g.mark = 0;
     return *scratch;
 }
@@ -160,6 +164,7 @@ constexpr uint32_t Mark(uint32_t side, uint32_t level) { return side | (level <<
 struct CutSearch {
     TGraphItem& g;
     Marker marker;
+    std::vector<TGraphLink*>& links;  // every half-link marked, for the next search to clear
     TGraphItem& r;
     Nodes scratch;
 
@@ -180,6 +185,8 @@ struct CutSearch {
                     scratch.push_back(y);
                     meet = side;
                 }
+                links.push_back(h);
+                links.push_back(h->pair);
                 h->mark = 1;
                 h->pair->mark = 2;
             }
@@ -252,7 +259,9 @@ TGraphItem TGraphItem::BuildPath(TGraphNode& from, TGraphNode& to) {
     TGraphItem w(SharedHeap());
     w.AppendNode(to.id);
     w.AppendNode(from.id);
-    TGraphScratch& marked = TGraphScratchBegin(*this, scratch_);
+    // Passes clear and mark the links of the nodes they reach: the clearing
+    // walks every touched node's half-links.
+    TGraphScratch& marked = TGraphScratchBegin(*this, scratch_, true);
     try {
         PathSearch search{*this, Marker{marked.touched}, w, r, {}, {}, 0, {}};
         search.wave.reserve(256);
@@ -280,9 +289,9 @@ TGraphItem TGraphItem::BuildPath(TGraphNode& from, TGraphNode& to) {
 TGraphItem TGraphItem::BuildPathCut(TGraphNode& from, TGraphNode& to) {
     TGraphItem r(SharedHeap());
     if (!from.linkCount || !to.linkCount) return r;
-    TGraphScratch& marked = TGraphScratchBegin(*this, scratch_);
+    TGraphScratch& marked = TGraphScratchBegin(*this, scratch_, false);
     try {
-        CutSearch search{*this, Marker{marked.touched}, r, {}};
+        CutSearch search{*this, Marker{marked.touched}, marked.links, r, {}};
         search.marker.Set(&from, Mark(1, 0));
         search.marker.Set(&to, Mark(2, 0));
         Nodes first{&from}, second{&to};
