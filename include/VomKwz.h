@@ -1452,7 +1452,9 @@ class KWZ_API _tagXMLText {
 public:
     _tagXMLText() noexcept : m_data(s_empty.bytes) {}
     _tagXMLText(const _tagXMLText&) = delete;
-    ~_tagXMLText() { Release(); }
+    ~_tagXMLText() {
+        if (!(Head() & kStatic)) Release();
+    }
     _tagXMLText& operator=(const _tagXMLText& other) { return Assign(other.c_str(), other.length()); }
     _tagXMLText& operator=(const KString& other) { return Assign(other.c_str(), other.length()); }
     _tagXMLText& operator=(const char* text); /* NULL: empty */
@@ -1484,7 +1486,7 @@ private:
     };
     static const Empty s_empty;
     uint64_t Head() const noexcept { return reinterpret_cast<const uint64_t*>(m_data)[-1]; }
-    void Release() noexcept;
+    void Release() noexcept; /* gives the storage back; the text is empty after */
 
     const char* m_data;
 };

@@ -102,6 +102,28 @@ void Decode(const _tagXMLEntity* items, int32_t count, const char* text, size_t 
             unsigned long cp = 0;
             used = NumericReference(amp, end, &cp);
             if (used) AppendUtf8(out, cp);
+        } else if (items == kDefaultEntities) {
+            // The five references of the default table, none a prefix of another.
+            const size_t left = static_cast<size_t>(end - amp);
+            const auto is = [&](const char* ref, size_t n) { return left >= n && std::memcmp(amp, ref, n) == 0; };
+            char c = 0;
+            switch (left > 1 ? amp[1] : 0) {
+            case 'a':
+                if (is("&amp;", 5)) c = '&', used = 5;
+                else if (is("&apos;", 6)) c = '\'', used = 6;
+                break;
+            case 'l':
+                if (is("&lt;", 4)) c = '<', used = 4;
+                break;
+            case 'g':
+                if (is("&gt;", 4)) c = '>', used = 4;
+                break;
+            case 'q':
+                if (is("&quot;", 6)) c = '"', used = 6;
+                break;
+            default: break;
+            }
+            if (used) out.Append(c);
         } else {
             for (int32_t i = 0; i < count; ++i) {
                 const size_t n = std::strlen(items[i].ref);
