@@ -8,6 +8,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include "fault_harness.h"
 #include "test_xml_dump.h"
@@ -23,6 +24,7 @@ const char kMixed[] =
     "<z k='v'><!--in-->tail</z></r><!--end-->";
 
 std::string Text(const KString& s) { return std::string(s.c_str(), s.length()); }
+std::string Text(const _tagXMLText& s) { return std::string(s.c_str(), s.length()); }
 
 // Called right after the operation under test: whether its allocation
 // failed; when none did, the countdown stops so that the checks that follow
@@ -143,6 +145,55 @@ TEST(xml_internal, NodeOperations) {
     r->Close();
     r->Name = "r";
     EXPECT_EQ(Text(doc.GetXML()), "<?xml version=\"1.0\"?><!--c--><r/><!--end-->");
+}
+
+// Texts belong to their nodes, not to the document they were parsed in:
+// they survive the moves and copies of their nodes, the end of the source
+// document, edits that read the text being replaced, and a free on another
+// thread.  Names that a parse meets again share one block.
+TEST(xml_internal, TextsFollowTheirNodes) {
+    const std::string big(5000, 'b');  // a heap block of its own
+    const std::string text = "<r><item id='1' kind='k'>one &amp; two</item><item id='2' kind='k'>" + big +
+                             "</item><!--note--></r>";
+    auto source = std::make_unique<_tagXMLDocument>();
+    ASSERT_NE(source->Load(text.c_str()), nullptr);
+    _tagXMLNode* r = source->GetRoot();
+    EXPECT_EQ(r->GetChild(0)->Name.c_str(), r->GetChild(1)->Name.c_str());  // shared
+    EXPECT_EQ(r->GetChild(0)->GetAttr(1)->name.c_str(), r->GetChild(1)->GetAttr(1)->name.c_str());
+
+    _tagXMLDocument target;
+    ASSERT_NE(target.Load("<t/>"), nullptr);
+    _tagXMLNode* moved = target.GetRoot()->AppendChild(r->GetChild(1));
+    ASSERT_NE(moved, nullptr);
+    std::unique_ptr<_tagXMLNode> copy(r->CopyBranch());
+    std::unique_ptr<_tagXMLNode> detached(r->DetachChild(0));
+    source.reset();
+
+    EXPECT_EQ(Text(moved->Value), big);
+    EXPECT_STREQ(moved->GetAttrValue("kind"), "k");
+    EXPECT_EQ(Text(detached->Value), "one & two");
+    EXPECT_EQ(Text(copy->GetXML()), "<r><item id=\"1\" kind=\"k\">one &amp; two</item><!--note--></r>");
+
+    // Edits that read the text they replace, and a rename of a shared name.
+    ASSERT_EQ(KWXmlSetVal(moved, KWXmlGetVal(moved) + 4990), 0);
+    EXPECT_EQ(Text(moved->Value), "bbbbbbbbbb");
+    ASSERT_EQ(KWXmlSetName(detached.get(), KWXmlGetName(detached.get()) + 2), 0);
+    EXPECT_STREQ(KWXmlGetName(detached.get()), "em");
+    EXPECT_STREQ(KWXmlGetName(copy->GetChild(0)), "item");
+    ASSERT_EQ(KWXmlAttrSetN(moved, 0, KWXmlAttrGetN(moved, 0)), 0);
+    ASSERT_EQ(KWXmlAttrSet(moved, "kind", big.c_str()), 0);
+    moved->Value = moved->Value;
+    EXPECT_EQ(Text(target.GetXML()),
+              "<t><item id=\"2\" kind=\"" + big + "\">bbbbbbbbbb</item></t>");
+
+    // A tree parsed on one thread and freed on another.
+    _tagXMLNode* parsed = nullptr;
+    std::thread([&] {
+        parsed = KWXmlNew(KWXML_DOCUMENT);
+        KWXmlSetXml(parsed, text.c_str(), nullptr);
+    }).join();
+    EXPECT_EQ(Text(KWXmlNodeGetN(parsed, 0)->GetChild(1)->Value), big);
+    KWXmlFree(parsed);
 }
 
 // Every allocation of a parse may fail: the result is then -1 and the node

@@ -200,8 +200,8 @@ const char* Parser::Attributes(_tagXMLNode* node, const char* p, bool declaratio
             Error(KWXML_ATTR_NO_VALUE, p, KString::Format("<%s> attribute has error ", node->Name.c_str()));
             return nullptr;
         }
-        // Most tags with attributes have a few: one block for the first four.
-        if (node->Attrs.capacity() == 0) node->Attrs.reserve(4);
+        // Many tags with attributes have one or two: the list starts at two.
+        if (node->Attrs.capacity() == 0) node->Attrs.reserve(2);
         auto made = std::make_unique<_tagXMLAttr>();
         StoreName(made->name, p, static_cast<size_t>(eq - p));
         _tagXMLAttr* attr = node->AppendAttr(made.get());
