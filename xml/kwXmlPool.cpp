@@ -117,9 +117,29 @@ void Retire(PoolCursor& c) noexcept {
     c.cut = 0;
 }
 
-// The thread's hold on its current slab ends with the thread.
+// Blocks given back on this thread to one slab, not yet taken from its count:
+// a tree is freed in the order in which it was made, so most blocks in a row
+// belong to one slab and cost no atomic operation each.  The count is
+// settled when a block of another slab comes back, or when the thread ends
+// (a slab may thus stay mapped until then: one per thread at most).
+struct Pending {
+    Slab* slab;
+    int64_t n;
+};
+__thread Pending t_pending __attribute__((tls_model("initial-exec"))) = {nullptr, 0};
+
+void Settle(Pending& p) noexcept {
+    if (p.slab) Drop(p.slab, p.n);
+    p.slab = nullptr;
+    p.n = 0;
+}
+
+// The thread's hold on its current slab and its pending count end with the thread.
 struct Holder {
-    ~Holder() { Retire(t_poolCursor); }
+    ~Holder() {
+        Settle(t_pending);
+        Retire(t_poolCursor);
+    }
 };
 thread_local Holder t_holder;
 
@@ -152,7 +172,16 @@ void PoolGive(void* block) noexcept {
         std::free(block);
         return;
     }
-    Drop(SlabOf(block), 1);
+    Slab* slab = SlabOf(block);
+    Pending& p = t_pending;
+    if (slab == p.slab) {
+        ++p.n;
+        return;
+    }
+    Settle(p);
+    static_cast<void>(&t_holder);  // registers the settling at thread exit
+    p.slab = slab;
+    p.n = 1;
 }
 
 bool PoolShare(const void* block) noexcept {
