@@ -158,8 +158,10 @@ TEST(xml_internal, TextsFollowTheirNodes) {
     auto source = std::make_unique<_tagXMLDocument>();
     ASSERT_NE(source->Load(text.c_str()), nullptr);
     _tagXMLNode* r = source->GetRoot();
-    EXPECT_EQ(r->GetChild(0)->Name.c_str(), r->GetChild(1)->Name.c_str());  // shared
+#if !defined(__SANITIZE_ADDRESS__)  // there every text is a heap block of its own
+    EXPECT_EQ(r->GetChild(0)->Name.c_str(), r->GetChild(1)->Name.c_str());
     EXPECT_EQ(r->GetChild(0)->GetAttr(1)->name.c_str(), r->GetChild(1)->GetAttr(1)->name.c_str());
+#endif
 
     _tagXMLDocument target;
     ASSERT_NE(target.Load("<t/>"), nullptr);
