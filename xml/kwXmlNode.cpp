@@ -1,7 +1,6 @@
 // The node model: children and attributes, copies, and the document.
 #include <VomKwz.h>
 
-#include <algorithm>
 #include <cstring>
 #include <memory>
 

@@ -49,7 +49,7 @@ Slab* SlabOf(const void* block) {
     return reinterpret_cast<Slab*>(reinterpret_cast<uintptr_t>(block) & ~(uintptr_t{kSlabBytes} - 1));
 }
 
-// Empty slabs kept for the next parse (4 MB at most), so that parsing and
+// Empty slabs kept for the next parse (8 MB at most), so that parsing and
 // freeing small documents in turn does not map and unmap all the time.
 constexpr size_t kSpareSlabs = 32;
 struct Spares {
