@@ -1256,6 +1256,10 @@ KWZ_API int32_t KWXmlAttrSetN(_tagXMLNode* node, int32_t index, const char* valu
 KWZ_API int32_t KWXmlAttrAdd(_tagXMLNode* node, const char* name, const char* value);
 KWZ_API int32_t KWXmlAttrDel(_tagXMLNode* node, const char* name); /* 0, -2 when none */
 KWZ_API int32_t KWXmlAttrDelN(_tagXMLNode* node, int32_t index);
+/* Bytes of the node pool that trees of all threads hold now (nodes,
+   attributes and texts live there; texts over 4 KB and large child lists are
+   heap blocks and not counted): for measuring what a tree costs. */
+KWZ_API int64_t KWXmlPoolBytes(void);
 
 /* The text with & " ' < > replaced by their references (XEntity2Ref), or with
    the references of the default table and numeric character references
@@ -1479,9 +1483,97 @@ struct _tagDispOption {
     char escapeChar = '\\';
 };
 
+/* The text of a node or attribute: bytes followed by a 0 byte (it may hold
+   0 bytes of its own), kept in the library's node pool beside the nodes, so
+   that a node holds 8 bytes per text and a parsed document makes no heap
+   block per text.  It reads as KString does; assigning takes new storage and
+   gives the old back, and the text may come from the string itself. */
+class KWZ_API _tagXMLText {
+public:
+    _tagXMLText() noexcept : m_data(s_empty.bytes) {}
+    _tagXMLText(const _tagXMLText&) = delete;
+    ~_tagXMLText() {
+        if (!(Head() & kStatic)) Release();
+    }
+    _tagXMLText& operator=(const _tagXMLText& other) { return Assign(other.c_str(), other.length()); }
+    _tagXMLText& operator=(const KString& other) { return Assign(other.c_str(), other.length()); }
+    _tagXMLText& operator=(const char* text); /* NULL: empty */
+
+    const char* c_str() const noexcept { return m_data; }
+    size_t length() const noexcept { return Head() & kLengthMask; }
+    bool empty() const noexcept { return length() == 0; }
+    char operator[](size_t i) const noexcept { return m_data[i]; }
+
+    _tagXMLText& Assign(const char* bytes, size_t length);
+    /* New storage for up to capacity bytes (the old text is given back);
+       the caller writes the bytes and then calls SetLength. */
+    char* Reset(size_t capacity);
+    void SetLength(size_t length) noexcept;
+    /* Shares other's storage (names that a parse meets again are stored once). */
+    void Share(const _tagXMLText& other);
+    void Clear() noexcept;
+    bool EqualsNoCase(const char* text) const;
+    bool operator==(const char* text) const;
+
+private:
+    /* The 8 bytes before the text: its length, and how it is held. */
+    static constexpr uint64_t kHeapBlock = uint64_t{1} << 63; /* a heap block of its own */
+    static constexpr uint64_t kStatic = uint64_t{1} << 62;    /* never given back */
+    static constexpr uint64_t kLengthMask = kStatic - 1;
+    struct Empty {
+        uint64_t head;
+        char bytes[8];
+    };
+    static const Empty s_empty;
+    uint64_t Head() const noexcept { return reinterpret_cast<const uint64_t*>(m_data)[-1]; }
+    void Release() noexcept; /* gives the storage back; the text is empty after */
+
+    const char* m_data;
+};
+
+/* The children or attributes of a node: an array in the node pool (a heap
+   block once it is large).  Its items are owned by the node. */
+class KWZ_API _tagXMLItems {
+public:
+    _tagXMLItems() noexcept = default;
+    _tagXMLItems(const _tagXMLItems&) = delete;
+    _tagXMLItems& operator=(const _tagXMLItems&) = delete;
+    ~_tagXMLItems() { Free(); }
+
+    size_t size() const noexcept { return m_size; }
+    bool empty() const noexcept { return m_size == 0; }
+    size_t capacity() const noexcept { return m_capacity; }
+    void reserve(size_t capacity);
+    void push_back(void* item) {
+        if (m_size == m_capacity) reserve(m_capacity ? size_t{m_capacity} * 2 : 4);
+        m_items[m_size++] = item;
+    }
+    void insert(size_t index, void* item); /* index <= size() */
+    void erase(size_t index) noexcept;     /* index < size() */
+    void pop_back() noexcept { --m_size; }
+    void clear() noexcept { m_size = 0; }
+    void reverse() noexcept;
+    size_t find(const void* item) const noexcept; /* size() when absent */
+
+protected:
+    void Free() noexcept;
+    void** m_items = nullptr;
+    uint32_t m_size = 0;
+    uint32_t m_capacity = 0;
+};
+
+template <typename T>
+class _tagXMLList : public _tagXMLItems {
+public:
+    T* const* begin() const noexcept { return reinterpret_cast<T* const*>(m_items); }
+    T* const* end() const noexcept { return begin() + m_size; }
+    T* operator[](size_t i) const noexcept { return begin()[i]; }
+    T* back() const noexcept { return begin()[m_size - 1]; }
+};
+
 struct KWZ_API _tagXMLAttr {
-    KString name;
-    KString value;
+    _tagXMLText name;
+    _tagXMLText value;
     _tagXMLNode* node = nullptr; /* owning node */
 
     /* Nodes and attributes come from the library's node pool. */
@@ -1492,15 +1584,15 @@ struct KWZ_API _tagXMLAttr {
 /* A node.  Children and attributes are owned; Parent is null for a document or
    a detached node; Owner is the topmost node of the tree it was loaded in. */
 struct KWZ_API _tagXMLNode {
-    KString Name;
-    KString Value;
+    _tagXMLText Name;
+    _tagXMLText Value;
     _tagXMLNode* Parent = nullptr;
-    std::vector<_tagXMLNode*> Childs;
-    std::vector<_tagXMLAttr*> Attrs;
+    _tagXMLList<_tagXMLNode> Childs;
+    _tagXMLList<_tagXMLAttr> Attrs;
     int32_t Type = KWXML_ELEMENT;
+    int32_t CalcRef = 0; /* references held by calculator values */
     _tagXMLDocument* Document = nullptr;
     _tagXMLNode* Owner = nullptr;
-    int32_t CalcRef = 0; /* references held by calculator values */
 
     static void* operator new(size_t size);
     static void operator delete(void* block, size_t size) noexcept;
@@ -1526,7 +1618,7 @@ struct KWZ_API _tagXMLNode {
 
     _tagXMLNode* GetChild(int32_t index) const;
     _tagXMLNode* GetChild(const char* name) const; /* first element child of that name */
-    const std::vector<_tagXMLNode*>& GetChilds() const { return Childs; }
+    const _tagXMLList<_tagXMLNode>& GetChilds() const { return Childs; }
     int32_t GetChildCount() const { return static_cast<int32_t>(Childs.size()); }
     const char* GetChildValue(const char* name) const;
     _tagXMLAttr* GetChildAttr(const char* name, const char* attr) const;
@@ -1536,7 +1628,7 @@ struct KWZ_API _tagXMLNode {
 
     _tagXMLAttr* GetAttr(int32_t index) const;
     _tagXMLAttr* GetAttr(const char* name) const;
-    const std::vector<_tagXMLAttr*>& GetAttrs() const { return Attrs; }
+    const _tagXMLList<_tagXMLAttr>& GetAttrs() const { return Attrs; }
     int32_t GetAttrIdx(const char* name) const; /* -1 when none */
     const char* GetAttrValue(const char* name) const;
     int32_t GetAttrCount() const { return static_cast<int32_t>(Attrs.size()); }

@@ -16,21 +16,25 @@
 namespace xmltest {
 
 inline void DumpText(std::string& out, const char* text, const char* special) {
-    for (const char* p = text ? text : ""; *p; ++p) {
-        const unsigned char c = static_cast<unsigned char>(*p);
-        if (c < 0x20 && c != '\n' && c != '\t') {
+    // Runs of plain bytes go in one append: values of many megabytes pass here.
+    bool marked[256] = {};
+    for (int c = 1; c < 0x20; ++c) marked[c] = c != '\n' && c != '\t';
+    for (const char* s = special; *s; ++s) marked[static_cast<unsigned char>(*s)] = true;
+    const char* p = text ? text : "";
+    for (;;) {
+        const char* run = p;
+        while (*p && !marked[static_cast<unsigned char>(*p)]) ++p;
+        out.append(run, static_cast<size_t>(p - run));
+        if (!*p) return;
+        const unsigned char c = static_cast<unsigned char>(*p++);
+        if (c < 0x20) {
             char hex[8];
             std::snprintf(hex, sizeof hex, "\\x%02X", c);
             out += hex;
-            continue;
+        } else {
+            out += '\\';
+            out += static_cast<char>(c);
         }
-        for (const char* s = special; *s; ++s) {
-            if (*s == *p) {
-                out += '\\';
-                break;
-            }
-        }
-        out += *p;
     }
 }
 

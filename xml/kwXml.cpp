@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "base/kwGuard.h"
+#include "xml/kwXmlPool.h"
 #include "xml/kwXmlTree.h"
 
 namespace {
@@ -13,6 +14,7 @@ constexpr int32_t kNoMem = KWXML_NOMEM;
 constexpr int32_t kBadArg = KWXML_BADARG;
 
 const char* Text(const KString& s) { return s.c_str(); }
+const char* Text(const _tagXMLText& s) { return s.c_str(); }
 
 // Parses with the fixed options of the flat interface, adjusted by flags.
 int32_t SetXml(_tagXMLNode* node, const char* text, int32_t flags, int32_t* errorPosition) {
@@ -37,6 +39,11 @@ int32_t SetXml(_tagXMLNode* node, const char* text, int32_t flags, int32_t* erro
 }  // namespace
 
 extern "C" {
+
+KWZ_API int64_t KWXmlPoolBytes(void) {
+    return kwz::CEdge<int64_t>("Kwz.kwXml.KWXmlPoolBytes", 0, 0,
+                               [] { return static_cast<int64_t>(kwz::xml::PoolBytes()); });
+}
 
 KWZ_API _tagXMLNode* KWXmlNew(int32_t kind) {
     return kwz::CEdge<_tagXMLNode*>("Kwz.kwXml.KWXmlNew", nullptr, nullptr, [&]() -> _tagXMLNode* {

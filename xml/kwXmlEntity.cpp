@@ -13,8 +13,19 @@ constexpr _tagXMLEntity kDefaultEntities[] = {
     {'&', "&amp;"}, {'"', "&quot;"}, {'\'', "&apos;"}, {'<', "&lt;"}, {'>', "&gt;"},
 };
 
+// Writes to a buffer known to be large enough.
+struct RawOut {
+    char* at;
+    void Append(const char* bytes, size_t n) {
+        std::memcpy(at, bytes, n);
+        at += n;
+    }
+    void Append(char c) { *at++ = c; }
+};
+
 // Appends the UTF-8 form of a code point (1..0x10FFFF).
-void AppendUtf8(KString& out, unsigned long cp) {
+template <typename Out>
+void AppendUtf8(Out& out, unsigned long cp) {
     char b[4];
     size_t n;
     if (cp < 0x80) {
@@ -73,10 +84,14 @@ const _tagXMLEntitys& _tagXMLEntitys::Default() {
     return table;
 }
 
-void _tagXMLEntitys::Ref2Entity(const char* text, size_t length, KString& out) const {
+namespace {
+
+// References to characters; what a reference stands for is never longer
+// than the reference, so the result is never longer than the text.
+template <typename Out>
+void Decode(const _tagXMLEntity* items, int32_t count, const char* text, size_t length, Out& out) {
     const char* p = text;
     const char* end = text + length;
-    out.Reserve(out.length() + length);
     while (p < end) {
         const char* amp = static_cast<const char*>(std::memchr(p, '&', static_cast<size_t>(end - p)));
         if (!amp) break;
@@ -87,6 +102,28 @@ void _tagXMLEntitys::Ref2Entity(const char* text, size_t length, KString& out) c
             unsigned long cp = 0;
             used = NumericReference(amp, end, &cp);
             if (used) AppendUtf8(out, cp);
+        } else if (items == kDefaultEntities) {
+            // The five references of the default table, none a prefix of another.
+            const size_t left = static_cast<size_t>(end - amp);
+            const auto is = [&](const char* ref, size_t n) { return left >= n && std::memcmp(amp, ref, n) == 0; };
+            char c = 0;
+            switch (left > 1 ? amp[1] : 0) {
+            case 'a':
+                if (is("&amp;", 5)) c = '&', used = 5;
+                else if (is("&apos;", 6)) c = '\'', used = 6;
+                break;
+            case 'l':
+                if (is("&lt;", 4)) c = '<', used = 4;
+                break;
+            case 'g':
+                if (is("&gt;", 4)) c = '>', used = 4;
+                break;
+            case 'q':
+                if (is("&quot;", 6)) c = '"', used = 6;
+                break;
+            default: break;
+            }
+            if (used) out.Append(c);
         } else {
             for (int32_t i = 0; i < count; ++i) {
                 const size_t n = std::strlen(items[i].ref);
@@ -106,7 +143,20 @@ void _tagXMLEntitys::Ref2Entity(const char* text, size_t length, KString& out) c
     out.Append(p, static_cast<size_t>(end - p));
 }
 
+}  // namespace
+
+void _tagXMLEntitys::Ref2Entity(const char* text, size_t length, KString& out) const {
+    out.Reserve(out.length() + length);
+    Decode(items, count, text, length, out);
+}
+
 namespace kwz::xml {
+
+size_t DecodeRefs(const _tagXMLEntitys& table, const char* text, size_t length, char* out) {
+    RawOut raw{out};
+    Decode(table.items, table.count, text, length, raw);
+    return static_cast<size_t>(raw.at - out);
+}
 
 RefMap::RefMap(const _tagXMLEntitys& table, const char* only) : m_table(table) {
     std::memset(m_slot, -1, sizeof m_slot);

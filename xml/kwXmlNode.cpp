@@ -1,7 +1,6 @@
 // The node model: children and attributes, copies, and the document.
 #include <VomKwz.h>
 
-#include <algorithm>
 #include <cstring>
 #include <memory>
 
@@ -14,14 +13,26 @@ std::unique_ptr<_tagXMLNode> NewNode(int32_t type, _tagXMLNode* parent) {
     node->Parent = parent;
     node->Document = parent ? parent->Document : nullptr;
     node->Owner = OwnerUnder(parent);
-    if (type == KWXML_COMMENT) node->Name = "#COMMENT";
-    if (type == KWXML_CDATA) node->Name = "#CDATA";
+    if (type == KWXML_COMMENT || type == KWXML_CDATA) node->Name.Share(KindName(type));
     return node;
 }
 
+const _tagXMLText& KindName(int32_t type) {
+    // Made once and shared by every comment and CDATA section.
+    struct Names {
+        _tagXMLText comment, cdata;
+        Names() {
+            comment = "#COMMENT";
+            cdata = "#CDATA";
+        }
+    };
+    static const Names names;
+    return type == KWXML_COMMENT ? names.comment : names.cdata;
+}
+
 _tagXMLNode* Adopt(_tagXMLNode* parent, std::unique_ptr<_tagXMLNode> node) {
-    // Most elements that have children have a few: one block for the first four.
-    if (parent->Childs.capacity() == 0) parent->Childs.reserve(4);
+    // Many elements that have children have one or two: the list starts at two.
+    if (parent->Childs.capacity() == 0) parent->Childs.reserve(2);
     parent->Childs.push_back(node.get());
     node->Parent = parent;
     return node.release();
@@ -32,14 +43,14 @@ void FreeBelow(_tagXMLNode* top) noexcept {
     // frees fastest: a node's list is reversed once, on arrival, and then
     // taken from the back.
     _tagXMLNode* n = top;
-    std::reverse(n->Childs.begin(), n->Childs.end());
+    n->Childs.reverse();
     for (;;) {
         if (!n->Childs.empty()) {
             _tagXMLNode* child = n->Childs.back();
             n->Childs.pop_back();
             child->Parent = n;
             n = child;
-            std::reverse(n->Childs.begin(), n->Childs.end());
+            n->Childs.reverse();
             continue;
         }
         if (n == top) return;
@@ -55,10 +66,10 @@ using kwz::xml::FreeBelow;
 
 namespace {
 
-bool NameIs(const KString& name, const char* wanted) { return wanted && name.EqualsNoCase(wanted); }
+bool NameIs(const _tagXMLText& name, const char* wanted) { return wanted && name.EqualsNoCase(wanted); }
 
 template <typename T>
-T* At(const std::vector<T*>& list, int32_t index) {
+T* At(const _tagXMLList<T>& list, int32_t index) {
     return index >= 0 && static_cast<size_t>(index) < list.size() ? list[static_cast<size_t>(index)]
                                                                   : nullptr;
 }
@@ -167,9 +178,11 @@ _tagXMLNode* _tagXMLNode::AppendChild(_tagXMLNode* node) {
         },
         [](const _tagXMLNode*) {});
     Childs.reserve(Childs.size() + 1);
+    // The texts move with the nodes: they are held by the nodes, not by a
+    // document, so a branch may go from one document to another as it is.
     if (node->Parent) {
         auto& siblings = node->Parent->Childs;
-        siblings.erase(std::find(siblings.begin(), siblings.end(), node));
+        siblings.erase(siblings.find(node));
     }
     Childs.push_back(node);
     node->Parent = this;
@@ -208,14 +221,14 @@ bool _tagXMLNode::RemoveChild(_tagXMLNode* node) {
 _tagXMLNode* _tagXMLNode::DetachChild(int32_t index) {
     _tagXMLNode* node = At(Childs, index);
     if (!node) return nullptr;
-    Childs.erase(Childs.begin() + index);
+    Childs.erase(static_cast<size_t>(index));
     node->Parent = nullptr;
     return node;
 }
 
 _tagXMLNode* _tagXMLNode::DetachChild(_tagXMLNode* node) {
-    const auto it = std::find(Childs.begin(), Childs.end(), node);
-    return it == Childs.end() ? nullptr : DetachChild(static_cast<int32_t>(it - Childs.begin()));
+    const size_t i = Childs.find(node);
+    return i == Childs.size() ? nullptr : DetachChild(static_cast<int32_t>(i));
 }
 
 _tagXMLAttr* _tagXMLNode::AppendAttr(_tagXMLAttr* attr) {
@@ -241,7 +254,7 @@ bool _tagXMLNode::RemoveAttr(const char* name) { return RemoveAttr(GetAttrIdx(na
 _tagXMLAttr* _tagXMLNode::DetachAttr(int32_t index) {
     _tagXMLAttr* attr = At(Attrs, index);
     if (!attr) return nullptr;
-    Attrs.erase(Attrs.begin() + index);
+    Attrs.erase(static_cast<size_t>(index));
     attr->node = nullptr;
     return attr;
 }
@@ -249,14 +262,14 @@ _tagXMLAttr* _tagXMLNode::DetachAttr(int32_t index) {
 _tagXMLNode* _tagXMLNode::CopyNode() const {
     const int32_t type = Type == KWXML_DOCUMENT ? KWXML_ELEMENT : Type;
     auto copy = std::make_unique<_tagXMLNode>(type);
-    copy->Name = Name;
-    copy->Value = Value;
+    copy->Name.Share(Name);
+    copy->Value.Share(Value);
     copy->Document = Document;
     copy->Attrs.reserve(Attrs.size());
     for (const _tagXMLAttr* a : Attrs) {
         _tagXMLAttr* added = copy->AppendAttr("", "");
-        added->name = a->name;
-        added->value = a->value;
+        added->name.Share(a->name);
+        added->value.Share(a->value);
     }
     return copy.release();
 }

@@ -7,6 +7,9 @@
 
 #include <strings.h>
 
+#include <emmintrin.h>
+
+#include <cstdint>
 #include <cstring>
 #include <memory>
 
@@ -25,7 +28,60 @@ const char* SkipBlanks(const char* p) {
     return p;
 }
 
-constexpr char kNameEnd[] = " \t\r\n/>";
+// A set of bytes that ends a scan; the 0 at the end of the text always does.
+struct Stops {
+    bool at[256];
+    constexpr explicit Stops(const char* set) : at{} {
+        at[0] = true;
+        for (; *set; ++set) at[static_cast<unsigned char>(*set)] = true;
+    }
+};
+constexpr Stops kNameEnd(" \t\r\n/>");
+constexpr Stops kDeclarationNameEnd(" \t\r\n?>");
+constexpr Stops kWordEnd(" \t\r\n>");
+
+// The first a, b, c or 0 at or after p, 16 bytes at a time.  The loads are
+// aligned, so they never cross into a page past the end of the text; the
+// bytes they read beyond the 0 are ignored (and hidden from the address
+// checker, which would see a read past the block).
+__attribute__((no_sanitize_address)) const char* FindAny(const char* p, char a, char b, char c) {
+    const uintptr_t offset = reinterpret_cast<uintptr_t>(p) & 15;
+    const auto* q = reinterpret_cast<const __m128i*>(p - offset);
+    const __m128i va = _mm_set1_epi8(a), vb = _mm_set1_epi8(b), vc = _mm_set1_epi8(c);
+    const __m128i zero = _mm_setzero_si128();
+    const auto hits = [&](__m128i x) {
+        const __m128i ab = _mm_or_si128(_mm_cmpeq_epi8(x, va), _mm_cmpeq_epi8(x, vb));
+        const __m128i any = _mm_or_si128(ab, _mm_or_si128(_mm_cmpeq_epi8(x, vc), _mm_cmpeq_epi8(x, zero)));
+        return static_cast<unsigned>(_mm_movemask_epi8(any));
+    };
+    unsigned mask = hits(_mm_load_si128(q)) >> offset;
+    if (mask) return p + __builtin_ctz(mask);
+    for (;;) {
+        ++q;
+        mask = hits(_mm_load_si128(q));
+        if (mask) return reinterpret_cast<const char*>(q) + __builtin_ctz(mask);
+    }
+}
+
+// Whether a and b hold the same n bytes (names: short, so no call).
+inline bool Same(const char* a, const char* b, size_t n) {
+    for (; n >= 8; a += 8, b += 8, n -= 8) {
+        uint64_t x, y;
+        std::memcpy(&x, a, 8);
+        std::memcpy(&y, b, 8);
+        if (x != y) return false;
+    }
+    for (; n; --n) {
+        if (*a++ != *b++) return false;
+    }
+    return true;
+}
+
+// The first byte of stops at or after p.
+inline const char* Until(const char* p, const Stops& stops) {
+    while (!stops.at[static_cast<unsigned char>(*p)]) ++p;
+    return p;
+}
 
 class Parser {
 public:
@@ -42,11 +98,15 @@ private:
 
     Step OpenTag(_tagXMLNode* node, const char*& p);
     void Error(int32_t code, const char* at, KString text);
-    void StoreValue(KString& to, const char* begin, const char* end) const;
-    const char* FindUnescaped(const char* p, char wanted) const;
+    void StoreValue(_tagXMLText& to, const char* begin, const char* end, bool ampersand = true);
+    void StoreName(_tagXMLText& to, const char* begin, size_t length);
+    const char* FindUnescaped(const char* p, char wanted, bool* ampersand) const;
     static void Discard(_tagXMLNode* parent, _tagXMLNode* node);
 
     _tagParseInfo& m_info;
+    // The names met last, by a hash of their bytes: a name that comes again
+    // shares their storage.
+    _tagXMLText m_names[128];
 };
 
 void Parser::Error(int32_t code, const char* at, KString text) {
@@ -58,30 +118,55 @@ void Parser::Error(int32_t code, const char* at, KString text) {
 }
 
 // A value as the options want it: trimmed, references turned into characters.
-void Parser::StoreValue(KString& to, const char* begin, const char* end) const {
+// ampersand: whether the value may hold an "&" (false when the scan saw none).
+void Parser::StoreValue(_tagXMLText& to, const char* begin, const char* end, bool ampersand) {
     if (m_info.trimValue) {
         while (begin < end && IsBlank(*begin)) ++begin;
         while (end > begin && IsBlank(end[-1])) --end;
     }
     const size_t n = static_cast<size_t>(end - begin);
-    if (m_info.entityValue && m_info.entities && std::memchr(begin, '&', n)) {
-        to.Clear();
-        m_info.entities->Ref2Entity(begin, n, to);
+    if (ampersand && m_info.entityValue && m_info.entities && std::memchr(begin, '&', n)) {
+        char* out = to.Reset(n);
+        to.SetLength(kwz::xml::DecodeRefs(*m_info.entities, begin, n, out));
     } else {
         to.Assign(begin, n);
     }
 }
 
-// The next wanted character that the escape character does not hide, or null.
-const char* Parser::FindUnescaped(const char* p, char wanted) const {
-    const char esc = m_info.escapeChar;
-    if (!esc || esc == wanted) return std::strchr(p, wanted);
-    const char stops[3] = {wanted, esc, 0};
+void Parser::StoreName(_tagXMLText& to, const char* begin, size_t length) {
+    if (length == 0) {
+        to.Clear();
+        return;
+    }
+    const auto* b = reinterpret_cast<const unsigned char*>(begin);
+    const size_t hash = (length * 31 + b[0] * 7 + b[length - 1] + b[length / 2] * 3) & 127;
+    _tagXMLText& known = m_names[hash];
+    if (known.length() == length && Same(known.c_str(), begin, length)) {
+        to.Share(known);
+        return;
+    }
+    to.Assign(begin, length);
+    known.Share(to);
+}
+
+// The next wanted character that the escape character does not hide, or
+// null; *ampersand tells whether an "&" came before it.
+const char* Parser::FindUnescaped(const char* p, char wanted, bool* ampersand) const {
+    char esc = m_info.escapeChar;
+    if (!esc) esc = wanted;
+    *ampersand = false;
     for (;;) {
-        p += std::strcspn(p, stops);
-        if (*p == wanted) return p;
-        if (!*p || !p[1]) return nullptr;
-        p += 2;
+        p = FindAny(p, wanted, esc, '&');
+        const char c = *p;
+        if (c == wanted) return p;
+        if (c == '&' && esc != '&') {
+            *ampersand = true;
+            ++p;
+            continue;
+        }
+        if (!c || !p[1]) return nullptr;
+        if (p[1] == '&') *ampersand = true;  // references are turned even there
+        p += 2;  // the escape character and the byte it hides
     }
 }
 
@@ -91,7 +176,7 @@ void Parser::Discard(_tagXMLNode* parent, _tagXMLNode* node) {
     auto& list = parent->Childs;
     for (size_t i = list.size(); i-- > 0;) {
         if (list[i] == node) {
-            list.erase(list.begin() + static_cast<std::ptrdiff_t>(i));
+            list.erase(i);
             break;
         }
     }
@@ -115,24 +200,25 @@ const char* Parser::Attributes(_tagXMLNode* node, const char* p, bool declaratio
             Error(KWXML_ATTR_NO_VALUE, p, KString::Format("<%s> attribute has error ", node->Name.c_str()));
             return nullptr;
         }
-        // Most tags with attributes have a few: one block for the first four.
-        if (node->Attrs.capacity() == 0) node->Attrs.reserve(4);
+        // Many tags with attributes have one or two: the list starts at two.
+        if (node->Attrs.capacity() == 0) node->Attrs.reserve(2);
         auto made = std::make_unique<_tagXMLAttr>();
-        made->name.Assign(p, static_cast<size_t>(eq - p));
+        StoreName(made->name, p, static_cast<size_t>(eq - p));
         _tagXMLAttr* attr = node->AppendAttr(made.get());
         made.release();
         const char* v = SkipBlanks(eq + 1);
         if (*v == '"' || *v == '\'') {
-            const char* close = FindUnescaped(v + 1, *v);
+            bool ampersand = false;
+            const char* close = FindUnescaped(v + 1, *v, &ampersand);
             if (!close) {
                 Error(KWXML_ATTR_NO_VALUE, p,
                       KString::Format("<%s> attribute has error ", node->Name.c_str()));
                 return nullptr;
             }
-            StoreValue(attr->value, v + 1, close);
+            StoreValue(attr->value, v + 1, close, ampersand);
             p = close + 1;
         } else {
-            const char* end = v + std::strcspn(v, " \t\r\n>");
+            const char* end = Until(v, kWordEnd);
             StoreValue(attr->value, v, end);
             p = end;
         }
@@ -143,8 +229,8 @@ const char* Parser::Attributes(_tagXMLNode* node, const char* p, bool declaratio
 const char* Parser::Declaration(_tagXMLNode* node, const char* p) {
     node->Type = KWXML_DECLARATION;
     const char* name = p + 2;
-    const char* e = name + std::strcspn(name, " \t\r\n?>");
-    node->Name.Assign(name, static_cast<size_t>(e - name));
+    const char* e = Until(name, kDeclarationNameEnd);
+    StoreName(node->Name, name, static_cast<size_t>(e - name));
     p = Attributes(node, e, true);
     if (!p) return nullptr;
     if (p[0] == '?' && p[1] == '>') return p + 2;
@@ -158,7 +244,7 @@ const char* Parser::Declaration(_tagXMLNode* node, const char* p) {
 const char* Parser::Delimited(_tagXMLNode* node, const char* p, int32_t type) {
     const bool comment = type == KWXML_COMMENT;
     node->Type = type;
-    node->Name = comment ? "#COMMENT" : "#CDATA";
+    node->Name.Share(kwz::xml::KindName(type));
     const char* v = p + (comment ? 4 : 9);
     const char* end = std::strstr(v, comment ? "-->" : "]]>");
     const char* stop = end ? end : v + std::strlen(v);
@@ -208,8 +294,8 @@ const char* Parser::Others(_tagXMLNode* parent, _tagXMLDocument* doc, const char
 // open tag: "<" name attributes ( "/>" | ">" text ), p at the "<".
 Parser::Step Parser::OpenTag(_tagXMLNode* node, const char*& p) {
     const char* name = p + 1;
-    const char* e = name + std::strcspn(name, kNameEnd);
-    node->Name.Assign(name, static_cast<size_t>(e - name));
+    const char* e = Until(name, kNameEnd);
+    StoreName(node->Name, name, static_cast<size_t>(e - name));
     p = Attributes(node, e, false);
     if (!p) return kFailed;
     if (*p == '/') {
@@ -221,13 +307,14 @@ Parser::Step Parser::OpenTag(_tagXMLNode* node, const char*& p) {
         return kFailed;
     }
     const char* text = p + 1;
-    const char* lt = FindUnescaped(text, '<');
+    bool ampersand = false;
+    const char* lt = FindUnescaped(text, '<', &ampersand);
     if (!lt) {
         Error(KWXML_NOT_CLOSED, text,
               KString::Format("%s must be closed with </%s>", node->Name.c_str(), node->Name.c_str()));
         return kFailed;
     }
-    StoreValue(node->Value, text, lt);
+    StoreValue(node->Value, text, lt, ampersand);
     p = lt;
     return kOpen;
 }
@@ -271,13 +358,12 @@ const char* Parser::Element(_tagXMLNode* top, const char* p) {
         // cur reads its content at p.
         if (p[0] == '<' && p[1] == '/') {
             const char* c = SkipBlanks(p + 2);
-            const char* e = c + std::strcspn(c, " \t\r\n>");
-            const KString& name = cur->Name;
+            const char* e = Until(c, kWordEnd);
+            const _tagXMLText& name = cur->Name;
             if (!*e) {
                 Error(KWXML_NOT_CLOSED, p, KString::Format("it must be closed with </%s>", name.c_str()));
                 step = kFailed;
-            } else if (name.length() == static_cast<size_t>(e - c) &&
-                       std::memcmp(name.c_str(), c, name.length()) == 0) {
+            } else if (name.length() == static_cast<size_t>(e - c) && Same(name.c_str(), c, name.length())) {
                 p = e + 1;
                 step = kClosed;
             } else if (!m_info.forceParse) {
@@ -292,16 +378,22 @@ const char* Parser::Element(_tagXMLNode* top, const char* p) {
             continue;
         }
         if (*p != '<') {
-            const char* lt = FindUnescaped(p, '<');
+            bool ampersand = false;
+            const char* lt = FindUnescaped(p, '<', &ampersand);
             if (!lt) {
                 Error(KWXML_NOT_CLOSED, p,
                       KString::Format("it must be closed with </%s>", cur->Name.c_str()));
                 step = kFailed;
                 continue;
             }
-            StoreValue(cur->Value, p, lt);
+            StoreValue(cur->Value, p, lt, ampersand);
             p = lt;
             step = kOpen;
+            continue;
+        }
+        if (p[1] != '?' && p[1] != '!') {  // an element: Others would read nothing
+            cur = Adopt(cur, NewNode(KWXML_ELEMENT, cur));
+            step = OpenTag(cur, p);
             continue;
         }
         bool completed = false;

@@ -1,105 +1,206 @@
-// The node pool: nodes and attributes are cut from 64 KB slabs, one slab at a
-// time per thread, instead of one heap block each.  A slab counts the objects
-// cut from it that still live, plus one while it is its thread's current
-// slab; it goes back to the heap when the count reaches 0.  Parsing and
-// freeing a large document thus costs a few hundred heap calls instead of
-// millions.  A slab stays while any of its objects lives: a long-lived tree
-// that keeps one node of a slab keeps the 64 KB.
+// The node pool.  Blocks are cut in turn from the thread's current slab of
+// 256 KB; a slab counts the blocks cut from it that still live, and goes back
+// to the system when the count reaches 0 after its thread has moved on to
+// another slab.  A tree of millions of nodes thus costs a few hundred system
+// calls, and 0 bytes of bookkeeping per block: a slab is aligned to its size,
+// so the address of a block finds its slab.  A slab stays while any of its
+// blocks lives: a long-lived tree that keeps one node of a slab keeps 256 KB.
 //
-//   slab:   | refs | used | size | object | object | ... |
-//   object: | slab pointer (16 bytes, keeps 16-byte alignment) | the node |
+//   slab: | count (8 bytes) | padding to 16 | block | block | ... |
 //
-// Objects may be freed on any thread (the count is atomic).
+// The count starts at a large bias while the slab is its thread's current
+// one, so that cutting a block costs no atomic operation: the thread counts
+// its cuts privately and settles them with the bias when it moves on.  Blocks
+// may be given back on any thread (the count is atomic).
+#include "xml/kwXmlPool.h"
+
 #include <VomKwz.h>
 
+#include <sys/mman.h>
+
 #include <atomic>
+#include <cstdint>
 #include <cstdlib>
+#include <mutex>
 #include <new>
 
 #include "base/kwMem.h"
 
-// Under AddressSanitizer every object gets a slab of its own that no thread
-// holds, so that a leaked or freed node is seen exactly as a heap block is.
+// Under AddressSanitizer every block is a heap block of its own, so that a
+// leaked or freed node is seen exactly as a heap block is.
 #if defined(__SANITIZE_ADDRESS__)
-#include <sanitizer/asan_interface.h>
-#define KWZ_POISON(p, n) ASAN_POISON_MEMORY_REGION(p, n)
-#define KWZ_UNPOISON(p, n) ASAN_UNPOISON_MEMORY_REGION(p, n)
-constexpr bool kSlabPerObject = true;
+constexpr bool kHeapBlocks = true;
 #else
-#define KWZ_POISON(p, n) ((void)(p), (void)(n))
-#define KWZ_UNPOISON(p, n) ((void)(p), (void)(n))
-constexpr bool kSlabPerObject = false;
+constexpr bool kHeapBlocks = false;
 #endif
 
+namespace kwz::xml {
 namespace {
 
-constexpr size_t kSlabBytes = 64 * 1024;
-constexpr size_t kHeader = 16;
+constexpr size_t kSlabBytes = size_t{256} << 10;
+constexpr size_t kSlabHeader = 16;
+constexpr int64_t kBias = int64_t{1} << 48;
 
 struct Slab {
-    std::atomic<int64_t> refs;
-    size_t used;
-    size_t size;
-    alignas(16) char data[1];
+    std::atomic<int64_t> count;
 };
 
-void Release(Slab* slab) noexcept {
-    if (slab && slab->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-        KWZ_UNPOISON(slab->data, slab->size);
-        std::free(slab);
-    }
+Slab* SlabOf(const void* block) {
+    return reinterpret_cast<Slab*>(reinterpret_cast<uintptr_t>(block) & ~(uintptr_t{kSlabBytes} - 1));
 }
 
-// The thread's current slab; the thread's hold on it ends with the thread.
-struct Current {
-    Slab* slab = nullptr;
-    ~Current() {
-        Release(slab);
-        slab = nullptr;
-    }
+// Empty slabs kept for the next parse (8 MB at most), so that parsing and
+// freeing small documents in turn does not map and unmap all the time.
+constexpr size_t kSpareSlabs = 32;
+struct Spares {
+    std::mutex lock;
+    Slab* slabs[kSpareSlabs];
+    size_t count = 0;
 };
-thread_local Current t_current;
+Spares& TheSpares() {
+    static Spares* spares = new Spares;  // never destroyed: threads may end after exit
+    return *spares;
+}
 
-size_t RoundUp(size_t n) { return (n + 15) & ~size_t{15}; }
+std::atomic<long> g_slabsInUse{0};
 
-void* PoolAlloc(size_t size) {
-    // Each object counts as one allocation for the fault-injection tests.
-    if (kwz::FaultCheck()) throw std::bad_alloc();
-    const size_t need = kHeader + RoundUp(size);
-    Slab* slab = kSlabPerObject ? nullptr : t_current.slab;
-    if (!slab || slab->size - slab->used < need) {
-        const size_t room = need > kSlabBytes || kSlabPerObject ? need : kSlabBytes;
-        auto* fresh = static_cast<Slab*>(std::malloc(offsetof(Slab, data) + room));
-        if (!fresh) throw std::bad_alloc();
-        new (&fresh->refs) std::atomic<int64_t>(1);
-        fresh->used = 0;
-        fresh->size = room;
-        if (kSlabPerObject) {
-            fresh->refs.store(0, std::memory_order_relaxed);  // no thread holds it
-            slab = fresh;
-        } else {
-            Release(slab);
-            t_current.slab = slab = fresh;
+void Unmap(Slab* slab) noexcept {
+    g_slabsInUse.fetch_sub(1, std::memory_order_relaxed);
+    Spares& spares = TheSpares();
+    {
+        std::lock_guard<std::mutex> hold(spares.lock);
+        if (spares.count < kSpareSlabs) {
+            spares.slabs[spares.count++] = slab;
+            return;
         }
     }
-    char* block = slab->data + slab->used;
-    slab->used += need;
-    slab->refs.fetch_add(1, std::memory_order_relaxed);
-    *reinterpret_cast<Slab**>(block) = slab;
-    return block + kHeader;
+    munmap(slab, kSlabBytes);
 }
 
-void PoolFree(void* block, size_t size) noexcept {
-    if (!block) return;
-    char* start = static_cast<char*>(block) - kHeader;
-    Slab* slab = *reinterpret_cast<Slab**>(start);
-    KWZ_POISON(start, kHeader + RoundUp(size));
-    Release(slab);
+// A fresh slab aligned to its size: a spare one, or twice the size is mapped
+// and the unaligned ends are given back.
+Slab* Map() {
+    g_slabsInUse.fetch_add(1, std::memory_order_relaxed);
+    {
+        Spares& spares = TheSpares();
+        std::lock_guard<std::mutex> hold(spares.lock);
+        if (spares.count) {
+            Slab* slab = spares.slabs[--spares.count];
+            slab->count.store(kBias, std::memory_order_relaxed);
+            return slab;
+        }
+    }
+    void* area = mmap(nullptr, 2 * kSlabBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (area == MAP_FAILED) {
+        g_slabsInUse.fetch_sub(1, std::memory_order_relaxed);
+        throw std::bad_alloc();
+    }
+    const uintptr_t start = reinterpret_cast<uintptr_t>(area);
+    const uintptr_t aligned = (start + kSlabBytes - 1) & ~(uintptr_t{kSlabBytes} - 1);
+    if (aligned > start) munmap(area, aligned - start);
+    const uintptr_t tail = aligned + kSlabBytes;
+    if (start + 2 * kSlabBytes > tail) munmap(reinterpret_cast<void*>(tail), start + 2 * kSlabBytes - tail);
+    auto* slab = reinterpret_cast<Slab*>(aligned);
+    new (&slab->count) std::atomic<int64_t>(kBias);
+    return slab;
 }
+
+void Drop(Slab* slab, int64_t n) noexcept {
+    if (slab->count.fetch_sub(n, std::memory_order_acq_rel) == n) Unmap(slab);
+}
+
+// Settles the thread's current slab and leaves the cursor empty.
+void Retire(PoolCursor& c) noexcept {
+    if (c.slab) Drop(static_cast<Slab*>(c.slab), kBias - c.cut);
+    c.slab = nullptr;
+    c.next = c.end = nullptr;
+    c.cut = 0;
+}
+
+// Blocks given back on this thread to one slab, not yet taken from its count:
+// a tree is freed in the order in which it was made, so most blocks in a row
+// belong to one slab and cost no atomic operation each.  The count is
+// settled when a block of another slab comes back, or when the thread ends
+// (a slab may thus stay mapped until then: one per thread at most).
+struct Pending {
+    Slab* slab;
+    int64_t n;
+};
+__thread Pending t_pending __attribute__((tls_model("initial-exec"))) = {nullptr, 0};
+
+void Settle(Pending& p) noexcept {
+    if (p.slab) Drop(p.slab, p.n);
+    p.slab = nullptr;
+    p.n = 0;
+}
+
+// The thread's hold on its current slab and its pending count end with the thread.
+struct Holder {
+    ~Holder() {
+        Settle(t_pending);
+        Retire(t_poolCursor);
+    }
+};
+thread_local Holder t_holder;
 
 }  // namespace
 
-void* _tagXMLNode::operator new(size_t size) { return PoolAlloc(size); }
-void _tagXMLNode::operator delete(void* block, size_t size) noexcept { PoolFree(block, size); }
-void* _tagXMLAttr::operator new(size_t size) { return PoolAlloc(size); }
-void _tagXMLAttr::operator delete(void* block, size_t size) noexcept { PoolFree(block, size); }
+// Plain data, with the initial-exec model: the library is loaded with the
+// program, and reaching the cursor is an offset from the thread pointer.
+__thread PoolCursor t_poolCursor __attribute__((tls_model("initial-exec"))) = {nullptr, nullptr, nullptr, 0};
+
+void* PoolCutSlow(size_t bytes) {
+    if (kHeapBlocks) {
+        void* block = std::malloc(bytes);
+        if (!block) throw std::bad_alloc();
+        return block;
+    }
+    PoolCursor& c = t_poolCursor;
+    Slab* fresh = Map();
+    static_cast<void>(&t_holder);  // registers the release at thread exit
+    Retire(c);
+    c.slab = fresh;
+    c.next = reinterpret_cast<char*>(fresh) + kSlabHeader + bytes;
+    c.end = reinterpret_cast<char*>(fresh) + kSlabBytes;
+    c.cut = 1;
+    return reinterpret_cast<char*>(fresh) + kSlabHeader;
+}
+
+void PoolGive(void* block) noexcept {
+    if (!block) return;
+    if (kHeapBlocks) {
+        std::free(block);
+        return;
+    }
+    Slab* slab = SlabOf(block);
+    Pending& p = t_pending;
+    if (slab == p.slab) {
+        ++p.n;
+        return;
+    }
+    Settle(p);
+    static_cast<void>(&t_holder);  // registers the settling at thread exit
+    p.slab = slab;
+    p.n = 1;
+}
+
+bool PoolShare(const void* block) noexcept {
+    if (kHeapBlocks) return false;
+    Slab* slab = SlabOf(block);
+    PoolCursor& c = t_poolCursor;
+    if (slab == c.slab) {
+        ++c.cut;
+    } else {
+        slab->count.fetch_add(1, std::memory_order_relaxed);
+    }
+    return true;
+}
+
+long PoolBytes() noexcept { return g_slabsInUse.load(std::memory_order_relaxed) * static_cast<long>(kSlabBytes); }
+
+}  // namespace kwz::xml
+
+void* _tagXMLNode::operator new(size_t size) { return kwz::xml::PoolCut(size); }
+void _tagXMLNode::operator delete(void* block, size_t) noexcept { kwz::xml::PoolGive(block); }
+void* _tagXMLAttr::operator new(size_t size) { return kwz::xml::PoolCut(size); }
+void _tagXMLAttr::operator delete(void* block, size_t) noexcept { kwz::xml::PoolGive(block); }

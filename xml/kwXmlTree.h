@@ -18,6 +18,9 @@ inline _tagXMLNode* OwnerUnder(_tagXMLNode* parent) {
 // A new node of the given kind, detached, for parent's tree (parent may be null).
 std::unique_ptr<_tagXMLNode> NewNode(int32_t type, _tagXMLNode* parent);
 
+// The name of every comment ("#COMMENT") or CDATA section ("#CDATA").
+const _tagXMLText& KindName(int32_t type);
+
 // Appends node to parent's children; on failure node is freed and the
 // parent is unchanged.
 _tagXMLNode* Adopt(_tagXMLNode* parent, std::unique_ptr<_tagXMLNode> node);
@@ -25,6 +28,10 @@ _tagXMLNode* Adopt(_tagXMLNode* parent, std::unique_ptr<_tagXMLNode> node);
 // Frees everything below node, deepest first, without recursion or
 // allocation; node keeps its own name, value and attributes.
 void FreeBelow(_tagXMLNode* node) noexcept;
+
+// Writes text with the table's references turned into characters to out
+// (room for length bytes) and returns the bytes written, never more than length.
+size_t DecodeRefs(const _tagXMLEntitys& table, const char* text, size_t length, char* out);
 
 // Characters to references, with the lookup table built once: the writer
 // applies one map to every value.

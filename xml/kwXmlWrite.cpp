@@ -34,7 +34,8 @@ public:
     void Node(const _tagXMLNode* top);
 
 private:
-    void Text(const KString& value, bool attribute);
+    void Text(const _tagXMLText& value, bool attribute);
+    void Put(const _tagXMLText& text) { m_out.Append(text.c_str(), text.length()); }
     void Attributes(const _tagXMLNode* node);
     void Indent(size_t depth);
     void EndLine();
@@ -49,7 +50,7 @@ private:
     const kwz::xml::RefMap m_attribute;
 };
 
-void Writer::Text(const KString& value, bool attribute) {
+void Writer::Text(const _tagXMLText& value, bool attribute) {
     const char esc = m_options.escapeChar;
     size_t n = value.length();
     const bool escapeAtEnd = esc && n && value[n - 1] == esc;
@@ -61,7 +62,7 @@ void Writer::Text(const KString& value, bool attribute) {
 void Writer::Attributes(const _tagXMLNode* node) {
     for (const _tagXMLAttr* a : node->Attrs) {
         m_out.Append(' ');
-        m_out.Append(a->name);
+        Put(a->name);
         m_out.Append("=\"", 2);
         Text(a->value, true);
         m_out.Append('"');
@@ -83,7 +84,7 @@ bool Writer::Open(const _tagXMLNode* node, size_t depth) {
     case KWXML_DECLARATION:
         Indent(depth);
         m_out.Append("<?", 2);
-        m_out.Append(node->Name);
+        Put(node->Name);
         Attributes(node);
         m_out.Append("?>", 2);
         EndLine();
@@ -93,7 +94,7 @@ bool Writer::Open(const _tagXMLNode* node, size_t depth) {
         const bool comment = node->Type == KWXML_COMMENT;
         Indent(depth);
         m_out.Append(comment ? "<!--" : "<![CDATA[");
-        m_out.Append(node->Value);
+        Put(node->Value);
         m_out.Append(comment ? "-->" : "]]>");
         EndLine();
         return false;
@@ -102,7 +103,7 @@ bool Writer::Open(const _tagXMLNode* node, size_t depth) {
     }
     Indent(depth);
     m_out.Append('<');
-    m_out.Append(node->Name);
+    Put(node->Name);
     Attributes(node);
     if (node->Childs.empty()) {
         if (node->Value.empty()) {
@@ -111,7 +112,7 @@ bool Writer::Open(const _tagXMLNode* node, size_t depth) {
             m_out.Append('>');
             Text(node->Value, false);
             m_out.Append("</", 2);
-            m_out.Append(node->Name);
+            Put(node->Name);
             m_out.Append('>');
         }
         EndLine();
@@ -131,7 +132,7 @@ void Writer::Close(const _tagXMLNode* node, size_t depth) {
     }
     Indent(depth);
     m_out.Append("</", 2);
-    m_out.Append(node->Name);
+    Put(node->Name);
     m_out.Append('>');
     EndLine();
 }
@@ -177,9 +178,9 @@ KString _tagXMLNode::GetText() const {
     kwz::xml::Walk(
         this,
         [&](const _tagXMLNode* n) {
-            if (n->Type == KWXML_CDATA) out.Append(n->Value);
+            if (n->Type == KWXML_CDATA) out.Append(n->Value.c_str(), n->Value.length());
             return n->Type == KWXML_ELEMENT || n->Type == KWXML_DOCUMENT;
         },
-        [&](const _tagXMLNode* n) { out.Append(n->Value); });
+        [&](const _tagXMLNode* n) { out.Append(n->Value.c_str(), n->Value.length()); });
     return out;
 }
