@@ -1,5 +1,6 @@
 // Calls and the interpreter of compiled code, the one-call formula
 // evaluator, and the exported calling functions.
+#include <cmath>
 #include <cstring>
 #include <new>
 #include <string>
@@ -182,142 +183,432 @@ int32_t IndexValue(KWCalcStack* s, int32_t n) {
     return st;
 }
 
+// --- fast paths ---------------------------------------------------------------
+// The loop handles the common cases on numbers itself and leaves everything
+// else to the operator module and the value functions, with the same results
+// (wrapping, NaN and zero-divisor rules included).
+
+// Field by field: a memset of the packed 24 bytes becomes "rep stos", which
+// costs more than the instruction it serves.
+inline void Wipe(CVar* v) {
+    v->type = kEmpty;
+    v->v.i = 0;
+    v->count = 0;
+    v->ref = 0;
+    v->spare = 0;
+}
+inline bool Plain(const CVar* v) { return uint32_t(v->type) <= uint32_t(kDbl); }  // Empty, Int, Dbl
+inline bool IsNumber(const CVar* v) { return v->type == kInt || v->type == kDbl; }
+inline double NumDbl(const CVar* v) { return v->type == kInt ? double(v->v.i) : v->v.d; }
+// A slot that holds no block gets a number.
+// (A whole packed CVar built on the C stack and copied stalls the store
+// forwarding.)
+// A number's copy, field by field for the same reason: a 16-byte load of a
+// value just written in pieces waits for the pieces.
+inline void CopyNum(CVar* d, const CVar* v) {
+    d->type = v->type;
+    d->v.i = v->v.i;
+    d->count = v->count;
+    d->ref = v->ref;
+    d->spare = v->spare;
+}
+inline void PutInt(CVar* v, int64_t i) {
+    v->type = kInt;
+    v->v.i = i;
+    v->count = 0;
+    v->ref = 0;
+    v->spare = 0;
+}
+inline void PutDbl(CVar* v, double d) {
+    v->type = kDbl;
+    v->v.d = d;
+    v->count = 0;
+    v->ref = 0;
+    v->spare = 0;
+}
+inline int64_t WrapAdd(int64_t a, int64_t b) { return int64_t(uint64_t(a) + uint64_t(b)); }
+
+// Binary operator op on the numbers x, y: the result goes to out (which
+// holds no block; it may be x).  False (nothing changed) for what the module
+// decides: other types, zero divisors, "\" and "%" with a Dbl side.
+inline bool FastCompute(uint8_t op, const CVar* x, const CVar* y, CVar* out) {
+    const int32_t ta = x->type, tb = y->type;
+    if (ta == kInt && tb == kInt) {
+        const int64_t a = x->v.i, b = y->v.i;
+        int64_t r;
+        switch (op) {
+        case 49: r = WrapAdd(a, b); break;
+        case 50: r = int64_t(uint64_t(a) - uint64_t(b)); break;
+        case 51: r = int64_t(uint64_t(a) * uint64_t(b)); break;
+        case 52:
+            if (b == 0) return false;
+            PutDbl(out, double(a) / double(b));
+            return true;
+        case 53:
+            if (b == 0) return false;
+            r = b == -1 ? int64_t(0 - uint64_t(a)) : a / b;  // INT64_MIN \ -1 wraps
+            break;
+        case 54:
+            if (b == 0) return false;
+            r = b == -1 ? 0 : a % b;
+            break;
+        case 65: r = a == b; break;
+        case 66: r = a != b; break;
+        case 67: r = a < b; break;
+        case 68: r = a <= b; break;
+        case 69: r = a > b; break;
+        case 70: r = a >= b; break;
+        default: return false;
+        }
+        PutInt(out, r);
+        return true;
+    }
+    if ((ta != kInt && ta != kDbl) || (tb != kInt && tb != kDbl)) return false;
+    const double a = NumDbl(x), b = NumDbl(y);
+    switch (op) {
+    case 49: PutDbl(out, a + b); break;
+    case 50: PutDbl(out, a - b); break;
+    case 51: PutDbl(out, a * b); break;
+    case 52:
+        if (b == 0) return false;
+        PutDbl(out, a / b);
+        break;
+    // IEEE comparisons are the module's rules: NaN is unordered, != true.
+    case 65: PutInt(out, a == b); break;
+    case 66: PutInt(out, a != b); break;
+    case 67: PutInt(out, a < b); break;
+    case 68: PutInt(out, a <= b); break;
+    case 69: PutInt(out, a > b); break;
+    case 70: PutInt(out, a >= b); break;
+    default: return false;
+    }
+    return true;
+}
+
+// The same on the top two values: the result replaces x[0], x[1] is emptied.
+inline bool FastBinary(uint8_t op, CVar* x) {
+    if (!FastCompute(op, x, x + 1, x)) return false;
+    Wipe(x + 1);
+    return true;
+}
+
+// The truth of an Empty, Int or Dbl (a Dbl truncated to Int, NaN and out of
+// range counting as INT64_MIN, so true).
+inline bool PlainTruth(const CVar* v) {
+    if (v->type == kInt) return v->v.i != 0;
+    if (v->type == kDbl) return !(v->v.d > -1.0 && v->v.d < 1.0);
+    return false;
+}
+
+// The one-argument math built-ins (sin .. sqrt but ldexp) on a number.
+inline bool FastMath(uint8_t op, CVar* a) {
+    if (!IsNumber(a)) return false;
+    const double x = NumDbl(a);
+    double r;
+    switch (op) {
+    case 113: r = std::sin(x); break;
+    case 114: r = std::cos(x); break;
+    case 115: r = std::tan(x); break;
+    case 116: r = std::asin(x); break;
+    case 117: r = std::acos(x); break;
+    case 118: r = std::atan(x); break;
+    case 119: r = std::exp(x); break;
+    case 121: r = std::log(x); break;
+    case 122: r = std::log10(x); break;
+    case 123: r = std::sqrt(x); break;
+    default: return false;
+    }
+    PutDbl(a, r);
+    return true;
+}
+
+// The interpreter.  The top lives in `sp` while the loop runs; it is written
+// back to the stack before anything that reads it (SYNC) and read again after
+// (RELOAD).  The stop bit is read at entry, at jumps and after calls and the
+// slow paths (anything that may run host code): a loop cannot go round, nor
+// host code be re-entered, without passing one of them.
 int32_t Run(KWCalcStack* s, KWCalcNameDef* entry) {
+    using namespace kwz::calcl;
     const KWFunDef* f = static_cast<const KWFunDef*>(entry->data);
     if (!f || !f->code) return kNotSupported;
     const int32_t params = f->paramCount;
     // A call without arguments passed one empty value: a function without
     // parameters starts its frame at it, so its "result" takes that slot.
     if (params == 0) DropTo(s, s->base);
-    if (StackTest(s, f->stackNeed + params) != kOk) return kStackSmall;
+    if (!(f->stackNeed + params < s->capacity - s->top)) return kStackSmall;
+    if (s->flags.load(std::memory_order_relaxed) & kStopBit) return kStopped;
     const int32_t base = s->base;
-    CVar* frame = s->slots + base;
-    // The locals end after the leading empties ("result" and the vars); a
-    // built-in that reads beyond its arguments (ldexp) must not reach them.
-    int32_t floor = base + params;
-    bool prologue = true;
+    CVar* const slots = s->slots;
+    CVar* const frame = slots + base;
+    CVar* const limit = slots + s->capacity;
     const int64_t maxSteps = s->calculator ? s->calculator->maxSteps : 0;
     const bool memory = s->calculator && s->calculator->maxMemory > 0;
-    std::vector<TryRecord> tries;
-    const uint8_t* code = f->code;
+    const uint8_t* const code = f->code;
     size_t pc = 0;
-    for (;;) {
-        if (s->flags.load(std::memory_order_relaxed) & kStopBit) return kStopped;
+    // The prologue pushes "result" and the vars; the locals end after them,
+    // and a built-in that reads beyond its arguments (ldexp) must not reach them.
+    int32_t floor = base + params;
+    while (code[pc] == kOpEmpty) {
         if (maxSteps && ++s->steps > maxSteps) return kStepLimit;
+        if (s->top >= s->capacity) {
+            if (s->errorHook) reinterpret_cast<ErrorHook>(s->errorHook)(s, int32_t(pc), kStackSmall);
+            return kStackSmall;
+        }
+        Wipe(&slots[s->top++]);  // above the top: nothing to free
+        floor = s->top;
+        ++pc;
+    }
+    std::vector<TryRecord> tries;
+    CVar* sp = slots + s->top;
+#define SYNC() (s->top = int32_t(sp - slots))
+#define RELOAD() (sp = slots + s->top)
+    for (;;) {
+        if (maxSteps && ++s->steps > maxSteps) {
+            SYNC();
+            return kStepLimit;
+        }
         const size_t at = pc;
         const uint8_t op = code[pc];
         int32_t st = kOk;
-        if (prologue && op != kwz::calcl::kOpEmpty) prologue = false;
         switch (op) {
-        case kwz::calcl::kOpLoadParam:
-        case kwz::calcl::kOpLoadLocal: {
+        case kOpLoadParam:
+        case kOpLoadLocal: {
             const uint16_t i = Load<uint16_t>(code + pc + 1), n = Load<uint16_t>(code + pc + 3);
             pc += 5;
-            st = LoadVar(s, frame + i, n);
+            CVar* var = frame + i;
+            if (n == 0 && IsNumber(var) && sp < limit) {
+                // The statements of loops run as groups, each in one pass
+                // when the budget allows all of its instructions:
+                //   load, load or literal, operator [, jf | store, drop]
+                //   load, store, drop
+                // Every value in between is a number on the stack (no memory
+                // rule applies) and the stack has room for both operands.
+                auto take = [&](int64_t k) {
+                    if (!maxSteps) return true;
+                    if (s->steps + k > maxSteps) return false;
+                    s->steps += k;
+                    return true;
+                };
+                const uint8_t next = code[pc];
+                const CVar* y = nullptr;
+                CVar literal;
+                size_t q = pc;
+                if ((next == kOpLoadParam || next == kOpLoadLocal) && Load<uint16_t>(code + q + 3) == 0) {
+                    y = frame + Load<uint16_t>(code + q + 1);
+                    if (!IsNumber(y)) y = nullptr;
+                    q += 5;
+                } else if (next == kOpInt) {
+                    PutInt(&literal, Load<int64_t>(code + q + 1));
+                    y = &literal;
+                    q += 9;
+                } else if (next == kOpDbl) {
+                    PutDbl(&literal, Load<double>(code + q + 1));
+                    y = &literal;
+                    q += 9;
+                }
+                const uint8_t op2 = code[q];
+                // "x = top;": a store and a drop.
+                auto storeNext = [&](size_t at) {
+                    const uint8_t o = code[at];
+                    return (o == kOpStoreParam || o == kOpStoreLocal) && Load<uint16_t>(code + at + 3) == 0 &&
+                           code[at + 5] == kOpCollapse && code[at + 6] == 0 && code[at + 7] == 0;
+                };
+                CVar r;
+                if (y && op2 >= 49 && op2 <= 70 && sp + 1 < limit && FastCompute(op2, var, y, &r)) {
+                    if (!take(2)) {  // the group runs one by one
+                        CopyNum(sp++, var);
+                        continue;
+                    }
+                    pc = q + 1;
+                    if (op2 >= 65 && code[pc] == kOpJumpFalse && take(1)) {
+                        pc = r.v.i != 0 ? pc + 5 : size_t(int64_t(pc + 1) + Load<int32_t>(code + pc + 1));
+                        if (memory) break;  // the top below may hold a block
+                        continue;
+                    }
+                    var = &r;
+                }
+                if (storeNext(pc) && take(2)) {
+                    CVar* to = frame + Load<uint16_t>(code + pc + 1);
+                    if (!Plain(to)) SetEmpty(to);
+                    CopyNum(to, var);
+                    pc += 8;
+                    if (memory) break;
+                    continue;
+                }
+                CopyNum(sp++, var);
+                continue;
+            }
+            SYNC();
+            st = LoadVar(s, var, n);
+            RELOAD();
             break;
         }
-        case kwz::calcl::kOpStoreParam:
-        case kwz::calcl::kOpStoreLocal: {
+        case kOpStoreParam:
+        case kOpStoreLocal: {
             const uint16_t i = Load<uint16_t>(code + pc + 1), n = Load<uint16_t>(code + pc + 3);
             pc += 5;
-            st = StoreVar(s, frame + i, n);
+            CVar* var = frame + i;
+            CVar* value = sp - 1;
+            // "var = value;" stores and drops: an owned Str moves instead of
+            // being copied and dropped (no memory budget sees the moment
+            // between).
+            const bool dropNext = !memory && code[pc] == kOpCollapse && code[pc + 1] == 0 &&
+                                  code[pc + 2] == 0;
+            const bool number = n == 0 && IsNumber(value);
+            if (number) {
+                if (!Plain(var)) SetEmpty(var);
+                CopyNum(var, value);
+            } else if (n == 0 && dropNext && value->type == kStr && value->ref == 0) {
+                Move(var, value);
+            } else {
+                SYNC();
+                st = StoreVar(s, var, n);
+                RELOAD();
+                if (st != kOk) break;
+            }
+            if (dropNext) {
+                if (maxSteps && ++s->steps > maxSteps) {
+                    SYNC();
+                    return kStepLimit;
+                }
+                pc += 3;
+                --sp;
+                if (Plain(sp)) Wipe(sp);
+                else SetEmpty(sp);
+                break;
+            }
+            if (number) continue;
             break;
         }
-        case kwz::calcl::kOpEmpty:
+        case kOpEmpty:
             pc += 1;
-            if (s->top >= s->capacity) { st = kStackSmall; break; }
-            SetEmpty(&s->slots[s->top++]);
-            if (prologue) floor = s->top;
-            break;
-        case kwz::calcl::kOpInt:
-            if (s->top >= s->capacity) { st = kStackSmall; break; }
-            SetInt(&s->slots[s->top++], Load<int64_t>(code + pc + 1));
+            if (sp >= limit) { st = kStackSmall; break; }
+            Wipe(sp++);
+            continue;
+        case kOpInt:
+            if (sp >= limit) { st = kStackSmall; break; }
+            PutInt(sp++, Load<int64_t>(code + pc + 1));
             pc += 9;
-            break;
-        case kwz::calcl::kOpDbl:
-            if (s->top >= s->capacity) { st = kStackSmall; break; }
-            SetDbl(&s->slots[s->top++], Load<double>(code + pc + 1));
+            continue;
+        case kOpDbl:
+            if (sp >= limit) { st = kStackSmall; break; }
+            PutDbl(sp++, Load<double>(code + pc + 1));
             pc += 9;
-            break;
-        case kwz::calcl::kOpStr: {
+            continue;
+        case kOpStr: {
             const uint16_t n = Load<uint16_t>(code + pc + 1);
-            if (s->top >= s->capacity) { st = kStackSmall; break; }
-            st = SetStr(&s->slots[s->top++], reinterpret_cast<const char*>(code + pc + 3), n);
+            if (sp >= limit) { st = kStackSmall; break; }
+            st = SetStr(sp++, reinterpret_cast<const char*>(code + pc + 3), n);
             pc += 3 + size_t(n) + 1;
             break;
         }
-        case kwz::calcl::kOpCollapse: {
+        case kOpCollapse: {
             const uint16_t c = Load<uint16_t>(code + pc + 1);
             pc += 3;
             if (c == 0) {
-                DropTo(s, s->top - 1);
+                --sp;
+                if (Plain(sp)) Wipe(sp);
+                else SetEmpty(sp);
             } else {
                 CVar keep{};
-                Move(&keep, &s->slots[s->top - 1]);
+                Move(&keep, sp - 1);
+                SYNC();
                 DropTo(s, s->top - 1 - c);
-                Move(&s->slots[s->top++], &keep);
+                RELOAD();
+                Move(sp++, &keep);
             }
             break;
         }
-        case kwz::calcl::kOpDebug:
+        case kOpDebug:
             pc += 7;
-            break;
-        case kwz::calcl::kOpCall: {
+            continue;
+        case kOpCall: {
             const uint16_t i = Load<uint16_t>(code + pc + 1);
             pc += 3;
             KWCalcNameDef* callee = i < entry->externals.size() ? entry->externals[i] : nullptr;
             if (!callee) { st = kUnknownFun; break; }
+            SYNC();
             st = CallEntry(s, callee, callee->argc > 0 ? callee->argc : 1);
             if (st != kOk && s->top < floor) s->top = floor;  // never below the locals
+            RELOAD();
             break;
         }
-        case kwz::calcl::kOpJump:
+        case kOpJump:
+            if (s->flags.load(std::memory_order_relaxed) & kStopBit) {
+                SYNC();
+                return kStopped;
+            }
             pc = size_t(int64_t(pc + 1) + Load<int32_t>(code + pc + 1));
-            break;
-        case kwz::calcl::kOpAndTest:
-        case kwz::calcl::kOpOrTest:
-        case kwz::calcl::kOpJumpFalse: {
+            continue;
+        case kOpAndTest:
+        case kOpOrTest:
+        case kOpJumpFalse: {
             bool t = false;
-            st = Truth(&s->slots[s->top - 1], &t);
-            if (st != kOk) break;
-            const size_t next = pc + 5;
-            const bool jump = op == kwz::calcl::kOpOrTest ? t : !t;
-            if (op == kwz::calcl::kOpJumpFalse) DropTo(s, s->top - 1);
-            pc = jump ? size_t(int64_t(pc + 1) + Load<int32_t>(code + pc + 1)) : next;
+            if (Plain(sp - 1)) {
+                t = PlainTruth(sp - 1);
+            } else if ((st = Truth(sp - 1, &t)) != kOk) {
+                break;
+            }
+            const bool jump = op == kOpOrTest ? t : !t;
+            if (op == kOpJumpFalse) {
+                --sp;
+                if (Plain(sp)) Wipe(sp);
+                else SetEmpty(sp);
+            }
+            pc = jump ? size_t(int64_t(pc + 1) + Load<int32_t>(code + pc + 1)) : pc + 5;
             break;
         }
-        case kwz::calcl::kOpIndex: {
+        case kOpIndex: {
             const uint16_t n = Load<uint16_t>(code + pc + 1);
             pc += 3;
+            SYNC();
             st = IndexValue(s, n);
+            RELOAD();
             break;
         }
-        case kwz::calcl::kOpArray: {
+        case kOpArray: {
             const uint32_t n = Load<uint32_t>(code + pc + 1);
             pc += 5;
             if (n == 0) {
-                if (s->top >= s->capacity) { st = kStackSmall; break; }
-                st = SetArr(&s->slots[s->top++], 0);
+                if (sp >= limit) { st = kStackSmall; break; }
+                st = SetArr(sp++, 0);
             } else {
-                st = ArrCopy(&s->slots[s->top - int32_t(n)], int32_t(n));
-                if (st == kOk) s->top -= int32_t(n) - 1;
+                st = ArrCopy(sp - int32_t(n), int32_t(n));
+                if (st == kOk) sp -= int32_t(n) - 1;
             }
             break;
         }
-        case kwz::calcl::kOpTry:
-            tries.push_back(TryRecord{Load<uint32_t>(code + pc + 1), s->top, 0});
+        case kOpTry:
+            tries.push_back(TryRecord{Load<uint32_t>(code + pc + 1), int32_t(sp - slots), 0});
             pc += 5;
             break;
-        case kwz::calcl::kOpEndTry: {
+        case kOpEndTry: {
             pc += 1;
             const TryRecord r = tries.back();
             tries.pop_back();
+            SYNC();
             DropTo(s, r.top);
-            SetInt(&s->slots[s->top++], r.status);
+            RELOAD();
+            PutInt(sp++, r.status);
             break;
         }
-        case kwz::calcl::kOpExit:
-        case kwz::calcl::kOpEnd: {
+        case kOpExit:
+        case kOpEnd: {
+            CVar* res = frame + params;
+            if (res < sp && Plain(res)) {
+                // Numbers only need no freeing: the frame is emptied in place.
+                CVar result;
+                CopyNum(&result, res);
+                for (CVar* v = frame; v < sp; ++v) {
+                    if (Plain(v)) Wipe(v);
+                    else SetEmpty(v);
+                }
+                sp = frame;
+                CopyNum(sp++, &result);
+                SYNC();
+                return kOk;
+            }
+            SYNC();
             CVar result{};
             Move(&result, frame + params);
             DropTo(s, base);
@@ -327,42 +618,66 @@ int32_t Run(KWCalcStack* s, KWCalcNameDef* entry) {
         default:
             if (op >= 49 && op <= 90) {
                 pc += 1;
-                CVar* x = &s->slots[s->top - 2];
-                if (!IsUnary(op) && x[0].type == kInt && x[1].type == kInt && op <= 70 &&
-                    (op <= 51 || op >= 65)) {
-                    // Int with Int for + - * and the comparisons, without the
-                    // operator table: the same results, wrapping included.
-                    const int64_t a = x[0].v.i, b = x[1].v.i;
-                    switch (op) {
-                    case 49: x[0].v.i = int64_t(uint64_t(a) + uint64_t(b)); break;
-                    case 50: x[0].v.i = int64_t(uint64_t(a) - uint64_t(b)); break;
-                    case 51: x[0].v.i = int64_t(uint64_t(a) * uint64_t(b)); break;
-                    case 65: x[0].v.i = a == b; break;
-                    case 66: x[0].v.i = a != b; break;
-                    case 67: x[0].v.i = a < b; break;
-                    case 68: x[0].v.i = a <= b; break;
-                    case 69: x[0].v.i = a > b; break;
-                    default: x[0].v.i = a >= b; break;
+                if (op >= 81 && op <= 83) {  // unary
+                    CVar* x = sp - 1;
+                    if (op == 81 && x->type == kInt) {
+                        x->v.i = int64_t(0 - uint64_t(x->v.i));
+                        continue;
                     }
-                    x[1].type = kEmpty;
-                    s->top -= 1;
-                } else if (IsUnary(op))
-                    st = Operate(op, &s->slots[s->top - 1]);
-                else if ((st = Operate(op, &s->slots[s->top - 2])) == kOk)
-                    s->top -= 1;
+                    if (op == 81 && x->type == kDbl) {
+                        x->v.d = -x->v.d;
+                        continue;
+                    }
+                    st = Operate(op, x);
+                    break;
+                }
+                CVar* x = sp - 2;
+                if (FastBinary(op, x)) {
+                    --sp;
+                    // A comparison feeding "jf" jumps at once.
+                    if (op >= 65 && op <= 70 && code[pc] == kOpJumpFalse) {
+                        if (maxSteps && ++s->steps > maxSteps) {
+                            SYNC();
+                            return kStepLimit;
+                        }
+                        const bool t = x->v.i != 0;
+                        --sp;
+                        Wipe(sp);
+                        pc = t ? pc + 5 : size_t(int64_t(pc + 1) + Load<int32_t>(code + pc + 1));
+                        if (memory) break;  // the new top may hold a block
+                    }
+                    continue;
+                }
+                if ((st = Operate(op, x)) == kOk) --sp;
             } else if (op >= 97 && op <= 180) {
                 pc += 1;
+                if (op >= 113 && op <= 123 && sp - 1 >= frame && FastMath(op, sp - 1)) continue;
+                SYNC();
                 st = Builtin(s, op, floor);
+                RELOAD();
             } else {
                 st = kNotSupported;  // not an instruction: damaged code
             }
             break;
         }
-        if (st == kOk && memory && s->top > 0) {
-            const CVar* t = &s->slots[s->top - 1];
-            if ((t->type == kStr || t->type == kArr) && t->ref == 0) st = CheckMemory(s);
+        if (st == kOk) {
+            if (memory && sp > slots) {
+                const CVar* t = sp - 1;
+                if ((t->type == kStr || t->type == kArr) && t->ref == 0) {
+                    SYNC();
+                    st = CheckMemory(s);
+                }
+            }
+            if (st == kOk) {
+                // Host code (calls, object types) may have asked to stop.
+                if (s->flags.load(std::memory_order_relaxed) & kStopBit) {
+                    SYNC();
+                    return kStopped;
+                }
+                continue;
+            }
         }
-        if (st == kOk) continue;
+        SYNC();
         if (st == kStopped || IsBudget(st) || tries.empty()) {
             if (!IsBudget(st) && s->errorHook)
                 reinterpret_cast<ErrorHook>(s->errorHook)(s, int32_t(at), st);
@@ -371,8 +686,12 @@ int32_t Run(KWCalcStack* s, KWCalcNameDef* entry) {
         TryRecord& r = tries.back();
         r.status = st;
         DropTo(s, r.top);
+        RELOAD();
         pc = r.target;
+        if (s->flags.load(std::memory_order_relaxed) & kStopBit) return kStopped;
     }
+#undef SYNC
+#undef RELOAD
 }
 
 }  // namespace
