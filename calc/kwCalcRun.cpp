@@ -1,6 +1,5 @@
 // Calls and the interpreter of compiled code, the one-call formula
 // evaluator, and the exported calling functions.
-#include <cmath>
 #include <cstring>
 #include <new>
 #include <string>
@@ -8,6 +7,7 @@
 
 #include "base/kwGuard.h"
 #include "calc/kwCalcEngine.h"
+#include "calc/kwCalcFast.h"
 #include "calc/kwCalcOps.h"
 #include "calc/kwCalcVar.h"
 
@@ -15,13 +15,6 @@ namespace kwz::calc {
 namespace {
 
 using ErrorHook = int32_t (*)(KWCalcStack*, int32_t position, int32_t status);
-
-template <typename T>
-T Load(const uint8_t* p) {
-    T v;
-    std::memcpy(&v, p, sizeof v);
-    return v;
-}
 
 // Empties slots [from, s->top) and makes `from` the top.
 void DropTo(KWCalcStack* s, int32_t from) {
@@ -183,145 +176,6 @@ int32_t IndexValue(KWCalcStack* s, int32_t n) {
     return st;
 }
 
-// --- fast paths ---------------------------------------------------------------
-// The loop handles the common cases on numbers itself and leaves everything
-// else to the operator module and the value functions, with the same results
-// (wrapping, NaN and zero-divisor rules included).
-
-// Field by field: a memset of the packed 24 bytes becomes "rep stos", which
-// costs more than the instruction it serves.
-inline void Wipe(CVar* v) {
-    v->type = kEmpty;
-    v->v.i = 0;
-    v->count = 0;
-    v->ref = 0;
-    v->spare = 0;
-}
-inline bool Plain(const CVar* v) { return uint32_t(v->type) <= uint32_t(kDbl); }  // Empty, Int, Dbl
-inline bool IsNumber(const CVar* v) { return v->type == kInt || v->type == kDbl; }
-inline double NumDbl(const CVar* v) { return v->type == kInt ? double(v->v.i) : v->v.d; }
-// A slot that holds no block gets a number.
-// (A whole packed CVar built on the C stack and copied stalls the store
-// forwarding.)
-// A number's copy, field by field for the same reason: a 16-byte load of a
-// value just written in pieces waits for the pieces.
-inline void CopyNum(CVar* d, const CVar* v) {
-    d->type = v->type;
-    d->v.i = v->v.i;
-    d->count = v->count;
-    d->ref = v->ref;
-    d->spare = v->spare;
-}
-inline void PutInt(CVar* v, int64_t i) {
-    v->type = kInt;
-    v->v.i = i;
-    v->count = 0;
-    v->ref = 0;
-    v->spare = 0;
-}
-inline void PutDbl(CVar* v, double d) {
-    v->type = kDbl;
-    v->v.d = d;
-    v->count = 0;
-    v->ref = 0;
-    v->spare = 0;
-}
-inline int64_t WrapAdd(int64_t a, int64_t b) { return int64_t(uint64_t(a) + uint64_t(b)); }
-
-// Binary operator op on the numbers x, y: the result goes to out (which
-// holds no block; it may be x).  False (nothing changed) for what the module
-// decides: other types, zero divisors, "\" and "%" with a Dbl side.
-inline bool FastCompute(uint8_t op, const CVar* x, const CVar* y, CVar* out) {
-    const int32_t ta = x->type, tb = y->type;
-    if (ta == kInt && tb == kInt) {
-        const int64_t a = x->v.i, b = y->v.i;
-        int64_t r;
-        switch (op) {
-        case 49: r = WrapAdd(a, b); break;
-        case 50: r = int64_t(uint64_t(a) - uint64_t(b)); break;
-        case 51: r = int64_t(uint64_t(a) * uint64_t(b)); break;
-        case 52:
-            if (b == 0) return false;
-            PutDbl(out, double(a) / double(b));
-            return true;
-        case 53:
-            if (b == 0) return false;
-            r = b == -1 ? int64_t(0 - uint64_t(a)) : a / b;  // INT64_MIN \ -1 wraps
-            break;
-        case 54:
-            if (b == 0) return false;
-            r = b == -1 ? 0 : a % b;
-            break;
-        case 65: r = a == b; break;
-        case 66: r = a != b; break;
-        case 67: r = a < b; break;
-        case 68: r = a <= b; break;
-        case 69: r = a > b; break;
-        case 70: r = a >= b; break;
-        default: return false;
-        }
-        PutInt(out, r);
-        return true;
-    }
-    if ((ta != kInt && ta != kDbl) || (tb != kInt && tb != kDbl)) return false;
-    const double a = NumDbl(x), b = NumDbl(y);
-    switch (op) {
-    case 49: PutDbl(out, a + b); break;
-    case 50: PutDbl(out, a - b); break;
-    case 51: PutDbl(out, a * b); break;
-    case 52:
-        if (b == 0) return false;
-        PutDbl(out, a / b);
-        break;
-    // IEEE comparisons are the module's rules: NaN is unordered, != true.
-    case 65: PutInt(out, a == b); break;
-    case 66: PutInt(out, a != b); break;
-    case 67: PutInt(out, a < b); break;
-    case 68: PutInt(out, a <= b); break;
-    case 69: PutInt(out, a > b); break;
-    case 70: PutInt(out, a >= b); break;
-    default: return false;
-    }
-    return true;
-}
-
-// The same on the top two values: the result replaces x[0], x[1] is emptied.
-inline bool FastBinary(uint8_t op, CVar* x) {
-    if (!FastCompute(op, x, x + 1, x)) return false;
-    Wipe(x + 1);
-    return true;
-}
-
-// The truth of an Empty, Int or Dbl (a Dbl truncated to Int, NaN and out of
-// range counting as INT64_MIN, so true).
-inline bool PlainTruth(const CVar* v) {
-    if (v->type == kInt) return v->v.i != 0;
-    if (v->type == kDbl) return !(v->v.d > -1.0 && v->v.d < 1.0);
-    return false;
-}
-
-// The one-argument math built-ins (sin .. sqrt but ldexp) on a number.
-inline bool FastMath(uint8_t op, CVar* a) {
-    if (!IsNumber(a)) return false;
-    const double x = NumDbl(a);
-    double r;
-    switch (op) {
-    case 113: r = std::sin(x); break;
-    case 114: r = std::cos(x); break;
-    case 115: r = std::tan(x); break;
-    case 116: r = std::asin(x); break;
-    case 117: r = std::acos(x); break;
-    case 118: r = std::atan(x); break;
-    case 119: r = std::exp(x); break;
-    case 121: r = std::log(x); break;
-    case 122: r = std::log10(x); break;
-    case 123: r = std::sqrt(x); break;
-    default: return false;
-    }
-    PutDbl(a, r);
-    return true;
-}
-
 // The interpreter.  The top lives in `sp` while the loop runs; it is written
 // back to the stack before anything that reads it (SYNC) and read again after
 // (RELOAD).  The stop bit is read at entry, at jumps and after calls and the
@@ -360,9 +214,16 @@ int32_t Run(KWCalcStack* s, KWCalcNameDef* entry) {
     }
     std::vector<TryRecord> tries;
     CVar* sp = slots + s->top;
+    // Without budget and memory rule the fast loop runs what it can; this
+    // loop runs the instruction it stops at.
+    const bool fast = !maxSteps && !memory;
 #define SYNC() (s->top = int32_t(sp - slots))
 #define RELOAD() (sp = slots + s->top)
     for (;;) {
+        if (fast && !FastRun(code, &pc, frame, &sp, limit, s)) {
+            SYNC();
+            return kStopped;
+        }
         if (maxSteps && ++s->steps > maxSteps) {
             SYNC();
             return kStepLimit;

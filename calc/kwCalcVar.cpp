@@ -162,7 +162,9 @@ void EmptyAt(CVar* v, int32_t depth) {
 }  // namespace
 
 void SetEmpty(CVar* v) {
-    if (v) EmptyAt(v, 0);
+    if (!v) return;
+    if (uint32_t(v->type) <= uint32_t(kDbl)) Zero(v);  // nothing to free
+    else EmptyAt(v, 0);
 }
 
 void Clear(CVar* values, int32_t count) {

@@ -399,13 +399,18 @@ TEST(CalcEngine, HostProtocolAndStack) {
 }
 
 // The loop statements run as fused groups (load, load or literal, operator,
-// then jf or store and drop); every pairing must give what the same
-// operator gives on two pushed values, failures included.
-TEST(CalcEngine, FusedStatementsMatchSingleInstructions) {
-    const char* const operands[] = {"7", "-3", "0", "2.5", "-0.5", "0.0", "sqrt(-1)",
-                                    "(4611686018427387904*2)", "-1", "\"ab\""};
+// then jf or store and drop), in the fast loop without budgets and in the
+// full loop with them; every pairing must give what the same operator gives
+// on two pushed values, failures included.
+class CalcEngineFused : public testing::TestWithParam<int> {};
+
+TEST_P(CalcEngineFused, StatementsMatchSingleInstructions) {
+    const char* const operands[] = {"7", "0", "2.5", "0.0", "sqrt(-1)", "(4611686018427387904*2)", "-1",
+                                    "\"ab\""};
     const char* const ops[] = {"+", "-", "*", "/", "\\", "%", "==", "!=", "<", "<=", ">", ">="};
     Calc c;
+    // 0: no budget; 1: an instruction budget; 2: a memory budget.
+    ASSERT_EQ(KWCalcSetLimits(c.c, GetParam() == 1 ? 1000000000 : 0, GetParam() == 2 ? 1000000000 : 0, 0), 0);
     auto check = [&](const char* call, int32_t wantSt, const CVar& want, const std::string& note) {
         CVar v{};
         const int32_t st = KWCalcFormula(call, &v, c.c, 0);
@@ -451,6 +456,8 @@ TEST(CalcEngine, FusedStatementsMatchSingleInstructions) {
     ASSERT_EQ(KWCalcFunAddI(c.c, "truth(x){if(x){Result=1;}else{Result=0;}}", nullptr, 0, 0), 0);
     RunRows(rows, c.c);
 }
+
+INSTANTIATE_TEST_SUITE_P(Budgets, CalcEngineFused, testing::Values(0, 1, 2));
 
 // The instruction budget counts every instruction, those of fused groups
 // too: sum(3) runs 17 + 15 * 3 instructions (prologue, two initialisations,

@@ -1,0 +1,188 @@
+// The interpreter's fast loop: runs without a budget or memory rule, on the
+// instructions that touch nothing but numbers, and hands every other one to
+// the full loop in kwCalcRun.cpp.  Its few live values stay in registers,
+// which the full loop, with all its cases, cannot afford.
+//
+// Loop statements run as groups in one pass, as the full loop does when the
+// budget allows:
+//   load, load or literal, operator [, jf | store, drop]
+//   load, store, drop
+// Every value in between is a number, so no rule could look at it.
+#include "calc/kwCalcEngine.h"
+#include "calc/kwCalcFast.h"
+#include "calc/kwCalcOps.h"
+
+namespace kwz::calc {
+namespace {
+
+using namespace kwz::calcl;
+
+// The target of the jump at pc (the offset counts from its field).
+inline size_t Target(const uint8_t* code, size_t pc) {
+    return size_t(int64_t(pc + 1) + Load<int32_t>(code + pc + 1));
+}
+
+// At pc: "x = top;", a store without indexes and a drop of its value.
+inline bool StoreDrop(const uint8_t* code, size_t pc) {
+    const uint8_t o = code[pc];
+    return (o == kOpStoreParam || o == kOpStoreLocal) && Load<uint16_t>(code + pc + 3) == 0 &&
+           code[pc + 5] == kOpCollapse && code[pc + 6] == 0 && code[pc + 7] == 0;
+}
+
+// A number operand: a load without indexes of a number, or a literal.
+// False otherwise; *next is past it either way.
+inline bool Operand(const uint8_t* code, size_t pc, const CVar* frame, Num* n, size_t* next) {
+    const uint8_t o = code[pc];
+    if ((o == kOpLoadParam || o == kOpLoadLocal) && Load<uint16_t>(code + pc + 3) == 0) {
+        *next = pc + 5;
+        const CVar* v = frame + Load<uint16_t>(code + pc + 1);
+        *n = NumOf(v);
+        return IsNumber(v);
+    }
+    *next = pc + 9;
+    if (o == kOpInt) {
+        *n = IntNum(Load<int64_t>(code + pc + 1));
+        return true;
+    }
+    if (o == kOpDbl) {
+        *n = DblNum(Load<double>(code + pc + 1));
+        return true;
+    }
+    *next = pc;
+    return false;
+}
+
+}  // namespace
+
+bool FastRun(const uint8_t* code, size_t* pcAt, CVar* frame, CVar** spAt, CVar* limit, const KWCalcStack* s) {
+    size_t pc = *pcAt;
+    CVar* sp = *spAt;
+    bool running = true;
+    for (;;) {
+        const uint8_t op = code[pc];
+        switch (op) {
+        case kOpLoadParam:
+        case kOpLoadLocal: {
+            const CVar* var = frame + Load<uint16_t>(code + pc + 1);
+            if (Load<uint16_t>(code + pc + 3) != 0 || !IsNumber(var) || sp >= limit) goto leave;
+            pc += 5;
+            Num y, r;
+            size_t q;
+            if (Operand(code, pc, frame, &y, &q) && code[q] >= 49 && code[q] <= 70 && sp + 1 < limit &&
+                Compute(code[q], NumOf(var), y, &r)) {
+                const uint8_t o = code[q];
+                pc = q + 1;
+                if (o >= 65 && code[pc] == kOpJumpFalse) {
+                    pc = r.bits != 0 ? pc + 5 : Target(code, pc);
+                    continue;
+                }
+                if (StoreDrop(code, pc)) {
+                    CVar* to = frame + Load<uint16_t>(code + pc + 1);
+                    if (!Plain(to)) SetEmpty(to);
+                    PutNum(to, r);
+                    pc += 8;
+                    continue;
+                }
+                PutNum(sp++, r);
+                continue;
+            }
+            if (StoreDrop(code, pc)) {
+                CVar* to = frame + Load<uint16_t>(code + pc + 1);
+                if (!Plain(to)) SetEmpty(to);
+                CopyNum(to, var);
+                pc += 8;
+                continue;
+            }
+            CopyNum(sp++, var);
+            continue;
+        }
+        case kOpStoreParam:
+        case kOpStoreLocal: {
+            if (Load<uint16_t>(code + pc + 3) != 0 || !IsNumber(sp - 1)) goto leave;
+            CVar* var = frame + Load<uint16_t>(code + pc + 1);
+            if (!Plain(var)) SetEmpty(var);
+            CopyNum(var, sp - 1);
+            pc += 5;
+            if (code[pc] == kOpCollapse && code[pc + 1] == 0 && code[pc + 2] == 0) {
+                pc += 3;
+                Wipe(--sp);
+            }
+            continue;
+        }
+        case kOpEmpty:
+            if (sp >= limit) goto leave;
+            Wipe(sp++);
+            pc += 1;
+            continue;
+        case kOpInt:
+            if (sp >= limit) goto leave;
+            PutInt(sp++, Load<int64_t>(code + pc + 1));
+            pc += 9;
+            continue;
+        case kOpDbl:
+            if (sp >= limit) goto leave;
+            PutDbl(sp++, Load<double>(code + pc + 1));
+            pc += 9;
+            continue;
+        case kOpCollapse:
+            if (Load<uint16_t>(code + pc + 1) != 0 || !Plain(sp - 1)) goto leave;
+            Wipe(--sp);
+            pc += 3;
+            continue;
+        case kOpDebug:
+            pc += 7;
+            continue;
+        case kOpJump:
+            if (s->flags.load(std::memory_order_relaxed) & kStopBit) {
+                running = false;
+                goto leave;
+            }
+            pc = Target(code, pc);
+            continue;
+        case kOpAndTest:
+        case kOpOrTest:
+        case kOpJumpFalse: {
+            if (!Plain(sp - 1)) goto leave;
+            const bool t = PlainTruth(sp - 1);
+            const bool jump = op == kOpOrTest ? t : !t;
+            if (op == kOpJumpFalse) Wipe(--sp);
+            pc = jump ? Target(code, pc) : pc + 5;
+            continue;
+        }
+        default:
+            if (op >= 49 && op <= 70) {
+                if (!FastBinary(op, sp - 2)) goto leave;
+                --sp;
+                pc += 1;
+                // A comparison feeding "jf" jumps at once.
+                if (op >= 65 && code[pc] == kOpJumpFalse) {
+                    const bool t = sp[-1].v.i != 0;
+                    Wipe(--sp);
+                    pc = t ? pc + 5 : Target(code, pc);
+                }
+                continue;
+            }
+            if (op == kOpNeg && sp[-1].type == kInt) {
+                sp[-1].v.i = int64_t(0 - uint64_t(sp[-1].v.i));
+                pc += 1;
+                continue;
+            }
+            if (op == kOpNeg && sp[-1].type == kDbl) {
+                sp[-1].v.d = -sp[-1].v.d;
+                pc += 1;
+                continue;
+            }
+            if (op >= 113 && op <= 123 && sp - 1 >= frame && FastMath(op, sp - 1)) {
+                pc += 1;
+                continue;
+            }
+            goto leave;
+        }
+    }
+leave:
+    *pcAt = pc;
+    *spAt = sp;
+    return running;
+}
+
+}  // namespace kwz::calc
