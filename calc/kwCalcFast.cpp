@@ -54,7 +54,8 @@ inline bool Operand(const uint8_t* code, size_t pc, const CVar* frame, Num* n, s
 
 }  // namespace
 
-bool FastRun(const uint8_t* code, size_t* pcAt, CVar* frame, CVar** spAt, CVar* limit, const KWCalcStack* s) {
+bool FastRun(const uint8_t* code, size_t* pcAt, CVar* frame, CVar** spAt, CVar* limit, KWCalcStack* s,
+             KWCalcNameDef* entry, int32_t floor, int32_t* status) {
     size_t pc = *pcAt;
     CVar* sp = *spAt;
     bool running = true;
@@ -132,6 +133,27 @@ bool FastRun(const uint8_t* code, size_t* pcAt, CVar* frame, CVar** spAt, CVar* 
         case kOpDebug:
             pc += 7;
             continue;
+        case kOpCall: {
+            const uint16_t i = Load<uint16_t>(code + pc + 1);
+            KWCalcNameDef* callee = i < entry->externals.size() ? entry->externals[i] : nullptr;
+            if (!callee) goto leave;
+            s->top = int32_t(sp - s->slots);
+            const int32_t st = CallEntry(s, callee, callee->argc > 0 ? callee->argc : 1);
+            if (st != kOk) {
+                if (s->top < floor) s->top = floor;  // never below the locals
+                *status = st;
+                sp = s->slots + s->top;
+                goto leave;
+            }
+            sp = s->slots + s->top;
+            pc += 3;
+            // Host code may have asked to stop.
+            if (s->flags.load(std::memory_order_relaxed) & kStopBit) {
+                running = false;
+                goto leave;
+            }
+            continue;
+        }
         case kOpJump:
             if (s->flags.load(std::memory_order_relaxed) & kStopBit) {
                 running = false;

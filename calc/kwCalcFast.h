@@ -193,11 +193,14 @@ inline bool FastMath(uint8_t op, CVar* a) {
     return true;
 }
 
-// Runs the instructions from *pc that need no budget, no memory rule and no
-// host code: loads, stores, literals, drops, jumps, tests, operators and math
-// on numbers, fused where a loop statement allows.  Stops at the first
-// instruction it leaves to the full interpreter (which runs it), with *pc
-// and *sp there; false when the stop bit was found set at a jump.
-bool FastRun(const uint8_t* code, size_t* pc, CVar* frame, CVar** sp, CVar* limit, const KWCalcStack* s);
+// For a run without budgets and memory rule: runs the instructions from *pc
+// that touch only numbers (loads, stores, literals, drops, jumps, tests,
+// operators, math; fused where a loop statement allows) and the calls of
+// entry's externals.  Stops at the first instruction it leaves to the full
+// interpreter, with *pc and *sp there, or at a call that failed, with *pc at
+// it and *status its code (the top then no lower than floor).  False when
+// the stop bit was found set at a jump or after a call.
+bool FastRun(const uint8_t* code, size_t* pc, CVar* frame, CVar** sp, CVar* limit, KWCalcStack* s,
+             KWCalcNameDef* entry, int32_t floor, int32_t* status);
 
 }  // namespace kwz::calc

@@ -220,7 +220,10 @@ int32_t Run(KWCalcStack* s, KWCalcNameDef* entry) {
 #define SYNC() (s->top = int32_t(sp - slots))
 #define RELOAD() (sp = slots + s->top)
     for (;;) {
-        if (fast && !FastRun(code, &pc, frame, &sp, limit, s)) {
+        // A call the fast loop made may have failed: its status is handled
+        // here, at its position.
+        int32_t st = kOk;
+        if (fast && !FastRun(code, &pc, frame, &sp, limit, s, entry, floor, &st)) {
             SYNC();
             return kStopped;
         }
@@ -230,8 +233,7 @@ int32_t Run(KWCalcStack* s, KWCalcNameDef* entry) {
         }
         const size_t at = pc;
         const uint8_t op = code[pc];
-        int32_t st = kOk;
-        switch (op) {
+        if (st == kOk) switch (op) {
         case kOpLoadParam:
         case kOpLoadLocal: {
             const uint16_t i = Load<uint16_t>(code + pc + 1), n = Load<uint16_t>(code + pc + 3);
