@@ -1,10 +1,10 @@
-// The interpreter's fast loop: runs without a budget or memory rule, on the
-// instructions that touch nothing but numbers, and hands every other one to
-// the full loop in kwCalcRun.cpp.  Its few live values stay in registers,
+// The interpreter's fast loop: runs without a memory rule, on the
+// instructions that touch nothing but numbers and on calls, and hands every
+// other one to the full loop in kwCalcRun.cpp.  Its few live values stay in registers,
 // which the full loop, with all its cases, cannot afford.
 //
-// Loop statements run as groups in one pass, as the full loop does when the
-// budget allows:
+// Loop statements run as groups in one pass when the instruction budget
+// allows all of the group:
 //   load, load or literal, operator [, jf | store, drop]
 //   load, store, drop
 // Every value in between is a number, so no rule could look at it.
@@ -55,11 +55,18 @@ inline bool Operand(const uint8_t* code, size_t pc, const CVar* frame, Num* n, s
 }  // namespace
 
 bool FastRun(const uint8_t* code, size_t* pcAt, CVar* frame, CVar** spAt, CVar* limit, KWCalcStack* s,
-             KWCalcNameDef* entry, int32_t floor, int32_t* status) {
+             KWCalcNameDef* entry, int32_t floor, int64_t maxSteps, int32_t* status) {
     size_t pc = *pcAt;
     CVar* sp = *spAt;
     bool running = true;
+    // With a budget every instruction counts; a group runs fused only when
+    // all of it fits, so the budget runs out at the same instruction.
+    auto fits = [&](int64_t k) { return !maxSteps || s->steps + k <= maxSteps; };
+    auto count = [&](int64_t k) {
+        if (maxSteps) s->steps += k;
+    };
     for (;;) {
+        if (!fits(1)) goto leave;  // the full loop fails at this instruction
         const uint8_t op = code[pc];
         switch (op) {
         case kOpLoadParam:
@@ -70,41 +77,48 @@ bool FastRun(const uint8_t* code, size_t* pcAt, CVar* frame, CVar** spAt, CVar* 
             Num y, r;
             size_t q;
             if (Operand(code, pc, frame, &y, &q) && code[q] >= 49 && code[q] <= 70 && sp + 1 < limit &&
-                Compute(code[q], NumOf(var), y, &r)) {
+                fits(3) && Compute(code[q], NumOf(var), y, &r)) {
                 const uint8_t o = code[q];
                 pc = q + 1;
-                if (o >= 65 && code[pc] == kOpJumpFalse) {
+                if (o >= 65 && code[pc] == kOpJumpFalse && fits(4)) {
+                    count(4);
                     pc = r.bits != 0 ? pc + 5 : Target(code, pc);
                     continue;
                 }
-                if (StoreDrop(code, pc)) {
+                if (StoreDrop(code, pc) && fits(5)) {
+                    count(5);
                     CVar* to = frame + Load<uint16_t>(code + pc + 1);
                     if (!Plain(to)) SetEmpty(to);
                     PutNum(to, r);
                     pc += 8;
                     continue;
                 }
+                count(3);
                 PutNum(sp++, r);
                 continue;
             }
-            if (StoreDrop(code, pc)) {
+            if (StoreDrop(code, pc) && fits(3)) {
+                count(3);
                 CVar* to = frame + Load<uint16_t>(code + pc + 1);
                 if (!Plain(to)) SetEmpty(to);
                 CopyNum(to, var);
                 pc += 8;
                 continue;
             }
+            count(1);
             CopyNum(sp++, var);
             continue;
         }
         case kOpStoreParam:
         case kOpStoreLocal: {
             if (Load<uint16_t>(code + pc + 3) != 0 || !IsNumber(sp - 1)) goto leave;
+            count(1);
             CVar* var = frame + Load<uint16_t>(code + pc + 1);
             if (!Plain(var)) SetEmpty(var);
             CopyNum(var, sp - 1);
             pc += 5;
-            if (code[pc] == kOpCollapse && code[pc + 1] == 0 && code[pc + 2] == 0) {
+            if (code[pc] == kOpCollapse && code[pc + 1] == 0 && code[pc + 2] == 0 && fits(1)) {
+                count(1);
                 pc += 3;
                 Wipe(--sp);
             }
@@ -112,31 +126,37 @@ bool FastRun(const uint8_t* code, size_t* pcAt, CVar* frame, CVar** spAt, CVar* 
         }
         case kOpEmpty:
             if (sp >= limit) goto leave;
+            count(1);
             Wipe(sp++);
             pc += 1;
             continue;
         case kOpInt:
             if (sp >= limit) goto leave;
+            count(1);
             PutInt(sp++, Load<int64_t>(code + pc + 1));
             pc += 9;
             continue;
         case kOpDbl:
             if (sp >= limit) goto leave;
+            count(1);
             PutDbl(sp++, Load<double>(code + pc + 1));
             pc += 9;
             continue;
         case kOpCollapse:
             if (Load<uint16_t>(code + pc + 1) != 0 || !Plain(sp - 1)) goto leave;
+            count(1);
             Wipe(--sp);
             pc += 3;
             continue;
         case kOpDebug:
+            count(1);
             pc += 7;
             continue;
         case kOpCall: {
             const uint16_t i = Load<uint16_t>(code + pc + 1);
             KWCalcNameDef* callee = i < entry->externals.size() ? entry->externals[i] : nullptr;
             if (!callee) goto leave;
+            count(1);
             s->top = int32_t(sp - s->slots);
             const int32_t st = CallEntry(s, callee, callee->argc > 0 ? callee->argc : 1);
             if (st != kOk) {
@@ -159,12 +179,14 @@ bool FastRun(const uint8_t* code, size_t* pcAt, CVar* frame, CVar** spAt, CVar* 
                 running = false;
                 goto leave;
             }
+            count(1);
             pc = Target(code, pc);
             continue;
         case kOpAndTest:
         case kOpOrTest:
         case kOpJumpFalse: {
             if (!Plain(sp - 1)) goto leave;
+            count(1);
             const bool t = PlainTruth(sp - 1);
             const bool jump = op == kOpOrTest ? t : !t;
             if (op == kOpJumpFalse) Wipe(--sp);
@@ -174,10 +196,12 @@ bool FastRun(const uint8_t* code, size_t* pcAt, CVar* frame, CVar** spAt, CVar* 
         default:
             if (op >= 49 && op <= 70) {
                 if (!FastBinary(op, sp - 2)) goto leave;
+                count(1);
                 --sp;
                 pc += 1;
                 // A comparison feeding "jf" jumps at once.
-                if (op >= 65 && code[pc] == kOpJumpFalse) {
+                if (op >= 65 && code[pc] == kOpJumpFalse && fits(1)) {
+                    count(1);
                     const bool t = sp[-1].v.i != 0;
                     Wipe(--sp);
                     pc = t ? pc + 5 : Target(code, pc);
@@ -185,16 +209,19 @@ bool FastRun(const uint8_t* code, size_t* pcAt, CVar* frame, CVar** spAt, CVar* 
                 continue;
             }
             if (op == kOpNeg && sp[-1].type == kInt) {
+                count(1);
                 sp[-1].v.i = int64_t(0 - uint64_t(sp[-1].v.i));
                 pc += 1;
                 continue;
             }
             if (op == kOpNeg && sp[-1].type == kDbl) {
+                count(1);
                 sp[-1].v.d = -sp[-1].v.d;
                 pc += 1;
                 continue;
             }
             if (op >= 113 && op <= 123 && sp - 1 >= frame && FastMath(op, sp - 1)) {
+                count(1);
                 pc += 1;
                 continue;
             }

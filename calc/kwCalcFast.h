@@ -193,14 +193,16 @@ inline bool FastMath(uint8_t op, CVar* a) {
     return true;
 }
 
-// For a run without budgets and memory rule: runs the instructions from *pc
-// that touch only numbers (loads, stores, literals, drops, jumps, tests,
-// operators, math; fused where a loop statement allows) and the calls of
-// entry's externals.  Stops at the first instruction it leaves to the full
-// interpreter, with *pc and *sp there, or at a call that failed, with *pc at
-// it and *status its code (the top then no lower than floor).  False when
-// the stop bit was found set at a jump or after a call.
+// For a run without memory rule: runs the instructions from *pc that touch
+// only numbers (loads, stores, literals, drops, jumps, tests, operators,
+// math; fused where a loop statement allows) and the calls of entry's
+// externals, counting each in s->steps under a budget (maxSteps > 0).  Stops
+// at the first instruction it leaves to the full interpreter (one it does
+// not run, or one beyond the budget), with *pc and *sp there, or at a call
+// that failed, with *pc at it and *status its code (the top then no lower
+// than floor).  False when the stop bit was found set at a jump or after a
+// call.
 bool FastRun(const uint8_t* code, size_t* pc, CVar* frame, CVar** sp, CVar* limit, KWCalcStack* s,
-             KWCalcNameDef* entry, int32_t floor, int32_t* status);
+             KWCalcNameDef* entry, int32_t floor, int64_t maxSteps, int32_t* status);
 
 }  // namespace kwz::calc

@@ -214,20 +214,20 @@ int32_t Run(KWCalcStack* s, KWCalcNameDef* entry) {
     }
     std::vector<TryRecord> tries;
     CVar* sp = slots + s->top;
-    // Without budget and memory rule the fast loop runs what it can; this
-    // loop runs the instruction it stops at.
-    const bool fast = !maxSteps && !memory;
+    // Without a memory rule the fast loop runs what it can; this loop runs
+    // the instruction it stops at.
+    const bool fast = !memory;
 #define SYNC() (s->top = int32_t(sp - slots))
 #define RELOAD() (sp = slots + s->top)
     for (;;) {
         // A call the fast loop made may have failed: its status is handled
         // here, at its position.
         int32_t st = kOk;
-        if (fast && !FastRun(code, &pc, frame, &sp, limit, s, entry, floor, &st)) {
+        if (fast && !FastRun(code, &pc, frame, &sp, limit, s, entry, floor, maxSteps, &st)) {
             SYNC();
             return kStopped;
         }
-        if (maxSteps && ++s->steps > maxSteps) {
+        if (st == kOk && maxSteps && ++s->steps > maxSteps) {  // (a failed call was counted)
             SYNC();
             return kStepLimit;
         }
@@ -240,64 +240,6 @@ int32_t Run(KWCalcStack* s, KWCalcNameDef* entry) {
             pc += 5;
             CVar* var = frame + i;
             if (n == 0 && IsNumber(var) && sp < limit) {
-                // The statements of loops run as groups, each in one pass
-                // when the budget allows all of its instructions:
-                //   load, load or literal, operator [, jf | store, drop]
-                //   load, store, drop
-                // Every value in between is a number on the stack (no memory
-                // rule applies) and the stack has room for both operands.
-                auto take = [&](int64_t k) {
-                    if (!maxSteps) return true;
-                    if (s->steps + k > maxSteps) return false;
-                    s->steps += k;
-                    return true;
-                };
-                const uint8_t next = code[pc];
-                const CVar* y = nullptr;
-                CVar literal;
-                size_t q = pc;
-                if ((next == kOpLoadParam || next == kOpLoadLocal) && Load<uint16_t>(code + q + 3) == 0) {
-                    y = frame + Load<uint16_t>(code + q + 1);
-                    if (!IsNumber(y)) y = nullptr;
-                    q += 5;
-                } else if (next == kOpInt) {
-                    PutInt(&literal, Load<int64_t>(code + q + 1));
-                    y = &literal;
-                    q += 9;
-                } else if (next == kOpDbl) {
-                    PutDbl(&literal, Load<double>(code + q + 1));
-                    y = &literal;
-                    q += 9;
-                }
-                const uint8_t op2 = code[q];
-                // "x = top;": a store and a drop.
-                auto storeNext = [&](size_t at) {
-                    const uint8_t o = code[at];
-                    return (o == kOpStoreParam || o == kOpStoreLocal) && Load<uint16_t>(code + at + 3) == 0 &&
-                           code[at + 5] == kOpCollapse && code[at + 6] == 0 && code[at + 7] == 0;
-                };
-                CVar r;
-                if (y && op2 >= 49 && op2 <= 70 && sp + 1 < limit && FastCompute(op2, var, y, &r)) {
-                    if (!take(2)) {  // the group runs one by one
-                        CopyNum(sp++, var);
-                        continue;
-                    }
-                    pc = q + 1;
-                    if (op2 >= 65 && code[pc] == kOpJumpFalse && take(1)) {
-                        pc = r.v.i != 0 ? pc + 5 : size_t(int64_t(pc + 1) + Load<int32_t>(code + pc + 1));
-                        if (memory) break;  // the top below may hold a block
-                        continue;
-                    }
-                    var = &r;
-                }
-                if (storeNext(pc) && take(2)) {
-                    CVar* to = frame + Load<uint16_t>(code + pc + 1);
-                    if (!Plain(to)) SetEmpty(to);
-                    CopyNum(to, var);
-                    pc += 8;
-                    if (memory) break;
-                    continue;
-                }
                 CopyNum(sp++, var);
                 continue;
             }
@@ -497,18 +439,6 @@ int32_t Run(KWCalcStack* s, KWCalcNameDef* entry) {
                 CVar* x = sp - 2;
                 if (FastBinary(op, x)) {
                     --sp;
-                    // A comparison feeding "jf" jumps at once.
-                    if (op >= 65 && op <= 70 && code[pc] == kOpJumpFalse) {
-                        if (maxSteps && ++s->steps > maxSteps) {
-                            SYNC();
-                            return kStepLimit;
-                        }
-                        const bool t = x->v.i != 0;
-                        --sp;
-                        Wipe(sp);
-                        pc = t ? pc + 5 : size_t(int64_t(pc + 1) + Load<int32_t>(code + pc + 1));
-                        if (memory) break;  // the new top may hold a block
-                    }
                     continue;
                 }
                 if ((st = Operate(op, x)) == kOk) --sp;

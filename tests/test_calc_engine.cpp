@@ -399,9 +399,10 @@ TEST(CalcEngine, HostProtocolAndStack) {
 }
 
 // The loop statements run as fused groups (load, load or literal, operator,
-// then jf or store and drop), in the fast loop without budgets and in the
-// full loop with them; every pairing must give what the same operator gives
-// on two pushed values, failures included.
+// then jf or store and drop) in the fast loop, with and without an
+// instruction budget, and one by one in the full loop (under a memory
+// budget); every pairing must give what the same operator gives on two
+// pushed values, failures included.
 class CalcEngineFused : public testing::TestWithParam<int> {};
 
 TEST_P(CalcEngineFused, StatementsMatchSingleInstructions) {
@@ -461,21 +462,42 @@ INSTANTIATE_TEST_SUITE_P(Budgets, CalcEngineFused, testing::Values(0, 1, 2));
 
 // The instruction budget counts every instruction, those of fused groups
 // too: sum(3) runs 17 + 15 * 3 instructions (prologue, two initialisations,
-// four per test, ten per body, one jump, the result and its end).
+// four per test, ten per body, one jump, the result and its end).  The
+// smallest budget that lets a call through is the same in the fast loop and
+// in the full loop (which a memory budget selects).
 TEST(CalcEngine, InstructionBudgetIsExact) {
     Calc c;
     ASSERT_EQ(KWCalcFunAddI(c.c, "sum(n){var i,s;i=0;s=0;while(i<n){i=i+1;s=s+i;}Result=s;}", nullptr, 0, 0), 0);
+    ASSERT_EQ(KWCalcFunAddI(c.c, "mix(n){var d;d=0.5;while(n>0){d=d*2-n/4;n=n-1;if(!(n%2)){d=-d;}}Result=d+fib(4);}",
+                            nullptr, 0, 0), 0);
     KWCalcStack* s = nullptr;
     ASSERT_EQ(KWCalcStackCreate(c.c, &s, 64), 0);
-    for (int64_t limit = 55; limit <= 63; ++limit) {
-        ASSERT_EQ(KWCalcSetLimits(c.c, limit, 0, 0), 0);
-        CVarSetInt(KWCalcStackPush(s), 3);
-        const int32_t st = KWCalcFun2(s, "sum");
-        EXPECT_EQ(st, limit >= 62 ? 0 : -50) << limit;
-        CVar out{};
-        EXPECT_EQ(KWCalcStackPop(s, &out), st == 0 ? 0 : -47) << limit;
-        EXPECT_EQ(out.v.i + 0, st == 0 ? 6 : 0) << limit;
-    }
+    // The smallest budget that runs name(arg), and its result.
+    auto threshold = [&](const char* name, int64_t arg, int64_t memory, std::string* result) {
+        for (int64_t limit = 1; limit < 2000; ++limit) {
+            EXPECT_EQ(KWCalcSetLimits(c.c, limit, memory, 0), 0);
+            CVarSetInt(KWCalcStackPush(s), arg);
+            const int32_t st = KWCalcFun2(s, name);
+            if (st == 0) {
+                CVar out{};
+                EXPECT_EQ(KWCalcStackPop(s, &out), 0);
+                *result = Show(&out);
+                CVarSetEmpty(&out);
+                return limit;
+            }
+            EXPECT_EQ(st, -50) << name << " " << limit;
+            EXPECT_EQ(KWCalcStackPop(s, nullptr), -47) << name << " " << limit;
+        }
+        return int64_t(-1);
+    };
+    std::string fast, full;
+    EXPECT_EQ(threshold("sum", 3, 0, &fast), 62);
+    EXPECT_EQ(fast, "i:6");
+    EXPECT_EQ(threshold("sum", 3, 1 << 20, &full), 62);
+    const int64_t mixFast = threshold("mix", 5, 0, &fast);
+    EXPECT_GT(mixFast, 0);
+    EXPECT_EQ(threshold("mix", 5, 1 << 20, &full), mixFast);
+    EXPECT_EQ(fast, full);
     KWCalcStackFree(s);
 }
 
