@@ -176,21 +176,42 @@ int32_t IndexValue(KWCalcStack* s, int32_t n) {
     return st;
 }
 
-// The interpreter.  The top lives in `sp` while the loop runs; it is written
-// back to the stack before anything that reads it (SYNC) and read again after
-// (RELOAD).  The stop bit is read at entry, at jumps and after calls and the
-// slow paths (anything that may run host code): a loop cannot go round, nor
-// host code be re-entered, without passing one of them.
-int32_t Run(KWCalcStack* s, KWCalcNameDef* entry) {
+// 252 exit and 253 end: "result" (the first local) goes to the frame's first
+// slot, the rest of the frame is emptied.
+int32_t Finish(KWCalcStack* s, int32_t params) {
+    CVar* const frame = s->slots + s->base;
+    CVar* const top = s->slots + s->top;
+    CVar* const res = frame + params;
+    if (res < top && Plain(res)) {
+        // Numbers need no freeing: the frame is emptied in place.
+        CVar result;
+        CopyNum(&result, res);
+        for (CVar* v = frame; v < top; ++v) {
+            if (Plain(v)) Wipe(v);
+            else SetEmpty(v);
+        }
+        CopyNum(frame, &result);
+        s->top = s->base + 1;
+        return kOk;
+    }
+    CVar result{};
+    Move(&result, res);
+    DropTo(s, s->base);
+    Move(&s->slots[s->top++], &result);
+    return kOk;
+}
+
+// The full interpreter, from pc with the frame set up by Run; `pending` is
+// the status of a call the fast loop made at pc (0: none).  The top lives in
+// `sp` while the loop runs; it is written back to the stack before anything
+// that reads it (SYNC) and read again after (RELOAD).  The stop bit is read
+// at entry, at jumps and after calls and the slow paths (anything that may
+// run host code): a loop cannot go round, nor host code be re-entered,
+// without passing one of them.
+int32_t Interpret(KWCalcStack* s, KWCalcNameDef* entry, size_t pc, int32_t floor, int32_t pending) {
     using namespace kwz::calcl;
     const KWFunDef* f = static_cast<const KWFunDef*>(entry->data);
-    if (!f || !f->code) return kNotSupported;
     const int32_t params = f->paramCount;
-    // A call without arguments passed one empty value: a function without
-    // parameters starts its frame at it, so its "result" takes that slot.
-    if (params == 0) DropTo(s, s->base);
-    if (!(f->stackNeed + params < s->capacity - s->top)) return kStackSmall;
-    if (s->flags.load(std::memory_order_relaxed) & kStopBit) return kStopped;
     const int32_t base = s->base;
     CVar* const slots = s->slots;
     CVar* const frame = slots + base;
@@ -198,20 +219,6 @@ int32_t Run(KWCalcStack* s, KWCalcNameDef* entry) {
     const int64_t maxSteps = s->calculator ? s->calculator->maxSteps : 0;
     const bool memory = s->calculator && s->calculator->maxMemory > 0;
     const uint8_t* const code = f->code;
-    size_t pc = 0;
-    // The prologue pushes "result" and the vars; the locals end after them,
-    // and a built-in that reads beyond its arguments (ldexp) must not reach them.
-    int32_t floor = base + params;
-    while (code[pc] == kOpEmpty) {
-        if (maxSteps && ++s->steps > maxSteps) return kStepLimit;
-        if (s->top >= s->capacity) {
-            if (s->errorHook) reinterpret_cast<ErrorHook>(s->errorHook)(s, int32_t(pc), kStackSmall);
-            return kStackSmall;
-        }
-        Wipe(&slots[s->top++]);  // above the top: nothing to free
-        floor = s->top;
-        ++pc;
-    }
     std::vector<TryRecord> tries;
     CVar* sp = slots + s->top;
     // Without a memory rule the fast loop runs what it can; this loop runs
@@ -222,8 +229,9 @@ int32_t Run(KWCalcStack* s, KWCalcNameDef* entry) {
     for (;;) {
         // A call the fast loop made may have failed: its status is handled
         // here, at its position.
-        int32_t st = kOk;
-        if (fast && !FastRun(code, &pc, frame, &sp, limit, s, entry, floor, maxSteps, &st)) {
+        int32_t st = pending;
+        pending = kOk;
+        if (st == kOk && fast && !FastRun(code, &pc, frame, &sp, limit, s, entry, floor, maxSteps, &st)) {
             SYNC();
             return kStopped;
         }
@@ -398,28 +406,9 @@ int32_t Run(KWCalcStack* s, KWCalcNameDef* entry) {
             break;
         }
         case kOpExit:
-        case kOpEnd: {
-            CVar* res = frame + params;
-            if (res < sp && Plain(res)) {
-                // Numbers only need no freeing: the frame is emptied in place.
-                CVar result;
-                CopyNum(&result, res);
-                for (CVar* v = frame; v < sp; ++v) {
-                    if (Plain(v)) Wipe(v);
-                    else SetEmpty(v);
-                }
-                sp = frame;
-                CopyNum(sp++, &result);
-                SYNC();
-                return kOk;
-            }
+        case kOpEnd:
             SYNC();
-            CVar result{};
-            Move(&result, frame + params);
-            DropTo(s, base);
-            Move(&s->slots[s->top++], &result);
-            return kOk;
-        }
+            return Finish(s, params);
         default:
             if (op >= 49 && op <= 90) {
                 pc += 1;
@@ -485,6 +474,49 @@ int32_t Run(KWCalcStack* s, KWCalcNameDef* entry) {
     }
 #undef SYNC
 #undef RELOAD
+}
+
+// KWFunProc: sets up the frame, runs the fast loop and finishes there when
+// it reaches the end; anything else goes on in the full loop.
+int32_t Run(KWCalcStack* s, KWCalcNameDef* entry) {
+    using namespace kwz::calcl;
+    const KWFunDef* f = static_cast<const KWFunDef*>(entry->data);
+    if (!f || !f->code) return kNotSupported;
+    const int32_t params = f->paramCount;
+    // A call without arguments passed one empty value: a function without
+    // parameters starts its frame at it, so its "result" takes that slot.
+    if (params == 0) DropTo(s, s->base);
+    if (!(f->stackNeed + params < s->capacity - s->top)) return kStackSmall;
+    if (s->flags.load(std::memory_order_relaxed) & kStopBit) return kStopped;
+    CVar* const slots = s->slots;
+    const int64_t maxSteps = s->calculator ? s->calculator->maxSteps : 0;
+    const uint8_t* const code = f->code;
+    size_t pc = 0;
+    // The prologue pushes "result" and the vars; the locals end after them,
+    // and a built-in that reads beyond its arguments (ldexp) must not reach them.
+    int32_t floor = s->base + params;
+    while (code[pc] == kOpEmpty) {
+        if (maxSteps && ++s->steps > maxSteps) return kStepLimit;
+        if (s->top >= s->capacity) {
+            if (s->errorHook) reinterpret_cast<ErrorHook>(s->errorHook)(s, int32_t(pc), kStackSmall);
+            return kStackSmall;
+        }
+        Wipe(&slots[s->top++]);  // above the top: nothing to free
+        floor = s->top;
+        ++pc;
+    }
+    if (s->calculator && s->calculator->maxMemory > 0) return Interpret(s, entry, pc, floor, kOk);
+    CVar* sp = slots + s->top;
+    int32_t st = kOk;
+    const bool running =
+        FastRun(code, &pc, slots + s->base, &sp, slots + s->capacity, s, entry, floor, maxSteps, &st);
+    s->top = int32_t(sp - slots);
+    if (!running) return kStopped;
+    if (st == kOk && (code[pc] == kOpEnd || code[pc] == kOpExit) && !(maxSteps && s->steps >= maxSteps)) {
+        if (maxSteps) ++s->steps;
+        return Finish(s, params);
+    }
+    return Interpret(s, entry, pc, floor, st);
 }
 
 }  // namespace
