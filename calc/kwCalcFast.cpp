@@ -29,6 +29,13 @@ inline bool StoreDrop(const uint8_t* code, size_t pc) {
            code[pc + 5] == kOpCollapse && code[pc + 6] == 0 && code[pc + 7] == 0;
 }
 
+// Empties a variable that holds a block before a number goes in; the top is
+// written back first, as an object type's code may throw.
+inline void Clean(KWCalcStack* s, CVar* sp, CVar* var) {
+    s->top = int32_t(sp - s->slots);
+    SetEmpty(var);
+}
+
 // A number operand: a load without indexes of a number, or a literal.
 // False otherwise; *next is past it either way.
 inline bool Operand(const uint8_t* code, size_t pc, const CVar* frame, Num* n, size_t* next) {
@@ -88,7 +95,7 @@ bool FastRun(const uint8_t* code, size_t* pcAt, CVar* frame, CVar** spAt, CVar* 
                 if (StoreDrop(code, pc) && fits(5)) {
                     count(5);
                     CVar* to = frame + Load<uint16_t>(code + pc + 1);
-                    if (!Plain(to)) SetEmpty(to);
+                    if (!Plain(to)) Clean(s, sp, to);
                     PutNum(to, r);
                     pc += 8;
                     continue;
@@ -100,7 +107,7 @@ bool FastRun(const uint8_t* code, size_t* pcAt, CVar* frame, CVar** spAt, CVar* 
             if (StoreDrop(code, pc) && fits(3)) {
                 count(3);
                 CVar* to = frame + Load<uint16_t>(code + pc + 1);
-                if (!Plain(to)) SetEmpty(to);
+                if (!Plain(to)) Clean(s, sp, to);
                 CopyNum(to, var);
                 pc += 8;
                 continue;
@@ -114,7 +121,7 @@ bool FastRun(const uint8_t* code, size_t* pcAt, CVar* frame, CVar** spAt, CVar* 
             if (Load<uint16_t>(code + pc + 3) != 0 || !IsNumber(sp - 1)) goto leave;
             count(1);
             CVar* var = frame + Load<uint16_t>(code + pc + 1);
-            if (!Plain(var)) SetEmpty(var);
+            if (!Plain(var)) Clean(s, sp, var);
             CopyNum(var, sp - 1);
             pc += 5;
             if (code[pc] == kOpCollapse && code[pc + 1] == 0 && code[pc + 2] == 0 && fits(1)) {

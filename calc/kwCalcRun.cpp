@@ -268,13 +268,15 @@ int32_t Interpret(KWCalcStack* s, KWCalcNameDef* entry, size_t pc, int32_t floor
             const bool dropNext = !memory && code[pc] == kOpCollapse && code[pc + 1] == 0 &&
                                   code[pc + 2] == 0;
             const bool number = n == 0 && IsNumber(value);
+            // Below, anything out of line may end in an exception (an object
+            // type's code): the stack's top is current before it.
+            SYNC();
             if (number) {
                 if (!Plain(var)) SetEmpty(var);
                 CopyNum(var, value);
             } else if (n == 0 && dropNext && value->type == kStr && value->ref == 0) {
                 Move(var, value);
             } else {
-                SYNC();
                 st = StoreVar(s, var, n);
                 RELOAD();
                 if (st != kOk) break;
@@ -311,6 +313,7 @@ int32_t Interpret(KWCalcStack* s, KWCalcNameDef* entry, size_t pc, int32_t floor
         case kOpStr: {
             const uint16_t n = Load<uint16_t>(code + pc + 1);
             if (sp >= limit) { st = kStackSmall; break; }
+            SYNC();
             st = SetStr(sp++, reinterpret_cast<const char*>(code + pc + 3), n);
             pc += 3 + size_t(n) + 1;
             break;
@@ -318,6 +321,7 @@ int32_t Interpret(KWCalcStack* s, KWCalcNameDef* entry, size_t pc, int32_t floor
         case kOpCollapse: {
             const uint16_t c = Load<uint16_t>(code + pc + 1);
             pc += 3;
+            SYNC();
             if (c == 0) {
                 --sp;
                 if (Plain(sp)) Wipe(sp);
@@ -357,6 +361,7 @@ int32_t Interpret(KWCalcStack* s, KWCalcNameDef* entry, size_t pc, int32_t floor
         case kOpOrTest:
         case kOpJumpFalse: {
             bool t = false;
+            SYNC();
             if (Plain(sp - 1)) {
                 t = PlainTruth(sp - 1);
             } else if ((st = Truth(sp - 1, &t)) != kOk) {
@@ -382,6 +387,7 @@ int32_t Interpret(KWCalcStack* s, KWCalcNameDef* entry, size_t pc, int32_t floor
         case kOpArray: {
             const uint32_t n = Load<uint32_t>(code + pc + 1);
             pc += 5;
+            SYNC();
             if (n == 0) {
                 if (sp >= limit) { st = kStackSmall; break; }
                 st = SetArr(sp++, 0);
@@ -392,6 +398,7 @@ int32_t Interpret(KWCalcStack* s, KWCalcNameDef* entry, size_t pc, int32_t floor
             break;
         }
         case kOpTry:
+            SYNC();
             tries.push_back(TryRecord{Load<uint32_t>(code + pc + 1), int32_t(sp - slots), 0});
             pc += 5;
             break;
@@ -422,6 +429,7 @@ int32_t Interpret(KWCalcStack* s, KWCalcNameDef* entry, size_t pc, int32_t floor
                         x->v.d = -x->v.d;
                         continue;
                     }
+                    SYNC();
                     st = Operate(op, x);
                     break;
                 }
@@ -430,6 +438,7 @@ int32_t Interpret(KWCalcStack* s, KWCalcNameDef* entry, size_t pc, int32_t floor
                     --sp;
                     continue;
                 }
+                SYNC();
                 if ((st = Operate(op, x)) == kOk) --sp;
             } else if (op >= 97 && op <= 180) {
                 pc += 1;
