@@ -217,13 +217,13 @@ bool FastRun(const uint8_t* code, size_t* pcAt, CVar* frame, CVar** spAt, CVar* 
             }
             if (op == kOpNeg && sp[-1].type == kInt) {
                 count(1);
-                sp[-1].v.i = int64_t(0 - uint64_t(sp[-1].v.i));
+                PutInt(sp - 1, int64_t(0 - uint64_t(sp[-1].v.i)));
                 pc += 1;
                 continue;
             }
             if (op == kOpNeg && sp[-1].type == kDbl) {
                 count(1);
-                sp[-1].v.d = -sp[-1].v.d;
+                PutDbl(sp - 1, -sp[-1].v.d);
                 pc += 1;
                 continue;
             }

@@ -22,42 +22,38 @@ T Load(const uint8_t* p) {
     return v;
 }
 
-// Field by field: a memset of the packed 24 bytes becomes "rep stos", which
-// costs more than the instruction it serves.
-inline void Wipe(CVar* v) {
-    v->type = kEmpty;
-    v->v.i = 0;
-    v->count = 0;
-    v->ref = 0;
-    v->spare = 0;
+// Values are written and read here as three 8-byte words (type and the
+// payload's low half; its high half and count; ref and spare), always the
+// same way: a load that spans pieces written separately waits for them
+// (store forwarding fails), and a memset of the packed 24 bytes becomes
+// "rep stos", which costs more than the instruction it serves.
+inline void PutWords(CVar* v, uint64_t w0, uint64_t w1, uint64_t w2) {
+    char* p = reinterpret_cast<char*>(v);
+    std::memcpy(p, &w0, 8);
+    std::memcpy(p + 8, &w1, 8);
+    std::memcpy(p + 16, &w2, 8);
 }
+inline void Wipe(CVar* v) { PutWords(v, 0, 0, 0); }
 inline bool Plain(const CVar* v) { return uint32_t(v->type) <= uint32_t(kDbl); }  // Empty, Int, Dbl
 inline bool IsNumber(const CVar* v) { return v->type == kInt || v->type == kDbl; }
 inline double NumDbl(const CVar* v) { return v->type == kInt ? double(v->v.i) : v->v.d; }
-// A number's copy, field by field like Wipe: a 16-byte load of a value just
-// written in pieces waits for the pieces.
 inline void CopyNum(CVar* d, const CVar* v) {
-    d->type = v->type;
-    d->v.i = v->v.i;
-    d->count = v->count;
-    d->ref = v->ref;
-    d->spare = v->spare;
+    const char* p = reinterpret_cast<const char*>(v);
+    uint64_t w0, w1, w2;
+    std::memcpy(&w0, p, 8);
+    std::memcpy(&w1, p + 8, 8);
+    std::memcpy(&w2, p + 16, 8);
+    PutWords(d, w0, w1, w2);
 }
-// A slot that holds no block gets a number (field by field too: a whole
-// CVar built on the C stack and copied stalls the store forwarding).
-inline void PutInt(CVar* v, int64_t i) {
-    v->type = kInt;
-    v->v.i = i;
-    v->count = 0;
-    v->ref = 0;
-    v->spare = 0;
+// A number into a slot that holds no block.
+inline void PutBits(CVar* v, int32_t type, uint64_t bits) {
+    PutWords(v, uint64_t(uint32_t(type)) | (bits << 32), bits >> 32, 0);
 }
+inline void PutInt(CVar* v, int64_t i) { PutBits(v, kInt, uint64_t(i)); }
 inline void PutDbl(CVar* v, double d) {
-    v->type = kDbl;
-    v->v.d = d;
-    v->count = 0;
-    v->ref = 0;
-    v->spare = 0;
+    uint64_t bits;
+    std::memcpy(&bits, &d, 8);
+    PutBits(v, kDbl, bits);
 }
 inline int64_t WrapAdd(int64_t a, int64_t b) { return int64_t(uint64_t(a) + uint64_t(b)); }
 
@@ -73,9 +69,11 @@ inline Num DblNum(double d) {
     return n;
 }
 inline Num NumOf(const CVar* v) {
-    Num n{v->type, 0};
-    std::memcpy(&n.bits, &v->v, 8);
-    return n;
+    const char* p = reinterpret_cast<const char*>(v);
+    uint64_t w0, w1;
+    std::memcpy(&w0, p, 8);
+    std::memcpy(&w1, p + 8, 8);
+    return Num{int32_t(uint32_t(w0)), int64_t((w0 >> 32) | (w1 << 32))};
 }
 inline double AsDouble(const Num& n) {
     if (n.type == kInt) return double(n.bits);
@@ -84,13 +82,7 @@ inline double AsDouble(const Num& n) {
     return d;
 }
 // Into a slot that holds no block.
-inline void PutNum(CVar* v, const Num& n) {
-    v->type = n.type;
-    v->v.i = n.bits;
-    v->count = 0;
-    v->ref = 0;
-    v->spare = 0;
-}
+inline void PutNum(CVar* v, const Num& n) { PutBits(v, n.type, uint64_t(n.bits)); }
 
 // Binary operator op on the numbers x, y into *out.  False for what the
 // module decides: other types, zero divisors, "\" and "%" with a Dbl side.

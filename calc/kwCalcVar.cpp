@@ -16,14 +16,15 @@
 namespace kwz::calc {
 namespace {
 
-// Field by field: a memset of the packed 24 bytes compiles to "rep stos",
-// slow for so few bytes on every emptied value.
+// Three 8-byte words (as the interpreter writes values): a memset of the
+// packed 24 bytes compiles to "rep stos", slow for so few bytes on every
+// emptied value.
 inline void Zero(CVar* v) {
-    v->type = 0;
-    v->v.i = 0;
-    v->count = 0;
-    v->ref = 0;
-    v->spare = 0;
+    const uint64_t zero = 0;
+    char* p = reinterpret_cast<char*>(v);
+    std::memcpy(p, &zero, 8);
+    std::memcpy(p + 8, &zero, 8);
+    std::memcpy(p + 16, &zero, 8);
 }
 
 inline void SetArrPart(CVar* v, CVar* items, int32_t count, int32_t ref) {
