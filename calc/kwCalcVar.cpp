@@ -11,6 +11,7 @@
 
 #include "base/kwGuard.h"
 #include "base/kwMem.h"
+#include "calc/kwCalcFast.h"
 #include "calc/kwCalcVar.h"
 
 namespace kwz::calc {
@@ -180,16 +181,15 @@ void Move(CVar* d, CVar* s) {
     *d = taken;
 }
 
+// Written as the interpreter reads them (see kwCalcFast.h).
 void SetInt(CVar* v, int64_t i) {
     SetEmpty(v);
-    v->type = kInt;
-    v->v.i = i;
+    PutInt(v, i);
 }
 
 void SetDbl(CVar* v, double d) {
     SetEmpty(v);
-    v->type = kDbl;
-    v->v.d = d;
+    PutDbl(v, d);
 }
 
 int32_t SetStr(CVar* v, const char* bytes, int32_t length) {
