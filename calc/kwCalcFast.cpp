@@ -98,7 +98,7 @@ bool FastRun(const uint8_t* code, size_t* pcAt, CVar* frame, CVar** spAt, CVar* 
                     if (!Plain(to)) Clean(s, sp, to);
                     PutNum(to, r);
                     pc += 8;
-                    continue;
+                    goto statementEnd;
                 }
                 count(3);
                 PutNum(sp++, r);
@@ -110,7 +110,7 @@ bool FastRun(const uint8_t* code, size_t* pcAt, CVar* frame, CVar** spAt, CVar* 
                 if (!Plain(to)) Clean(s, sp, to);
                 CopyNum(to, var);
                 pc += 8;
-                continue;
+                goto statementEnd;
             }
             count(1);
             CopyNum(sp++, var);
@@ -233,6 +233,17 @@ bool FastRun(const uint8_t* code, size_t* pcAt, CVar* frame, CVar** spAt, CVar* 
                 continue;
             }
             goto leave;
+        }
+    statementEnd:
+        // The last statement of a loop body goes straight on to the jump
+        // back.
+        if (code[pc] == kOpJump && fits(1)) {
+            if (s->flags.load(std::memory_order_relaxed) & kStopBit) {
+                running = false;
+                goto leave;
+            }
+            count(1);
+            pc = Target(code, pc);
         }
     }
 leave:
