@@ -7,6 +7,7 @@
 
 #include "base/kwGuard.h"
 #include "calc/kwCalcEngine.h"
+#include "calc/kwCalcFast.h"
 #include "calc/kwCalcOps.h"
 #include "calc/kwCalcVar.h"
 
@@ -14,13 +15,6 @@ namespace kwz::calc {
 namespace {
 
 using ErrorHook = int32_t (*)(KWCalcStack*, int32_t position, int32_t status);
-
-template <typename T>
-T Load(const uint8_t* p) {
-    T v;
-    std::memcpy(&v, p, sizeof v);
-    return v;
-}
 
 // Empties slots [from, s->top) and makes `from` the top.
 void DropTo(KWCalcStack* s, int32_t from) {
@@ -182,187 +176,299 @@ int32_t IndexValue(KWCalcStack* s, int32_t n) {
     return st;
 }
 
-int32_t Run(KWCalcStack* s, KWCalcNameDef* entry) {
+// 252 exit and 253 end: "result" (the first local) goes to the frame's first
+// slot, the rest of the frame is emptied.
+int32_t Finish(KWCalcStack* s, int32_t params) {
+    CVar* const frame = s->slots + s->base;
+    CVar* const top = s->slots + s->top;
+    CVar* const res = frame + params;
+    if (res < top && Plain(res)) {
+        // Numbers need no freeing: the frame is emptied in place.
+        CVar result;
+        CopyNum(&result, res);
+        for (CVar* v = frame; v < top; ++v) {
+            if (Plain(v)) Wipe(v);
+            else SetEmpty(v);
+        }
+        CopyNum(frame, &result);
+        s->top = s->base + 1;
+        return kOk;
+    }
+    CVar result{};
+    Move(&result, res);
+    DropTo(s, s->base);
+    Move(&s->slots[s->top++], &result);
+    return kOk;
+}
+
+// The full interpreter, from pc with the frame set up by Run; `pending` is
+// the status of a call the fast loop made at pc (0: none).  The top lives in
+// `sp` while the loop runs; it is written back to the stack before anything
+// that reads it (SYNC) and read again after (RELOAD).  The stop bit is read
+// at entry, at jumps and after calls and the slow paths (anything that may
+// run host code): a loop cannot go round, nor host code be re-entered,
+// without passing one of them.
+int32_t Interpret(KWCalcStack* s, KWCalcNameDef* entry, size_t pc, int32_t floor, int32_t pending) {
+    using namespace kwz::calcl;
     const KWFunDef* f = static_cast<const KWFunDef*>(entry->data);
-    if (!f || !f->code) return kNotSupported;
     const int32_t params = f->paramCount;
-    // A call without arguments passed one empty value: a function without
-    // parameters starts its frame at it, so its "result" takes that slot.
-    if (params == 0) DropTo(s, s->base);
-    if (StackTest(s, f->stackNeed + params) != kOk) return kStackSmall;
     const int32_t base = s->base;
-    CVar* frame = s->slots + base;
-    // The locals end after the leading empties ("result" and the vars); a
-    // built-in that reads beyond its arguments (ldexp) must not reach them.
-    int32_t floor = base + params;
-    bool prologue = true;
+    CVar* const slots = s->slots;
+    CVar* const frame = slots + base;
+    CVar* const limit = slots + s->capacity;
     const int64_t maxSteps = s->calculator ? s->calculator->maxSteps : 0;
     const bool memory = s->calculator && s->calculator->maxMemory > 0;
+    const uint8_t* const code = f->code;
     std::vector<TryRecord> tries;
-    const uint8_t* code = f->code;
-    size_t pc = 0;
+    CVar* sp = slots + s->top;
+    // Without a memory rule the fast loop runs what it can; this loop runs
+    // the instruction it stops at.
+    const bool fast = !memory;
+#define SYNC() (s->top = int32_t(sp - slots))
+#define RELOAD() (sp = slots + s->top)
     for (;;) {
-        if (s->flags.load(std::memory_order_relaxed) & kStopBit) return kStopped;
-        if (maxSteps && ++s->steps > maxSteps) return kStepLimit;
+        // A call the fast loop made may have failed: its status is handled
+        // here, at its position.
+        int32_t st = pending;
+        pending = kOk;
+        if (st == kOk && fast && !FastRun(code, &pc, frame, &sp, limit, s, entry, floor, maxSteps, &st)) {
+            SYNC();
+            return kStopped;
+        }
+        if (st == kOk && maxSteps && ++s->steps > maxSteps) {  // (a failed call was counted)
+            SYNC();
+            return kStepLimit;
+        }
         const size_t at = pc;
         const uint8_t op = code[pc];
-        int32_t st = kOk;
-        if (prologue && op != kwz::calcl::kOpEmpty) prologue = false;
-        switch (op) {
-        case kwz::calcl::kOpLoadParam:
-        case kwz::calcl::kOpLoadLocal: {
+        if (st == kOk) switch (op) {
+        case kOpLoadParam:
+        case kOpLoadLocal: {
             const uint16_t i = Load<uint16_t>(code + pc + 1), n = Load<uint16_t>(code + pc + 3);
             pc += 5;
-            st = LoadVar(s, frame + i, n);
+            CVar* var = frame + i;
+            if (n == 0 && IsNumber(var) && sp < limit) {
+                CopyNum(sp++, var);
+                continue;
+            }
+            SYNC();
+            st = LoadVar(s, var, n);
+            RELOAD();
             break;
         }
-        case kwz::calcl::kOpStoreParam:
-        case kwz::calcl::kOpStoreLocal: {
+        case kOpStoreParam:
+        case kOpStoreLocal: {
             const uint16_t i = Load<uint16_t>(code + pc + 1), n = Load<uint16_t>(code + pc + 3);
             pc += 5;
-            st = StoreVar(s, frame + i, n);
+            CVar* var = frame + i;
+            CVar* value = sp - 1;
+            // "var = value;" stores and drops: an owned Str moves instead of
+            // being copied and dropped (no memory budget sees the moment
+            // between).
+            const bool dropNext = !memory && code[pc] == kOpCollapse && code[pc + 1] == 0 &&
+                                  code[pc + 2] == 0;
+            const bool number = n == 0 && IsNumber(value);
+            // Below, anything out of line may end in an exception (an object
+            // type's code): the stack's top is current before it.
+            SYNC();
+            if (number) {
+                if (!Plain(var)) SetEmpty(var);
+                CopyNum(var, value);
+            } else if (n == 0 && dropNext && value->type == kStr && value->ref == 0) {
+                Move(var, value);
+            } else {
+                st = StoreVar(s, var, n);
+                RELOAD();
+                if (st != kOk) break;
+            }
+            if (dropNext) {
+                if (maxSteps && ++s->steps > maxSteps) {
+                    SYNC();
+                    return kStepLimit;
+                }
+                pc += 3;
+                --sp;
+                if (Plain(sp)) Wipe(sp);
+                else SetEmpty(sp);
+                break;
+            }
+            if (number) continue;
             break;
         }
-        case kwz::calcl::kOpEmpty:
+        case kOpEmpty:
             pc += 1;
-            if (s->top >= s->capacity) { st = kStackSmall; break; }
-            SetEmpty(&s->slots[s->top++]);
-            if (prologue) floor = s->top;
-            break;
-        case kwz::calcl::kOpInt:
-            if (s->top >= s->capacity) { st = kStackSmall; break; }
-            SetInt(&s->slots[s->top++], Load<int64_t>(code + pc + 1));
+            if (sp >= limit) { st = kStackSmall; break; }
+            Wipe(sp++);
+            continue;
+        case kOpInt:
+            if (sp >= limit) { st = kStackSmall; break; }
+            PutInt(sp++, Load<int64_t>(code + pc + 1));
             pc += 9;
-            break;
-        case kwz::calcl::kOpDbl:
-            if (s->top >= s->capacity) { st = kStackSmall; break; }
-            SetDbl(&s->slots[s->top++], Load<double>(code + pc + 1));
+            continue;
+        case kOpDbl:
+            if (sp >= limit) { st = kStackSmall; break; }
+            PutDbl(sp++, Load<double>(code + pc + 1));
             pc += 9;
-            break;
-        case kwz::calcl::kOpStr: {
+            continue;
+        case kOpStr: {
             const uint16_t n = Load<uint16_t>(code + pc + 1);
-            if (s->top >= s->capacity) { st = kStackSmall; break; }
-            st = SetStr(&s->slots[s->top++], reinterpret_cast<const char*>(code + pc + 3), n);
+            if (sp >= limit) { st = kStackSmall; break; }
+            SYNC();
+            st = SetStr(sp++, reinterpret_cast<const char*>(code + pc + 3), n);
             pc += 3 + size_t(n) + 1;
             break;
         }
-        case kwz::calcl::kOpCollapse: {
+        case kOpCollapse: {
             const uint16_t c = Load<uint16_t>(code + pc + 1);
             pc += 3;
+            SYNC();
             if (c == 0) {
-                DropTo(s, s->top - 1);
+                --sp;
+                if (Plain(sp)) Wipe(sp);
+                else SetEmpty(sp);
             } else {
                 CVar keep{};
-                Move(&keep, &s->slots[s->top - 1]);
+                Move(&keep, sp - 1);
+                SYNC();
                 DropTo(s, s->top - 1 - c);
-                Move(&s->slots[s->top++], &keep);
+                RELOAD();
+                Move(sp++, &keep);
             }
             break;
         }
-        case kwz::calcl::kOpDebug:
+        case kOpDebug:
             pc += 7;
-            break;
-        case kwz::calcl::kOpCall: {
+            continue;
+        case kOpCall: {
             const uint16_t i = Load<uint16_t>(code + pc + 1);
             pc += 3;
             KWCalcNameDef* callee = i < entry->externals.size() ? entry->externals[i] : nullptr;
             if (!callee) { st = kUnknownFun; break; }
+            SYNC();
             st = CallEntry(s, callee, callee->argc > 0 ? callee->argc : 1);
             if (st != kOk && s->top < floor) s->top = floor;  // never below the locals
+            RELOAD();
             break;
         }
-        case kwz::calcl::kOpJump:
+        case kOpJump:
+            if (s->flags.load(std::memory_order_relaxed) & kStopBit) {
+                SYNC();
+                return kStopped;
+            }
             pc = size_t(int64_t(pc + 1) + Load<int32_t>(code + pc + 1));
-            break;
-        case kwz::calcl::kOpAndTest:
-        case kwz::calcl::kOpOrTest:
-        case kwz::calcl::kOpJumpFalse: {
+            continue;
+        case kOpAndTest:
+        case kOpOrTest:
+        case kOpJumpFalse: {
             bool t = false;
-            st = Truth(&s->slots[s->top - 1], &t);
-            if (st != kOk) break;
-            const size_t next = pc + 5;
-            const bool jump = op == kwz::calcl::kOpOrTest ? t : !t;
-            if (op == kwz::calcl::kOpJumpFalse) DropTo(s, s->top - 1);
-            pc = jump ? size_t(int64_t(pc + 1) + Load<int32_t>(code + pc + 1)) : next;
+            SYNC();
+            if (Plain(sp - 1)) {
+                t = PlainTruth(sp - 1);
+            } else if ((st = Truth(sp - 1, &t)) != kOk) {
+                break;
+            }
+            const bool jump = op == kOpOrTest ? t : !t;
+            if (op == kOpJumpFalse) {
+                --sp;
+                if (Plain(sp)) Wipe(sp);
+                else SetEmpty(sp);
+            }
+            pc = jump ? size_t(int64_t(pc + 1) + Load<int32_t>(code + pc + 1)) : pc + 5;
             break;
         }
-        case kwz::calcl::kOpIndex: {
+        case kOpIndex: {
             const uint16_t n = Load<uint16_t>(code + pc + 1);
             pc += 3;
+            SYNC();
             st = IndexValue(s, n);
+            RELOAD();
             break;
         }
-        case kwz::calcl::kOpArray: {
+        case kOpArray: {
             const uint32_t n = Load<uint32_t>(code + pc + 1);
             pc += 5;
+            SYNC();
             if (n == 0) {
-                if (s->top >= s->capacity) { st = kStackSmall; break; }
-                st = SetArr(&s->slots[s->top++], 0);
+                if (sp >= limit) { st = kStackSmall; break; }
+                st = SetArr(sp++, 0);
             } else {
-                st = ArrCopy(&s->slots[s->top - int32_t(n)], int32_t(n));
-                if (st == kOk) s->top -= int32_t(n) - 1;
+                st = ArrCopy(sp - int32_t(n), int32_t(n));
+                if (st == kOk) sp -= int32_t(n) - 1;
             }
             break;
         }
-        case kwz::calcl::kOpTry:
-            tries.push_back(TryRecord{Load<uint32_t>(code + pc + 1), s->top, 0});
+        case kOpTry:
+            SYNC();
+            tries.push_back(TryRecord{Load<uint32_t>(code + pc + 1), int32_t(sp - slots), 0});
             pc += 5;
             break;
-        case kwz::calcl::kOpEndTry: {
+        case kOpEndTry: {
             pc += 1;
             const TryRecord r = tries.back();
             tries.pop_back();
+            SYNC();
             DropTo(s, r.top);
-            SetInt(&s->slots[s->top++], r.status);
+            RELOAD();
+            PutInt(sp++, r.status);
             break;
         }
-        case kwz::calcl::kOpExit:
-        case kwz::calcl::kOpEnd: {
-            CVar result{};
-            Move(&result, frame + params);
-            DropTo(s, base);
-            Move(&s->slots[s->top++], &result);
-            return kOk;
-        }
+        case kOpExit:
+        case kOpEnd:
+            SYNC();
+            return Finish(s, params);
         default:
             if (op >= 49 && op <= 90) {
                 pc += 1;
-                CVar* x = &s->slots[s->top - 2];
-                if (!IsUnary(op) && x[0].type == kInt && x[1].type == kInt && op <= 70 &&
-                    (op <= 51 || op >= 65)) {
-                    // Int with Int for + - * and the comparisons, without the
-                    // operator table: the same results, wrapping included.
-                    const int64_t a = x[0].v.i, b = x[1].v.i;
-                    switch (op) {
-                    case 49: x[0].v.i = int64_t(uint64_t(a) + uint64_t(b)); break;
-                    case 50: x[0].v.i = int64_t(uint64_t(a) - uint64_t(b)); break;
-                    case 51: x[0].v.i = int64_t(uint64_t(a) * uint64_t(b)); break;
-                    case 65: x[0].v.i = a == b; break;
-                    case 66: x[0].v.i = a != b; break;
-                    case 67: x[0].v.i = a < b; break;
-                    case 68: x[0].v.i = a <= b; break;
-                    case 69: x[0].v.i = a > b; break;
-                    default: x[0].v.i = a >= b; break;
+                if (op >= 81 && op <= 83) {  // unary
+                    CVar* x = sp - 1;
+                    if (op == 81 && x->type == kInt) {
+                        x->v.i = int64_t(0 - uint64_t(x->v.i));
+                        continue;
                     }
-                    x[1].type = kEmpty;
-                    s->top -= 1;
-                } else if (IsUnary(op))
-                    st = Operate(op, &s->slots[s->top - 1]);
-                else if ((st = Operate(op, &s->slots[s->top - 2])) == kOk)
-                    s->top -= 1;
+                    if (op == 81 && x->type == kDbl) {
+                        x->v.d = -x->v.d;
+                        continue;
+                    }
+                    SYNC();
+                    st = Operate(op, x);
+                    break;
+                }
+                CVar* x = sp - 2;
+                if (FastBinary(op, x)) {
+                    --sp;
+                    continue;
+                }
+                SYNC();
+                if ((st = Operate(op, x)) == kOk) --sp;
             } else if (op >= 97 && op <= 180) {
                 pc += 1;
+                if (op >= 113 && op <= 123 && sp - 1 >= frame && FastMath(op, sp - 1)) continue;
+                SYNC();
                 st = Builtin(s, op, floor);
+                RELOAD();
             } else {
                 st = kNotSupported;  // not an instruction: damaged code
             }
             break;
         }
-        if (st == kOk && memory && s->top > 0) {
-            const CVar* t = &s->slots[s->top - 1];
-            if ((t->type == kStr || t->type == kArr) && t->ref == 0) st = CheckMemory(s);
+        if (st == kOk) {
+            if (memory && sp > slots) {
+                const CVar* t = sp - 1;
+                if ((t->type == kStr || t->type == kArr) && t->ref == 0) {
+                    SYNC();
+                    st = CheckMemory(s);
+                }
+            }
+            if (st == kOk) {
+                // Host code (calls, object types) may have asked to stop.
+                if (s->flags.load(std::memory_order_relaxed) & kStopBit) {
+                    SYNC();
+                    return kStopped;
+                }
+                continue;
+            }
         }
-        if (st == kOk) continue;
+        SYNC();
         if (st == kStopped || IsBudget(st) || tries.empty()) {
             if (!IsBudget(st) && s->errorHook)
                 reinterpret_cast<ErrorHook>(s->errorHook)(s, int32_t(at), st);
@@ -371,8 +477,55 @@ int32_t Run(KWCalcStack* s, KWCalcNameDef* entry) {
         TryRecord& r = tries.back();
         r.status = st;
         DropTo(s, r.top);
+        RELOAD();
         pc = r.target;
+        if (s->flags.load(std::memory_order_relaxed) & kStopBit) return kStopped;
     }
+#undef SYNC
+#undef RELOAD
+}
+
+// KWFunProc: sets up the frame, runs the fast loop and finishes there when
+// it reaches the end; anything else goes on in the full loop.
+int32_t Run(KWCalcStack* s, KWCalcNameDef* entry) {
+    using namespace kwz::calcl;
+    const KWFunDef* f = static_cast<const KWFunDef*>(entry->data);
+    if (!f || !f->code) return kNotSupported;
+    const int32_t params = f->paramCount;
+    // A call without arguments passed one empty value: a function without
+    // parameters starts its frame at it, so its "result" takes that slot.
+    if (params == 0) DropTo(s, s->base);
+    if (!(f->stackNeed + params < s->capacity - s->top)) return kStackSmall;
+    if (s->flags.load(std::memory_order_relaxed) & kStopBit) return kStopped;
+    CVar* const slots = s->slots;
+    const int64_t maxSteps = s->calculator ? s->calculator->maxSteps : 0;
+    const uint8_t* const code = f->code;
+    size_t pc = 0;
+    // The prologue pushes "result" and the vars; the locals end after them,
+    // and a built-in that reads beyond its arguments (ldexp) must not reach them.
+    int32_t floor = s->base + params;
+    while (code[pc] == kOpEmpty) {
+        if (maxSteps && ++s->steps > maxSteps) return kStepLimit;
+        if (s->top >= s->capacity) {
+            if (s->errorHook) reinterpret_cast<ErrorHook>(s->errorHook)(s, int32_t(pc), kStackSmall);
+            return kStackSmall;
+        }
+        Wipe(&slots[s->top++]);  // above the top: nothing to free
+        floor = s->top;
+        ++pc;
+    }
+    if (s->calculator && s->calculator->maxMemory > 0) return Interpret(s, entry, pc, floor, kOk);
+    CVar* sp = slots + s->top;
+    int32_t st = kOk;
+    const bool running =
+        FastRun(code, &pc, slots + s->base, &sp, slots + s->capacity, s, entry, floor, maxSteps, &st);
+    s->top = int32_t(sp - slots);
+    if (!running) return kStopped;
+    if (st == kOk && (code[pc] == kOpEnd || code[pc] == kOpExit) && !(maxSteps && s->steps >= maxSteps)) {
+        if (maxSteps) ++s->steps;
+        return Finish(s, params);
+    }
+    return Interpret(s, entry, pc, floor, st);
 }
 
 }  // namespace

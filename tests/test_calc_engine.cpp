@@ -133,6 +133,13 @@ TEST(CalcEngine, Operators) {
         {"-7%3", 0, "i:-1"},
         {"7.5%2", 0, "d:1.5"},
         {"7%0", -43, ""},
+        {"(4611686018427387904*2)%-1", 0, "i:0"},
+        {"7%-1.0", 0, "d:0"},
+        {"7.0\\0.5", -43, ""},
+        {"1/0.0", -43, ""},
+        {"5/2.5", 0, "d:2"},
+        {"2<2.5", 0, "i:1"},
+        {"2.5>=3", 0, "i:0"},
         {"1==1", 0, "i:1"},
         {"1==1.0", 0, "i:1"},
         {"1!=2", 0, "i:1"},
@@ -389,6 +396,109 @@ TEST(CalcEngine, HostProtocolAndStack) {
     EXPECT_EQ(KWCalcFun1(s, e), 0);
     EXPECT_EQ(KWCalcStackPop(s, &out), 0);
     EXPECT_EQ(out.v.i + 0, 42);
+    KWCalcStackFree(s);
+}
+
+// The loop statements run as fused groups (load, load or literal, operator,
+// then jf or store and drop) in the fast loop, with and without an
+// instruction budget, and one by one in the full loop (under a memory
+// budget); every pairing must give what the same operator gives on two
+// pushed values, failures included.
+class CalcEngineFused : public testing::TestWithParam<int> {};
+
+TEST_P(CalcEngineFused, StatementsMatchSingleInstructions) {
+    const char* const operands[] = {"7", "0", "2.5", "0.0", "sqrt(-1)", "(4611686018427387904*2)", "-1",
+                                    "\"ab\""};
+    const char* const ops[] = {"+", "-", "*", "/", "\\", "%", "==", "!=", "<", "<=", ">", ">="};
+    Calc c;
+    // 0: no budget; 1: an instruction budget; 2: a memory budget.
+    ASSERT_EQ(KWCalcSetLimits(c.c, GetParam() == 1 ? 1000000000 : 0, GetParam() == 2 ? 1000000000 : 0, 0), 0);
+    auto check = [&](const char* call, int32_t wantSt, const CVar& want, const std::string& note) {
+        CVar v{};
+        const int32_t st = KWCalcFormula(call, &v, c.c, 0);
+        EXPECT_EQ(st, wantSt) << note << " " << call;
+        if (st == 0 && wantSt == 0) {
+            EXPECT_EQ(Show(&v), Show(&want)) << note << " " << call;
+        }
+        CVarSetEmpty(&v);
+    };
+    for (const char* a : operands)
+        for (const char* b : operands)
+            for (const char* op : ops) {
+                const std::string ab = std::string(a) + op + b;
+                // Reference: both operands computed, then the operator.
+                CVar want{};
+                const int32_t wantSt = KWCalcFormula(("(" + std::string(a) + ")" + op + "(" + b + ")").c_str(),
+                                                     &want, c.c, 0);
+                const std::string body = std::string("var x,y,r;x=") + a + ";y=" + b + ";";
+                const std::string scripts[] = {
+                    "f1(){" + body + "r=x" + op + "y;Result=r;}",
+                    "f2(p){" + body + "r=p" + op + "y;Result=r;}",
+                    "f3(){" + body + "if(x" + op + "y){Result=1;}else{Result=0;}}",
+                };
+                for (const std::string& text : scripts)
+                    ASSERT_EQ(KWCalcFunAddI(c.c, text.c_str(), nullptr, 0, 0), 0) << text;
+                check("f1()", wantSt, want, ab);
+                check((std::string("f2(") + a + ")").c_str(), wantSt, want, ab);
+                // A comparison's truth drives the branch.
+                if (op[0] == '=' || op[0] == '!' || op[0] == '<' || op[0] == '>') check("f3()", wantSt, want, ab);
+                CVarSetEmpty(&want);
+                for (const char* name : {"f1", "f2", "f3"}) EXPECT_EQ(KWCalcFunDel(c.c, name), 0);
+            }
+    // A number in a literal on the right, and the truth of a Dbl (truncated:
+    // 0.5 is false, NaN true).
+    const std::vector<Row> rows = {
+        {"lit(5)", 0, "[i:6,d:7.5,i:1,i:0]"},
+        {"truth(0.5)", 0, "i:0"},
+        {"truth(-1.0)", 0, "i:1"},
+        {"truth(sqrt(-1))", 0, "i:1"},
+        {"truth(null())", 0, "i:0"},
+    };
+    ASSERT_EQ(KWCalcFunAddI(c.c, "lit(x){var a,b,e,g;a=x+1;b=x+2.5;e=x==5;g=x<2;Result=[a,b,e,g];}", nullptr, 0, 0), 0);
+    ASSERT_EQ(KWCalcFunAddI(c.c, "truth(x){if(x){Result=1;}else{Result=0;}}", nullptr, 0, 0), 0);
+    RunRows(rows, c.c);
+}
+
+INSTANTIATE_TEST_SUITE_P(Budgets, CalcEngineFused, testing::Values(0, 1, 2));
+
+// The instruction budget counts every instruction, those of fused groups
+// too: sum(3) runs 17 + 15 * 3 instructions (prologue, two initialisations,
+// four per test, ten per body, one jump, the result and its end).  The
+// smallest budget that lets a call through is the same in the fast loop and
+// in the full loop (which a memory budget selects).
+TEST(CalcEngine, InstructionBudgetIsExact) {
+    Calc c;
+    ASSERT_EQ(KWCalcFunAddI(c.c, "sum(n){var i,s;i=0;s=0;while(i<n){i=i+1;s=s+i;}Result=s;}", nullptr, 0, 0), 0);
+    ASSERT_EQ(KWCalcFunAddI(c.c, "mix(n){var d;d=0.5;while(n>0){d=d*2-n/4;n=n-1;if(!(n%2)){d=-d;}}Result=d+fib(4);}",
+                            nullptr, 0, 0), 0);
+    KWCalcStack* s = nullptr;
+    ASSERT_EQ(KWCalcStackCreate(c.c, &s, 64), 0);
+    // The smallest budget that runs name(arg), and its result.
+    auto threshold = [&](const char* name, int64_t arg, int64_t memory, std::string* result) {
+        for (int64_t limit = 1; limit < 2000; ++limit) {
+            EXPECT_EQ(KWCalcSetLimits(c.c, limit, memory, 0), 0);
+            CVarSetInt(KWCalcStackPush(s), arg);
+            const int32_t st = KWCalcFun2(s, name);
+            if (st == 0) {
+                CVar out{};
+                EXPECT_EQ(KWCalcStackPop(s, &out), 0);
+                *result = Show(&out);
+                CVarSetEmpty(&out);
+                return limit;
+            }
+            EXPECT_EQ(st, -50) << name << " " << limit;
+            EXPECT_EQ(KWCalcStackPop(s, nullptr), -47) << name << " " << limit;
+        }
+        return int64_t(-1);
+    };
+    std::string fast, full;
+    EXPECT_EQ(threshold("sum", 3, 0, &fast), 62);
+    EXPECT_EQ(fast, "i:6");
+    EXPECT_EQ(threshold("sum", 3, 1 << 20, &full), 62);
+    const int64_t mixFast = threshold("mix", 5, 0, &fast);
+    EXPECT_GT(mixFast, 0);
+    EXPECT_EQ(threshold("mix", 5, 1 << 20, &full), mixFast);
+    EXPECT_EQ(fast, full);
     KWCalcStackFree(s);
 }
 
