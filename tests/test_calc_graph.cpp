@@ -79,6 +79,7 @@ const char* const kScripts[] = {
     "line(n){var g,i;g=CGraphNew();i=1;while(i<=n){CGraphAddNode(g,i);"
     "if(i>1){CGraphAddLink(g,i-1,i);}i=i+1;}Result=g;}",
     "grp(){var g;g=line(3);CGraphGroupAddNode(g,2,7);CGraphGroupAddNode(g,2,8);Result=g;}",
+    "docex(){var g;g=line(2);CGraphGroupAddNode(g,2,9);Result=g;}",
     "ring(){var g;g=line(4);CGraphAddNode(g,9);CGraphAddLink(g,9,1);CGraphAddLink(g,9,4);Result=g;}",
     "pair(){var g;g=CGraphNew();CGraphAddNode(g,2);CGraphAddNode(g,3);CGraphAddNode(g,7);"
     "CGraphAddLink(g,2,3);CGraphAddLink(g,3,7);Result=g;}",
@@ -534,6 +535,7 @@ TEST_F(calcGraph, BufferForm) {
         {"CGraphNew()", {24, kMagic, 0, 0, 0}},
         {"line(3)", {68, kMagic, 3, 3, 2, 1, 2, 3, 2, 2, 1, 2, 3, 1, 2, 0}},
         {"grp()", {84, kMagic, 3, 3, 2, 1, 2, 3, 2, 2, 1, 2, 3, 1, 2, 1, 3, 2, 8, 7}},
+        {"docex()", {60, kMagic, 2, 2, 1, 1, 2, 1, 1, 2, 1, 2, 2, 9}},  // doc/formats/graph-value.md
     };
     for (const FormRow& r : rows) {
         Val g;
@@ -550,7 +552,7 @@ TEST_F(calcGraph, BufferForm) {
         Val back;
         EXPECT_EQ(def->FromBuff(&back.v, out.data()), size) << r.script;
         std::string expected = Show(&g.v);
-        if (std::string(r.script) == "grp()") expected = "G(1,2,3|1-2,2-3|2:7,8)";
+        if (std::string(r.script) == "grp()") expected = "G(1,2,3|1-2,2-3|2:7,8)";  // members reversed
         EXPECT_EQ(Show(&back.v), expected) << r.script;
     }
     // Refusals: no source, a size below 20, another magic.
