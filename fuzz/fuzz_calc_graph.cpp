@@ -14,7 +14,8 @@
 namespace {
 
 constexpr int32_t kGraph = 30;
-constexpr uint32_t kMaxNodes = 2000;  // larger graphs are not combined further
+constexpr uint32_t kMaxNodes = 2000;   // larger graphs are not combined further
+constexpr int32_t kMaxImage = 1 << 14;  // larger values are not nested further
 
 void Check(bool ok) {
     if (!ok) std::abort();
@@ -168,11 +169,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         } else if (kind == 32) {
             if (x != y) CVarCopy(x, y);
         } else if (kind == 33) {
-            CVarCopyRef(x, y);
+            // A graph's reference copy shares the holder; a Str or Arr
+            // reference must not outlive what it aliases, so only graphs.
+            if (y->type == kGraph) CVarCopyRef(x, y);
         } else if (kind == 34) {
             CVar arr{};
             CVarSetArr(&arr, 2);
-            if (arr.count == 2 && Nodes(x) <= kMaxNodes && Nodes(y) <= kMaxNodes) {
+            const int32_t nx = CVarToBuff(x, nullptr, 0), ny = CVarToBuff(y, nullptr, 0);
+            if (arr.count == 2 && nx > 0 && ny > 0 && nx + ny <= kMaxImage) {
                 CVarCopy(&arr.v.a[0], x);
                 CVarCopy(&arr.v.a[1], y);
                 CVarMove(x, &arr);
