@@ -78,7 +78,7 @@ int32_t UndefFun(CVar*, const char*) { return kUnknownFun; }
 
 // --- names -------------------------------------------------------------------------
 
-// Property and method names are found as the type has always found them: the
+// Property and method names are found in two steps, which scripts rely on: the
 // first four letters (PropNameToInt) choose the candidates, which are then
 // compared whole, ignoring case.
 enum : int32_t { kNoPrefix = -2, kNoWhole = -1 };
@@ -300,8 +300,8 @@ int32_t OperNEq(CVar* a) { return Equality(a, false); }
 //   | g | g records: 1 + m, node id, m member ids | (one unwritten word) |
 //
 // Nodes and their half-links in list order, so each link appears twice.  The
-// size counts one word more than is written: readers have always been given
-// that size, and the word stays unwritten.
+// size counts one word more than is written: readers count that word in the
+// size they skip, so it is declared, and it stays unwritten.
 
 constexpr uint32_t kMagic = 0x12358D0;
 constexpr uint32_t kHead = 20;

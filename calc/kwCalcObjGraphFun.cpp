@@ -269,7 +269,7 @@ struct CalcFun {
 };
 
 // What every calculator gets.  CGraphAddLinkFirst and CGraphMoveLinkFirst
-// are exported but not among them, as scripts have always seen it.
+// are exported for hosts but not among them: scripts do not see them.
 const CalcFun kCalcFuns[] = {
     {"CGraphNew", 0, &InCalc<graphfn::New>},
     {"CGraphNodeCount", 1, &InCalc<graphfn::NodeCount>},
