@@ -875,6 +875,53 @@ KWZ_API KWCalcObjDef* IntSObjTypeReg(int32_t tag, KWCalcConst* constants);
 KWZ_API KWCalcObjDef* DblSObjTypeReg(int32_t tag, KWCalcConst* constants);
 KWZ_API KWCalcObjDef* StrSObjTypeReg(int32_t tag, KWCalcConst* constants);
 
+/* The graph object type "Graph": values that share one graph (TGraphItem)
+   among all their copies; the last copy freed destroys it.  Registers like
+   IntS; when constants is given it defines "itGraph", "stGraph", the property
+   numbers and names "ipGraph_<Prop>" / "spGraph_<Prop>" (1 NodeCount, 2 Nodes,
+   3 HasNode, 4 LinkCount, 5 HasLink, 6 NodeLinkCount, 7 NodeLinks, 8 HasGroup,
+   9 GroupNodes, 10 GroupHasNode; property 9 has no "sp" constant of its own)
+   and the method numbers and names "imGraph_<Method>" with "smGraph_AddNode",
+   "smGraph_DelNode" and "smXml_<Method>" for the others (1 AddNode, 2 DelNode,
+   3 RenameNode, 4 RenameGroup, 5 AddLink, 6 AddLinkFirst, 7 MoveLinkFirst,
+   8 DelLink, 9 GroupAddNode, 10 GroupDelNode).  Tag 0 also deletes "itXml"
+   and "stXml" from constants.  Result: the descriptor (owned by the library)
+   or NULL. */
+KWZ_API KWCalcObjDef* GraphObjTypeReg(int32_t tag, KWCalcConst* constants);
+/* The graph functions.  Argument 0 (KWCalcStackArg(stack, 0)) is the graph
+   and the result replaces it; identifiers are Ints (their low 32 bits).  0,
+   -44 a graph argument that is not a graph or an identifier that is not an
+   Int, -21 out of memory.  A missing node is no error: the answer is 0, or an
+   empty array for NodeLinks, GroupNodes, GroupHasNode, GroupAddNode and
+   GroupDelNode.  Calculators made after GraphObjTypeReg get all of them under
+   these names except CGraphAddLinkFirst and CGraphMoveLinkFirst. */
+KWZ_API int32_t CGraphNew(KWCalcStack* stack);           /* (): a new empty graph */
+KWZ_API int32_t CGraphNodeCount(KWCalcStack* stack);     /* (g): Int */
+KWZ_API int32_t CGraphNodes(KWCalcStack* stack);         /* (g): array of ids, node-list order */
+KWZ_API int32_t CGraphHasNode(KWCalcStack* stack);       /* (g, id): 1 or 0 */
+KWZ_API int32_t CGraphAddNode(KWCalcStack* stack);       /* (g, id): 1, made when absent */
+KWZ_API int32_t CGraphDelNode(KWCalcStack* stack);       /* (g, id): 1 */
+KWZ_API int32_t CGraphRenameNode(KWCalcStack* stack);    /* (g, id, new id): 1 or 0 */
+KWZ_API int32_t CGraphRenameGroup(KWCalcStack* stack);   /* (g, id, new id): 1 or 0 */
+KWZ_API int32_t CGraphLinkCount(KWCalcStack* stack);     /* (g): Int */
+KWZ_API int32_t CGraphHasLink(KWCalcStack* stack);       /* (g, a, b): 1 or 0 */
+KWZ_API int32_t CGraphAddLink(KWCalcStack* stack);       /* (g, a, b): 1 when both nodes exist */
+KWZ_API int32_t CGraphAddLinkFirst(KWCalcStack* stack);  /* (g, a, b): as AddLink, first in a's list */
+KWZ_API int32_t CGraphMoveLinkFirst(KWCalcStack* stack); /* (g, a, b): 1, 0 no such link */
+KWZ_API int32_t CGraphDelLink(KWCalcStack* stack);       /* (g, a, b): 1, 0 no such link */
+KWZ_API int32_t CGraphNodeLinkCount(KWCalcStack* stack); /* (g, id): Int */
+KWZ_API int32_t CGraphNodeLinks(KWCalcStack* stack);     /* (g, id): neighbours' ids */
+KWZ_API int32_t CGraphHasGroup(KWCalcStack* stack);      /* (g, id): 1 or 0 */
+KWZ_API int32_t CGraphGroupNodes(KWCalcStack* stack);    /* (g, id): members' ids */
+KWZ_API int32_t CGraphGroupHasNode(KWCalcStack* stack);  /* (g, id, member): 1 or 0 */
+KWZ_API int32_t CGraphGroupAddNode(KWCalcStack* stack);  /* (g, id, member): 1 */
+KWZ_API int32_t CGraphGroupDelNode(KWCalcStack* stack);  /* (g, id, member): 1 */
+/* (g, a, b): a new graph, the path found meeting from both ends; empty when
+   either node is missing. */
+KWZ_API int32_t CGraphBuildPath(KWCalcStack* stack);
+/* (g, seeds, barrier, border), all graphs: a new graph, GraphBuildBord. */
+KWZ_API int32_t CGraphBuildBord(KWCalcStack* stack);
+
 /* Constant tables: named values (names compare ignoring case), each set
    once: setting a name that already holds a value changes nothing and still
    succeeds.  Values and descriptions are copied.  0, -21 out of memory, -44

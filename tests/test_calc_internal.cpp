@@ -11,6 +11,7 @@
 #include <cstring>
 #include <vector>
 
+#include "calc/kwCalcObjGraph.h"
 #include "calc/kwCalcVar.h"
 #include "fault_harness.h"
 #include "test_calc_util.h"
@@ -338,4 +339,57 @@ TEST(calcInternal, ScalarObjectsUnderAllocationFailure) {
     for (int i = 0; i < 5; ++i) EXPECT_EQ(bad[i], 0) << "check " << i;
     IntSObjTypeReg(0, nullptr);
     StrSObjTypeReg(0, nullptr);
+}
+
+// Graph values when memory runs out: a script that builds, combines and reads
+// graphs ends in 0 with the full answer or in an out-of-memory code, a graph
+// image reads back whole or not at all, and no graph or holder leaks.
+TEST(calcInternal, GraphValuesUnderAllocationFailure) {
+    constexpr int32_t kGraph = 40;
+    ASSERT_NE(GraphObjTypeReg(kGraph, nullptr), nullptr);
+    KWCalcDef* calc = nullptr;
+    ASSERT_EQ(KWCalcCreate(&calc, nullptr, nullptr), 0);
+    ASSERT_EQ(KWCalcFunAddI(calc,
+                            "gf(){var a,b;a=CGraphNew();CGraphAddNode(a,1);CGraphAddNode(a,2);"
+                            "CGraphAddLink(a,1,2);CGraphGroupAddNode(a,2,9);b=a+a;"
+                            "Result=[CGraphNodeCount(b),CGraphBuildPath(b,1,2)==a,get(b,[7,1]),"
+                            "CGraphNodes(b-a),call(b,\"AddNode\",3),CGraphNodeCount(b)];}",
+                            nullptr, 0, 0),
+              0);
+    Val expected, graph;
+    ASSERT_EQ(KWCalcFormula("gf()", &expected.v, calc, 0), 0);
+    const SmallImage want(&expected.v);
+    ASSERT_GT(want.size, 0);
+    ASSERT_EQ(KWCalcFormula("CGraphBuildPath(gf(), 1, 2) + CGraphNew()", &graph.v, calc, 0), -44);
+    ASSERT_EQ(KWCalcFormula("new(\"Graph\", 0)", &graph.v, calc, 0), 0);
+    {
+        KWCalcStack* s = nullptr;
+        ASSERT_EQ(KWCalcStackCreate(calc, &s, 4), 0);
+        for (uint32_t id : {5u, 6u, 7u}) {
+            CVarCopy(KWCalcStackPush(s), &graph.v);
+            CVarSetInt(KWCalcStackPush(s), id);
+            ASSERT_EQ(CGraphAddNode(s), 0);
+            KWCalcStackClear(s);
+        }
+        KWCalcStackFree(s);
+    }
+    uint8_t image[256];
+    const int32_t size = CVarToBuff(&graph.v, image, int32_t(sizeof image));
+    ASSERT_EQ(size, 1 + 20 + 4 * 3 + 4);
+    int32_t bad[2] = {};
+    const int64_t failures = ForEachAllocationFailure([&](auto fired) {
+        Val result, back;
+        const int32_t f = KWCalcFormula("gf()", &result.v, calc, 0);
+        bad[0] += f == 0 ? !(SmallImage(&result.v) == want) : f != -21 && f != -41 && f != -1;
+        const int32_t n = CVarFromBuffN(&back.v, image, size);
+        // The nodes come back in reverse list order: compare as graphs.
+        const TGraphItem* got = kwz::calc::GraphOf(&back.v);
+        bad[1] += n == 0 ? back->type != 0 : n != size || !got || !(*got == *kwz::calc::GraphOf(&graph.v));
+        (void)fired;
+    });
+    EXPECT_GT(failures, 20);
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(bad[i], 0) << "check " << i;
+    CVarSetEmpty(&graph.v);
+    KWCalcDestroy(calc);
+    GraphObjTypeReg(0, nullptr);
 }

@@ -382,6 +382,14 @@ TEST(tool_Calc, CalcValuesAndLines) {
          "def spin() { while (1) {} }\nspin()\n:quit\n3\n", ""},
         {{"calc"}, 1, {}, {"kwz calc: error -2 at column 24: syntax error\n"}, "  def  f(a) { Result = ; }\n", ""},
         {{"calc"}, 1, {}, {"kwz calc: :nope: unknown command"}, ":nope\n", ""},
+        // The object types are there: graphs shared by variables, IntS, the constants.
+        {{"calc"}, 0, {}, {}, "g = CGraphNew()\nCGraphAddNode(g, 1) + CGraphAddNode(g, 2)\n"
+                              "CGraphAddLink(g, 1, 2)\nh = g\nCGraphDelLink(h, 2, 1)\nget(g, \"Nodes\")\n"
+                              "[get(g, 4), typename(g), IntS(5, 1) + 4294967297 == IntS(6, 1)]\n",
+         "<Graph>\n2\n1\n<Graph>\n1\n[2, 1]\n[0, \"Graph\", 1]\n"},
+        {{"calc"}, 0, {"Graph (tag 23): CGraphNew/0", "  ipGraph_GroupNodes       9\n  ipGraph_GroupHasNode",
+                       "  smXml_AddLink            \"AddLink\"\n", "  itIntS                   20\n"},
+         {}, ":help types\n"},
     };
     for (const Row& row : rows) Check(row, dir.path);
 }

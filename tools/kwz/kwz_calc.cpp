@@ -33,6 +33,40 @@ const char* const kBuiltins[] = {
 const char* const kReserved[] = {"result", "if", "elseif", "else", "while", "break", "continue",
                                  "exit", "var", "const", "def"};
 
+// The object types every session has, under the tags chosen here (below
+// 128, so that their values travel in value images), and the script
+// functions their registration gives each new calculator.
+struct ObjectType {
+    const char* name;
+    KWCalcObjDef* (*reg)(int32_t tag, KWCalcConst* constants);
+    int32_t tag;
+    std::vector<const char*> properties;
+    std::vector<const char*> methods;
+};
+const ObjectType kObjectTypes[] = {
+    {"IntS", IntSObjTypeReg, 20, {"Val", "Sign"}, {}},
+    {"DblS", DblSObjTypeReg, 21, {"Val", "Sign"}, {}},
+    {"StrS", StrSObjTypeReg, 22, {"Val", "Sign"}, {}},
+    {"Graph", GraphObjTypeReg, 23,
+     {"NodeCount", "Nodes", "HasNode", "LinkCount", "HasLink", "NodeLinkCount", "NodeLinks", "HasGroup",
+      "GroupNodes", "GroupHasNode"},
+     {"AddNode", "DelNode", "RenameNode", "RenameGroup", "AddLink", "AddLinkFirst", "MoveLinkFirst",
+      "DelLink", "GroupAddNode", "GroupDelNode"}},
+};
+struct TypeFunction {
+    const char* name;
+    int32_t params;
+};
+const TypeFunction kTypeFunctions[] = {
+    {"IntS", 2}, {"DblS", 2}, {"StrS", 2}, {"Val", 1}, {"Sign", 1},
+    {"CGraphNew", 0}, {"CGraphNodeCount", 1}, {"CGraphNodes", 1}, {"CGraphHasNode", 2},
+    {"CGraphAddNode", 2}, {"CGraphDelNode", 2}, {"CGraphRenameNode", 3}, {"CGraphRenameGroup", 3},
+    {"CGraphLinkCount", 1}, {"CGraphHasLink", 3}, {"CGraphAddLink", 3}, {"CGraphDelLink", 3},
+    {"CGraphNodeLinkCount", 2}, {"CGraphNodeLinks", 2}, {"CGraphHasGroup", 2}, {"CGraphGroupNodes", 2},
+    {"CGraphGroupHasNode", 3}, {"CGraphGroupAddNode", 3}, {"CGraphGroupDelNode", 3},
+    {"CGraphBuildPath", 3}, {"CGraphBuildBord", 4},
+};
+
 bool SameName(const std::string& a, const std::string& b) {
     if (a.size() != b.size()) return false;
     for (size_t i = 0; i < a.size(); ++i)
@@ -41,9 +75,17 @@ bool SameName(const std::string& a, const std::string& b) {
     return true;
 }
 
+// The argument count of a function the object types give, -1 for none.
+int32_t TypeFunctionParams(const std::string& name) {
+    for (const TypeFunction& f : kTypeFunctions)
+        if (SameName(name, f.name)) return f.params;
+    return -1;
+}
+
 bool IsReservedOrBuiltin(const std::string& name) {
     for (const char* b : kBuiltins)
         if (SameName(name, b)) return true;
+    if (TypeFunctionParams(name) >= 0) return true;
     for (const char* r : kReserved)
         if (SameName(name, r)) return true;
     return false;
@@ -287,6 +329,14 @@ Budget BudgetOf(const Call& call) {
 // ------------------------------------------------------------ the session
 
 CalcSession::CalcSession(const Budget& budget) : budget_(budget) {
+    // Types first: a calculator gets the functions of the types registered
+    // before it is made.
+    if (KWCalcConstCreate(&constants_, 64) != 0) {
+        Fail("calculator", "out of memory");
+        return;
+    }
+    for (const ObjectType& t : kObjectTypes)
+        if (!t.reg(t.tag, constants_)) Fail(t.name, "the type could not be registered");
     if (KWCalcCreate(&calc_, nullptr, nullptr) != 0 || KWCalcSetLimits(calc_, budget.steps, budget.memory, 0) != 0 ||
         KWCalcStackCreate(calc_, &stack_, kStackSlots) != 0) {
         Fail("calculator", "out of memory");
@@ -299,6 +349,8 @@ CalcSession::~CalcSession() {
     for (Variable& v : variables_) CVarSetEmpty(&v.value);
     KWCalcStackFree(stack_);
     KWCalcDestroy(calc_);
+    for (const ObjectType& t : kObjectTypes) t.reg(0, nullptr);
+    KWCalcConstDestroy(constants_);
 }
 
 CalcSession::Function* CalcSession::FindFunction(const std::string& name) {
@@ -315,6 +367,7 @@ std::vector<std::string> CalcSession::Names() const {
     std::vector<std::string> names(std::begin(kBuiltins), std::end(kBuiltins));
     for (const Function& f : functions_) names.push_back(f.name);
     for (const Variable& v : variables_) names.push_back(v.name);
+    for (const TypeFunction& f : kTypeFunctions) names.push_back(f.name);
     for (const char* c : {":vars", ":funcs", ":help", ":quit", "def"}) names.push_back(c);
     return names;
 }
@@ -331,6 +384,10 @@ CalcSession::Outcome CalcSession::Line(const std::string& line) {
         ShowFunctions();
         return Outcome::kDone;
     }
+    if (text == ":help types") {
+        ShowTypes();
+        return Outcome::kDone;
+    }
     if (text == ":help") {
         std::printf(
             "EXPR                       evaluate an expression (x = EXPR keeps x for later lines)\n"
@@ -338,6 +395,7 @@ CalcSession::Outcome CalcSession::Line(const std::string& line) {
             ":vars                      the variables and their values\n"
             ":funcs                     the functions of the session\n"
             ":help                      this text\n"
+            ":help types                the object types, their functions and constants\n"
             ":quit                      leave (so does end of input)\n"
             "operators: + - * / \\ %% == != < <= > >= && || ! & | ^ ~ << >> [i] (a, b)\n"
             "Tab completes built-in names, functions and variables.\n");
@@ -353,6 +411,36 @@ CalcSession::Outcome CalcSession::Line(const std::string& line) {
         return Define(definition, line.rfind(definition));
     }
     return Evaluate(text);
+}
+
+// Each type with its tag, then its constants as the registration defined
+// them (names the table lacks, such as "spGraph_GroupNodes", are skipped).
+void CalcSession::ShowTypes() const {
+    for (const ObjectType& t : kObjectTypes) {
+        std::printf("%s (tag %d):", t.name, t.tag);
+        for (const TypeFunction& f : kTypeFunctions)
+            if (std::strncmp(f.name, t.name, std::strlen(t.name)) == 0 ||
+                (std::strncmp(f.name, "CGraph", 6) == 0 && std::strcmp(t.name, "Graph") == 0))
+                std::printf(" %s/%d", f.name, f.params);
+        std::printf("\n");
+        std::vector<std::string> names = {std::string("it") + t.name, std::string("st") + t.name};
+        for (const char* p : t.properties) {
+            names.push_back(std::string("ip") + t.name + "_" + p);
+            names.push_back(std::string("sp") + t.name + "_" + p);
+        }
+        for (const char* m : t.methods) {
+            names.push_back(std::string("im") + t.name + "_" + m);
+            names.push_back(std::string("sm") + t.name + "_" + m);
+            names.push_back(std::string("smXml_") + m);
+        }
+        for (const std::string& n : names) {
+            CVar* value = nullptr;
+            if (KWCalcConstGet(constants_, n.c_str(), &value) == 1 && value)
+                std::printf("  %-24s %s\n", n.c_str(), ValueText(*value, false).c_str());
+        }
+    }
+    std::printf("Val/1 and Sign/1 read the value and sign of IntS, DblS and StrS.\n"
+                "Properties: get(g, 1) or get(g, \"Nodes\"); methods: call(g, 1, id) or call(g, \"AddNode\", id).\n");
 }
 
 void CalcSession::ShowVariables() const {
@@ -372,6 +460,7 @@ bool CalcSession::CheckCalls(const KWFunDef& f, const std::string& text) const {
         const std::string name = ext[i].name;
         const Function* callee = FindFunction(name);
         if (callee && callee->params == ext[i].argCount) continue;
+        if (!callee && TypeFunctionParams(name) == ext[i].argCount) continue;
         // Point at the first call of the name in the text.
         size_t at = 0;
         for (size_t p = text.find(name); p != std::string::npos; p = text.find(name, p + 1)) {
@@ -575,6 +664,7 @@ bool CalcSession::AddSource(const std::string& label, const std::string& source)
         std::string problem;
         for (int32_t i = 0; i < f->externCount && problem.empty(); ++i) {
             const Function* callee = FindFunction(ext[i].name);
+            if (!callee && TypeFunctionParams(ext[i].name) == ext[i].argCount) continue;
             if (!callee)
                 problem = std::string("calls ") + ext[i].name + ", which the script does not define";
             else if (callee->params != ext[i].argCount)

@@ -50,7 +50,9 @@ struct Budget {
 Budget BudgetOf(const Call& call);
 
 // A calculator with its functions and variables.  Lines are expressions,
-// "def NAME(PARAMS) { BODY }" or the commands :vars, :funcs, :help, :quit.
+// "def NAME(PARAMS) { BODY }" or the commands :vars, :funcs, :help, :help
+// types, :quit.  The object types IntS, DblS, StrS and Graph are registered
+// for the session's life.
 // Results go to standard output, failures to standard error in the tool's
 // one style.
 class CalcSession {
@@ -92,6 +94,7 @@ private:
     // text is the definition after "def", starting at byte column0 of the line.
     Outcome Define(const std::string& text, size_t column0);
     Outcome Evaluate(const std::string& text);
+    void ShowTypes() const;
     void ShowVariables() const;
     void ShowFunctions() const;
     // Adds (or replaces) a function whose text compiles; false after the message.
@@ -105,6 +108,7 @@ private:
     Function* FindFunction(const std::string& name);
     const Function* FindFunction(const std::string& name) const;
 
+    KWCalcConst* constants_ = nullptr;  // the object types' constants
     KWCalcDef* calc_ = nullptr;
     KWCalcStack* stack_ = nullptr;
     Budget budget_;
