@@ -113,7 +113,12 @@ private:
         const int32_t need = def->ToBuff(v, nullptr, 0);
         if (need <= 0 || !Room(1 + size_t(need))) return false;
         Byte(uint8_t(v->type));
-        if (!measure_ && def->ToBuff(v, buf_ + pos_, need) != need) return false;
+        if (!measure_) {
+            // A body may leave bytes unwritten (the graph form's last word):
+            // they read as zero, never as what the buffer held before.
+            std::memset(buf_ + pos_, 0, size_t(need));
+            if (def->ToBuff(v, buf_ + pos_, need) != need) return false;
+        }
         pos_ += size_t(need);
         return true;
     }
