@@ -110,7 +110,7 @@ int32_t FunAddI(KWCalcDef* calc, const char* text, KWCalcNameDef** entry, int32_
     if (entry) *entry = nullptr;
     if (!calc || !text) return kNotSupported;
     KWFunDef* f = nullptr;
-    const int32_t code = kwz::calcl::FunCompile(text, &f, debug, nullptr);
+    const int32_t code = kwz::calcl::FunCompile(text, &f, debug, calc->constants);
     if (code != 0) {
         kwz::calcl::FunFree(f);
         return code;

@@ -32,6 +32,7 @@ struct KWCalcDef {
     int64_t maxSteps = 0;         // 0: none
     int64_t maxMemory = 0;        // 0: none
     int32_t maxDepth = 0;         // 0: the default
+    KWCalcConst* constants = nullptr;  // the host's table for KWCalcFunAddI/Formula, not owned
 };
 
 namespace kwz::calc {

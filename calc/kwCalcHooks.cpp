@@ -1,6 +1,7 @@
 // What a host installs to watch or steer runs: the stop request, the debug
-// and error hooks of a stack, and the calculator's call hook with the
-// per-entry flag that routes calls through it.  The engine reads them.
+// and error hooks of a stack, the calculator's call hook with the per-entry
+// flag that routes calls through it, and the constant table its compiles
+// see.  The engine reads them.
 #include "base/kwGuard.h"
 #include "calc/kwCalcEngine.h"
 #include "calc/kwCalcStack.h"
@@ -37,6 +38,12 @@ KWZ_API void KWCalcStackSetHooks(KWCalcStack* stack, KWCalcFn debugHook,
 KWZ_API void KWCalcSetCallHook(KWCalcDef* calculator, KWCalcFn hook) {
     kwz::CEdgeVoid("Kwz.kwCalc.KWCalcSetCallHook", [&] {
         if (calculator) calculator->callHook = hook;
+    });
+}
+
+KWZ_API void KWCalcSetConstants(KWCalcDef* calculator, KWCalcConst* constants) {
+    kwz::CEdgeVoid("Kwz.kwCalc.KWCalcSetConstants", [&] {
+        if (calculator) calculator->constants = constants;
     });
 }
 

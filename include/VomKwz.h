@@ -1077,6 +1077,11 @@ KWZ_API void KWCalcStackSetHooks(KWCalcStack* stack, KWCalcFn debugHook,
    entry's frame and data (KWCalcStackData; a compiled function's is its
    KWFunDef) and may run a compiled entry's own code with KWFunProc. */
 KWZ_API void KWCalcSetCallHook(KWCalcDef* calculator, KWCalcFn hook);
+/* The constant table that KWCalcFunAddI and KWCalcFormula compile against
+   (the caller's table of KWFunCompile), e.g. the one object types registered
+   their constants in; NULL, the default, for none.  Not copied and not owned:
+   it must outlive the calculator's compiles. */
+KWZ_API void KWCalcSetConstants(KWCalcDef* calculator, KWCalcConst* constants);
 /* Sets (on non-zero) or clears the hook flag of a name: 0, -45 unknown name,
    -44 NULL argument.  Flags start cleared. */
 KWZ_API int32_t KWCalcFunSetHook(KWCalcDef* calculator, const char* name, int32_t on);

@@ -364,7 +364,20 @@ TEST(CalcEngine, NameTable) {
     EXPECT_EQ(KWCalcFunAdd(c, "host", 1, &HostFail, nullptr, nullptr), 0);
     EXPECT_EQ(KWCalcFormula("g(1)", &v, c, 0), -45);
     EXPECT_EQ(KWCalcFunDel(c, "g"), 0);
+    // The calculator's constant table: a name unknown without it, a value with it.
+    KWCalcConst* table = nullptr;
+    ASSERT_EQ(KWCalcConstCreate(&table, 4), 0);
+    ASSERT_EQ(KWCalcConstInt(table, "Answer", 42, nullptr), 0);
+    EXPECT_EQ(KWCalcFormula("answer + 1", &v, c, 0), -45);
+    KWCalcSetConstants(c, table);
+    ASSERT_EQ(KWCalcFormula("answer + 1", &v, c, 0), 0);
+    EXPECT_EQ(v.type, 1);
+    EXPECT_EQ(v.v.i, 43);
+    ASSERT_EQ(KWCalcFunAddI(c, "k(){Result=ANSWER;}", nullptr, 0, 0), 0);
+    EXPECT_EQ(KWCalcFormula("k()", &v, c, 0), 0);
+    EXPECT_EQ(v.v.i, 42);
     KWCalcDestroy(c);
+    KWCalcConstDestroy(table);
 }
 
 TEST(CalcEngine, HostProtocolAndStack) {

@@ -387,6 +387,7 @@ TEST(tool_Calc, CalcValuesAndLines) {
                               "CGraphAddLink(g, 1, 2)\nh = g\nCGraphDelLink(h, 2, 1)\nget(g, \"Nodes\")\n"
                               "[get(g, 4), typename(g), IntS(5, 1) + 4294967297 == IntS(6, 1)]\n",
          "<Graph>\n2\n1\n<Graph>\n1\n[2, 1]\n[0, \"Graph\", 1]\n"},
+        {{"calc", "[itGraph, itIntS, spGraph_NodeCount]"}, 0, {}, {}, "", "[23, 20, \"NodeCount\"]\n"},
         {{"calc"}, 0, {"Graph (tag 23): CGraphNew/0", "  ipGraph_GroupNodes       9\n  ipGraph_GroupHasNode",
                        "  smXml_AddLink            \"AddLink\"\n", "  itIntS                   20\n"},
          {}, ":help types\n"},

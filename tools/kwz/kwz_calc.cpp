@@ -342,6 +342,8 @@ CalcSession::CalcSession(const Budget& budget) : budget_(budget) {
         Fail("calculator", "out of memory");
         return;
     }
+    // Lines and files see the types' constants (itGraph, spGraph_NodeCount...).
+    KWCalcSetConstants(calc_, constants_);
     KWCalcStackSetHooks(stack_, nullptr, &NoteFailure);
 }
 
@@ -482,7 +484,7 @@ bool CalcSession::CheckCalls(const KWFunDef& f, const std::string& text) const {
 
 CalcSession::Outcome CalcSession::Define(const std::string& text, size_t column0) {
     KWFunDef* f = nullptr;
-    const int32_t rc = KWFunCompile(text.c_str(), &f, 0, nullptr);
+    const int32_t rc = KWFunCompile(text.c_str(), &f, 0, constants_);
     if (!f) {
         Fail("def", "out of memory");
         return Outcome::kFailed;
@@ -582,7 +584,7 @@ CalcSession::Outcome CalcSession::Evaluate(const std::string& text) {
     head += "){Result=[(";
     const std::string source = head + text + tail + "];}";
     KWFunDef* f = nullptr;
-    const int32_t rc = KWFunCompile(source.c_str(), &f, 0, nullptr);
+    const int32_t rc = KWFunCompile(source.c_str(), &f, 0, constants_);
     if (!f) {
         Fail("calculator", "out of memory");
         return Outcome::kFailed;
@@ -632,7 +634,7 @@ bool CalcSession::AddSource(const std::string& label, const std::string& source)
         const size_t end = FunctionEnd(source, at);
         const std::string text = source.substr(at, end - at);
         KWFunDef* f = nullptr;
-        const int32_t rc = KWFunCompile(text.c_str(), &f, 0, nullptr);
+        const int32_t rc = KWFunCompile(text.c_str(), &f, 0, constants_);
         if (!f) {
             Fail(label, "out of memory");
             return false;
@@ -656,7 +658,7 @@ bool CalcSession::AddSource(const std::string& label, const std::string& source)
     // Every name called must be defined in the file, with as many arguments.
     for (const Function& fn : functions_) {
         KWFunDef* f = nullptr;
-        if (KWFunCompile(fn.text.c_str(), &f, 0, nullptr) != 0) {
+        if (KWFunCompile(fn.text.c_str(), &f, 0, constants_) != 0) {
             KWFunFree(f);
             continue;  // it compiled before
         }
