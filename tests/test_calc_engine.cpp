@@ -372,10 +372,10 @@ TEST(CalcEngine, NameTable) {
     KWCalcSetConstants(c, table);
     ASSERT_EQ(KWCalcFormula("answer + 1", &v, c, 0), 0);
     EXPECT_EQ(v.type, 1);
-    EXPECT_EQ(v.v.i, 43);
+    EXPECT_EQ(int64_t{v.v.i}, 43);  // a copy: the packed field is misaligned
     ASSERT_EQ(KWCalcFunAddI(c, "k(){Result=ANSWER;}", nullptr, 0, 0), 0);
     EXPECT_EQ(KWCalcFormula("k()", &v, c, 0), 0);
-    EXPECT_EQ(v.v.i, 42);
+    EXPECT_EQ(int64_t{v.v.i}, 42);
     KWCalcDestroy(c);
     KWCalcConstDestroy(table);
 }
