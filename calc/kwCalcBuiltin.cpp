@@ -72,20 +72,8 @@ int32_t Math(int32_t code, CVar* a) {
     const char* name = kNames[code - 113];
     if (IsObjTag(a->type)) return ObjectFun(a, name);
     if (const int32_t st = Number(a, name); st != kOk) return st;
-    const double x = AsDbl(a);
-    double r;
-    switch (code) {
-    case 113: r = std::sin(x); break;
-    case 114: r = std::cos(x); break;
-    case 115: r = std::tan(x); break;
-    case 116: r = std::asin(x); break;
-    case 117: r = std::acos(x); break;
-    case 118: r = std::atan(x); break;
-    case 119: r = std::exp(x); break;
-    case 121: r = std::log(x); break;
-    case 122: r = std::log10(x); break;
-    default: r = std::sqrt(x); break;
-    }
+    double r = 0;
+    if (!MathOne(uint8_t(code), AsDbl(a), r)) r = std::sqrt(AsDbl(a));
     SetDbl(a, r);
     return kOk;
 }

@@ -4,6 +4,7 @@
 
 #include <VomKwz.h>
 
+#include <cmath>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -92,6 +93,24 @@ int32_t Truth(const CVar* v, bool* out);
 int32_t Builtin(KWCalcStack* s, int32_t code, int32_t floor);
 // round(x, n): x rounded to n decimal digits (n < 0: to tens, hundreds, ...).
 double RoundDigits(double x, int64_t n);
+
+// The one-argument math built-ins (codes 113..123 but ldexp, 120): r is
+// op(x); false for any other code.
+inline bool MathOne(uint8_t op, double x, double& r) {
+    switch (op) {
+    case 113: r = std::sin(x); return true;
+    case 114: r = std::cos(x); return true;
+    case 115: r = std::tan(x); return true;
+    case 116: r = std::asin(x); return true;
+    case 117: r = std::acos(x); return true;
+    case 118: r = std::atan(x); return true;
+    case 119: r = std::exp(x); return true;
+    case 121: r = std::log(x); return true;
+    case 122: r = std::log10(x); return true;
+    case 123: r = std::sqrt(x); return true;
+    default: return false;
+    }
+}
 // The time built-ins 161..175 on their arguments a[0..] (kwCalcTime.cpp).
 int32_t TimeBuiltin(int32_t code, CVar* a);
 // printf(a[0] format, a[1] values) and scanf(a[0] text, a[1] format) (kwCalcFormat.cpp).

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "calc/kwCalcEngine.h"
 #include "calc/kwCalcStack.h"
 #include "calc/kwCalcVar.h"
 
@@ -175,21 +176,8 @@ inline bool PlainTruth(const CVar* v) {
 // The one-argument math built-ins (sin .. sqrt but ldexp) on a number.
 inline bool FastMath(uint8_t op, CVar* a) {
     if (!IsNumber(a)) return false;
-    const double x = NumDbl(a);
     double r;
-    switch (op) {
-    case 113: r = std::sin(x); break;
-    case 114: r = std::cos(x); break;
-    case 115: r = std::tan(x); break;
-    case 116: r = std::asin(x); break;
-    case 117: r = std::acos(x); break;
-    case 118: r = std::atan(x); break;
-    case 119: r = std::exp(x); break;
-    case 121: r = std::log(x); break;
-    case 122: r = std::log10(x); break;
-    case 123: r = std::sqrt(x); break;
-    default: return false;
-    }
+    if (!MathOne(op, NumDbl(a), r)) return false;
     PutDbl(a, r);
     return true;
 }
