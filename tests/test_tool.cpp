@@ -23,7 +23,9 @@
 
 namespace {
 
+using kwztest::ReadFile;
 using kwztest::RunTool;
+using kwztest::ScratchDir;
 using kwztest::ToolProcess;
 using kwztest::ToolResult;
 using Args = std::vector<std::string>;
@@ -32,11 +34,6 @@ const std::string kTool = KWZ_TOOL;
 
 #define NEED_TOOL() \
     if (kTool.empty()) GTEST_SKIP() << "the kwz tool is not built (KWZ_BUILD_TOOLS=OFF)"
-
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
 
 void WriteFile(const std::string& path, const std::string& bytes) {
     std::ofstream(path, std::ios::binary) << bytes;
@@ -47,19 +44,6 @@ std::string Shown(const Args& args) {
     for (const auto& a : args) s += " " + a;
     return s;
 }
-
-// A scratch directory, removed with its files at the end.
-struct ScratchDir {
-    std::string path;
-    ScratchDir() {
-        char name[] = "/tmp/kwz_tool_XXXXXX";
-        path = ::mkdtemp(name) ? name : "";
-    }
-    ~ScratchDir() {
-        if (!path.empty()) std::system(("rm -rf '" + path + "'").c_str());
-    }
-    std::string operator/(const std::string& file) const { return path + "/" + file; }
-};
 
 // One call of the tool and what it must show: the exit code, texts its
 // standard output and its standard error contain, and (outIs) the whole

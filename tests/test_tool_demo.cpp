@@ -18,7 +18,9 @@
 
 namespace {
 
+using kwztest::ReadFile;
 using kwztest::RunTool;
+using kwztest::ScratchDir;
 using kwztest::ToolProcess;
 using kwztest::ToolResult;
 using Args = std::vector<std::string>;
@@ -27,23 +29,6 @@ const std::string kTool = KWZ_TOOL;
 
 #define NEED_TOOL() \
     if (kTool.empty()) GTEST_SKIP() << "the kwz tool is not built (KWZ_BUILD_TOOLS=OFF)"
-
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-struct ScratchDir {
-    std::string path;
-    ScratchDir() {
-        char name[] = "/tmp/kwz_demo_XXXXXX";
-        path = ::mkdtemp(name) ? name : "";
-    }
-    ~ScratchDir() {
-        if (!path.empty()) std::system(("rm -rf '" + path + "'").c_str());
-    }
-    std::string operator/(const std::string& file) const { return path + "/" + file; }
-};
 
 // The 32 characters after "hash " on the answer line, "" when absent.
 std::string AnswerHash(const std::string& out) {

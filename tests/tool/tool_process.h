@@ -10,6 +10,9 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -129,5 +132,26 @@ inline ToolResult RunTool(const std::string& tool, const std::vector<std::string
     ToolProcess p(tool, args, cwd, input);
     return p.Finish(0, timeoutMs);
 }
+
+// The whole content of a file, "" when it cannot be read.
+inline std::string ReadFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// A scratch directory, removed with its files at the end.
+struct ScratchDir {
+    std::string path;
+    ScratchDir() {
+        char name[] = "/tmp/kwz_tool_XXXXXX";
+        path = ::mkdtemp(name) ? name : "";
+    }
+    ~ScratchDir() {
+        if (!path.empty()) std::system(("rm -rf '" + path + "'").c_str());
+    }
+    ScratchDir(const ScratchDir&) = delete;
+    ScratchDir& operator=(const ScratchDir&) = delete;
+    std::string operator/(const std::string& file) const { return path + "/" + file; }
+};
 
 }  // namespace kwztest
