@@ -239,7 +239,7 @@ int32_t Make(KWCalcStack* s) {
 
 void CalcCreate(KWCalcDef* calc) {
     FunAdd(calc, "DblS", 2, &Make, nullptr, nullptr);
-    AddShared(calc, &DblSVal, &DblSSign);
+    AddShared(calc, &NumSVal, &NumSSign);
 }
 
 constexpr KWCalcObjDef MakeDef() {
@@ -272,26 +272,6 @@ constexpr KWCalcObjDef MakeDef() {
 KWCalcObjDef g_def = MakeDef();
 
 }  // namespace
-
-int32_t DblSVal(KWCalcStack* s) {
-    CVar* v = StackArg(s, 0);
-    if (!v) return kNotSupported;
-    switch (KindOf(v)) {
-    case kKDblS: SetDbl(v, v->v.d); return kOk;
-    case kKIntS: return IntSVal(s);
-    default: return kNotSupported;
-    }
-}
-
-int32_t DblSSign(KWCalcStack* s) {
-    CVar* v = StackArg(s, 0);
-    if (!v) return kNotSupported;
-    switch (KindOf(v)) {
-    case kKDblS: SetInt(v, v->count); return kOk;
-    case kKIntS: return IntSSign(s);
-    default: return kNotSupported;
-    }
-}
 
 }  // namespace kwz::calc
 

@@ -261,7 +261,7 @@ int32_t Make(KWCalcStack* s) {
 
 void CalcCreate(KWCalcDef* calc) {
     FunAdd(calc, "IntS", 2, &Make, nullptr, nullptr);
-    AddShared(calc, &IntSVal, &IntSSign);
+    AddShared(calc, &NumSVal, &NumSSign);
 }
 
 constexpr KWCalcObjDef MakeDef() {
@@ -303,26 +303,6 @@ constexpr KWCalcObjDef MakeDef() {
 KWCalcObjDef g_def = MakeDef();
 
 }  // namespace
-
-int32_t IntSVal(KWCalcStack* s) {
-    CVar* v = StackArg(s, 0);
-    if (!v) return kNotSupported;
-    switch (KindOf(v)) {
-    case kKIntS: SetInt(v, v->v.i); return kOk;
-    case kKDblS: return DblSVal(s);
-    default: return kNotSupported;
-    }
-}
-
-int32_t IntSSign(KWCalcStack* s) {
-    CVar* v = StackArg(s, 0);
-    if (!v) return kNotSupported;
-    switch (KindOf(v)) {
-    case kKIntS: SetInt(v, v->count); return kOk;
-    case kKDblS: return DblSSign(s);
-    default: return kNotSupported;
-    }
-}
 
 }  // namespace kwz::calc
 

@@ -322,6 +322,26 @@ void AddShared(KWCalcDef* calc, KWCalcFn val, KWCalcFn sign) {
     if (!NameFind(calc, kPropNames[1], nullptr)) FunAdd(calc, kPropNames[1], 1, sign, nullptr, nullptr);
 }
 
+int32_t NumSVal(KWCalcStack* s) {
+    CVar* v = StackArg(s, 0);
+    if (!v) return kNotSupported;
+    switch (KindOf(v)) {
+    case kKIntS: SetInt(v, v->v.i); return kOk;
+    case kKDblS: SetDbl(v, v->v.d); return kOk;
+    default: return kNotSupported;
+    }
+}
+
+int32_t NumSSign(KWCalcStack* s) {
+    CVar* v = StackArg(s, 0);
+    if (!v) return kNotSupported;
+    switch (KindOf(v)) {
+    case kKIntS:
+    case kKDblS: SetInt(v, v->count); return kOk;
+    default: return kNotSupported;
+    }
+}
+
 KWCalcObjDef* RegisterS(KWCalcObjDef* def, int32_t* tag, int32_t wanted, KWCalcConst* constants) {
     const ObjTypeInfo info{def, tag, kPropNames, 2};
     return RegisterObjType(info, wanted, constants);

@@ -142,11 +142,9 @@ void AddShared(KWCalcDef* calc, KWCalcFn val, KWCalcFn sign);
 // The registration of one of the three types (constants "it", "st", "ip", "sp").
 KWCalcObjDef* RegisterS(KWCalcObjDef* def, int32_t* tag, int32_t wanted, KWCalcConst* constants);
 
-// The Val and Sign of each type, so that the IntS and DblS versions can
-// forward to each other.
-int32_t IntSVal(KWCalcStack* s);
-int32_t IntSSign(KWCalcStack* s);
-int32_t DblSVal(KWCalcStack* s);
-int32_t DblSSign(KWCalcStack* s);
+// The Val and Sign that IntS and DblS share: an IntS gives its Int, a DblS its
+// Dbl, either its sign as an Int; anything else -44.
+int32_t NumSVal(KWCalcStack* s);
+int32_t NumSSign(KWCalcStack* s);
 
 }  // namespace kwz::calc
