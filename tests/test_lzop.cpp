@@ -15,7 +15,9 @@
 #include <utility>
 #include <vector>
 
+#include "guard_page.h"
 #include "kwz_test_util.h"
+#include "test_recarr_util.h"
 
 namespace {
 
@@ -72,11 +74,11 @@ Bytes Compress(const Bytes& in) {
     return Take(block, len);
 }
 
-// KWZDataDeCompress over an exact-size copy, so that a read past the end is
-// a sanitizer report.  The call must return `want`; its output.
+// KWZDataDeCompress over a copy whose last byte is the last readable one, so
+// that a read past the given length faults in every build.  The call must
+// return `want`; its output.
 Bytes Decompress(const Bytes& container, int32_t want = 0) {
-    Bytes exact(container);
-    exact.shrink_to_fit();
+    const kwztest::GuardedBytes exact(container);
     int32_t len = -1;
     void* block = reinterpret_cast<void*>(1);
     const int32_t rc = KWZDataDeCompress(int32_t(exact.size()), exact.data(), &len, &block);
@@ -275,7 +277,7 @@ TEST(lzopReader, CorruptAndCutContainersAreRefused) {
 }
 
 // The readers stop at the terminator, so data may follow it.  (The helper's
-// length as a bound is checked at the edge of a page in lzop_bounds.)
+// length as a bound: every Decompress above ends at the edge of a page.)
 TEST(lzopReader, DataMayFollowTheTerminator) {
     const Bytes in = Text(90000), c = Compress(in), followed = Concat(c, Bytes(10, 'z'));
     Pipe pipe{&followed};
@@ -362,16 +364,19 @@ TEST(lzopStream, ThreadsCompressAtOnce) {
 
 // ============================================================ data helpers
 
+// The bytes end where readable memory ends: the smallest container (magic
+// and terminator) is one at 12 bytes and nothing at 11.
 TEST(lzopData, IsCompress) {
     const char container[] = "#LZ200000000";
-    const std::tuple<int32_t, const void*, int32_t, bool> cases[] = {  // n, data, rc, flag
+    const std::tuple<int32_t, const char*, int32_t, bool> cases[] = {  // n, data, rc, flag
         {12, container, 0, true},       {11, container, 0, false}, {12, "#LZ300000000", 0, false},
         {12, "#LZP00000000", 0, false}, {0, container, -2, false}, {-1, container, -2, false},
         {12, nullptr, -2, false},
     };
     for (const auto& [n, data, rc, want] : cases) {
+        const kwztest::GuardedBytes bytes(data ? data : "", data ? size_t(std::max(n, 0)) : 0);
         bool flag = !want;
-        EXPECT_EQ(KWZDataIsCompress(n, data, &flag), rc) << n;
+        EXPECT_EQ(KWZDataIsCompress(n, data ? bytes.data() : nullptr, &flag), rc) << n;
         EXPECT_EQ(flag, want) << n;
     }
     EXPECT_EQ(KWZDataIsCompress(12, container, nullptr), -2);
@@ -409,53 +414,29 @@ TEST(lzopData, BadArguments) {
 
 // ============================================================ record arrays
 
-// An array keyed on one Int32 field A holding n..1.
-KWArray* MakeArray(int32_t n) {
-    KWArray* array = nullptr;
-    KWRFieldDef field = {"A", 0, iFldType_Int32};
-    KWAKeyDef key = {"A", {}, 0};
-    EXPECT_EQ(KWACreate(&array, nullptr), 0);
-    EXPECT_EQ(KWAFldAdd(array, 1, &field), 0);
-    EXPECT_EQ(KWAKeyAdd(array, 1, &key), 0);
-    for (int32_t a = n; a > 0; --a) {
-        KWRVal cell = {iFldType_Int32, 0, {}};
-        std::memcpy(cell.value, &a, 4);
-        EXPECT_NE(KWARecAdd(array, &cell), nullptr);
-    }
-    return array;
-}
-
-Bytes Pack(KWArray* array, bool compress) {
-    int32_t len = 0;
-    void* block = nullptr;
-    EXPECT_EQ(KWZArrayPack(array, &len, &block, compress), 0);
-    return Take(block, len);
-}
-
 // A table packed through a container is the container of the plain packed
 // table and unpacks to the same table, for reading or not; a broken
 // container is -4, a container of anything else -1.
 TEST(lzopArray, PackThroughContainers) {
-    KWArray* array = MakeArray(3000);
-    const Bytes plain = Pack(array, false), packed = Pack(array, true);
+    using namespace recarrtest;
+    Array array({Field("A", iFldType_Int32)}, {Key("A")});
+    for (int32_t a = 3000; a > 0; --a) ASSERT_NE(Add(array, {I4(a)}), nullptr);
+    const Bytes plain = PackZ(array, false), packed = PackZ(array, true);
     ASSERT_GT(plain.size(), 4u);
     EXPECT_EQ(std::memcmp(plain.data(), "#RA2", 4), 0);
     EXPECT_EQ(Decompress(packed), plain);
     EXPECT_LT(packed.size(), plain.size());
     for (bool forRead : {false, true}) {
         for (const Bytes* data : {&plain, &packed}) {
-            KWArray* copy = nullptr;
-            ASSERT_EQ(KWACreate(&copy, nullptr), 0);
+            Array copy;
             EXPECT_EQ(KWZArrayUnPack(copy, data->data(), forRead), 0);
-            EXPECT_EQ(Pack(copy, false), plain) << forRead;
-            KWADestroy(copy);
+            EXPECT_EQ(PackZ(copy, false), plain) << forRead;
         }
     }
     Bytes bad = packed;
     bad[4] = 'G';  // first chunk header
     EXPECT_EQ(KWZArrayUnPack(array, bad.data(), false), -4);
-    EXPECT_EQ(KWZArrayUnPack(array, Compress(Text(500)).data(), true), -1);
-    KWADestroy(array);
+    EXPECT_EQ(KWZArrayUnPack(array, Compress(::Text(500)).data(), true), -1);
 }
 
 }  // namespace

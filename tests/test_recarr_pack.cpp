@@ -1,9 +1,11 @@
-// Packed tables ("#RA2"), read-from-pack storage, and the checked reader.
+// Packed tables ("#RA2"), read-from-pack storage, the checked reader, and
+// the bounded readers at the edge of their bytes.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <random>
 
+#include "guard_page.h"
 #include "test_recarr_util.h"
 
 using namespace recarrtest;
@@ -42,6 +44,15 @@ void BuildWide(KWArray* a, int rows) {
         }
     }
 }
+
+// Id and Note, keyed on Id; three members base, base - 1, base - 2 with a
+// text each (one empty).
+struct Notes : Array {
+    explicit Notes(int32_t base) : Array({Field("Id", iFldType_Int32), Field("Note", iFldType_Memo)}, {Key("Id")}) {
+        const char* notes[] = {"one", "", "three"};
+        for (int32_t i = 0; i < 3; ++i) EXPECT_NE(nullptr, Add(*this, {I4(base - i), Text(notes[i], iFldType_Memo)}));
+    }
+};
 
 std::vector<uint8_t> PackBuff(KWArray* a) {
     std::vector<uint8_t> out(KWAPackBuff(a, nullptr));
@@ -275,4 +286,53 @@ TEST(recarr_Store, CopyOfAReadModeSource) {
     EXPECT_EQ(Ints(copy, 0, "id"), Ints(a, 0, "id"));
     EXPECT_EQ(Texts(copy, 1, "name"), Texts(a, 1, "name"));
     EXPECT_EQ(m->state, 255);
+}
+
+// Every prefix of a plain table and of a container, each ending at the last
+// readable byte: only the whole decodes; the target keeps its own members.
+TEST(lzop_bounds, UnPackNReadsNothingPastLength) {
+    Notes source(30);
+    const std::vector<uint8_t> table = Pack(source), container = PackZ(source, true);
+    for (bool forRead : {false, true}) {
+        for (const auto* bytes : {&table, &container}) {
+            Notes target(90);
+            const std::vector<uint8_t> before = Pack(target);
+            for (size_t n = 0; n < bytes->size(); ++n) {
+                kwztest::GuardedBytes cut(bytes->data(), n);
+                ASSERT_EQ(-4, KWZArrayUnPackN(target, cut.data(), n, forRead)) << n << " of " << bytes->size();
+                ASSERT_EQ(before, Pack(target)) << n;
+                if (bytes == &table) {
+                    ASSERT_EQ(-2, KWAUnpackChecked(target, cut.data(), n, forRead)) << n;
+                }
+            }
+            kwztest::GuardedBytes whole(*bytes);
+            ASSERT_EQ(0, KWZArrayUnPackN(target, whole.data(), whole.size(), forRead));
+            EXPECT_EQ(table, Pack(target));
+            EXPECT_EQ((std::vector<int64_t>{28, 29, 30}), Ints(target, 0, "Id"));
+        }
+    }
+    EXPECT_EQ(-2, KWZArrayUnPackN(nullptr, table.data(), table.size(), false));
+    EXPECT_EQ(-2, KWZArrayUnPackN(source, nullptr, 10, false));
+}
+
+// A record that claims fewer bytes than an image header: every reader
+// refuses the table with its own code and the array stays as it was.
+TEST(lzop_bounds, RecordLengthBelowTheHeaderIsRefused) {
+    Notes source(30);
+    std::vector<uint8_t> table = Pack(source);
+    size_t first = table.size();  // the first record image: the images end the table
+    for (int32_t i = 0; KWRData* r = KWARec(source, 0, i); ++i) first -= r->length;
+    for (uint32_t bad : {0u, 1u, 5u}) {
+        std::memcpy(&table[first], &bad, 4);
+        Notes target(90);
+        const std::vector<uint8_t> before = Pack(target);
+        EXPECT_EQ(-1, KWZArrayUnPack(target, table.data(), false)) << bad;
+        EXPECT_EQ(-1, KWZArrayUnPack(target, table.data(), true)) << bad;
+        EXPECT_EQ(0u, KWAUnpack(target, table.data())) << bad;
+        EXPECT_EQ(0, KWAUnpackForRead(target, table.data())) << bad;
+        EXPECT_EQ(-2, KWAUnpackChecked(target, table.data(), table.size(), false)) << bad;
+        EXPECT_EQ(-4, KWZArrayUnPackN(target, table.data(), table.size(), true)) << bad;
+        EXPECT_EQ(before, Pack(target)) << bad;
+        EXPECT_EQ(3, KWARecCount(target));
+    }
 }

@@ -139,4 +139,14 @@ inline std::vector<uint8_t> Pack(KWArray* a) {
     return out;
 }
 
+// The table as KWZArrayPack gives it, in a container or not, as bytes.
+inline std::vector<uint8_t> PackZ(KWArray* a, bool compress) {
+    void* block = nullptr;
+    int32_t n = 0;
+    EXPECT_EQ(0, KWZArrayPack(a, &n, &block, compress));
+    std::vector<uint8_t> out(static_cast<uint8_t*>(block), static_cast<uint8_t*>(block) + (block ? n : 0));
+    KWMemFree(block);
+    return out;
+}
+
 }  // namespace recarrtest
