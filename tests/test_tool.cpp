@@ -1,7 +1,7 @@
 // The kwz tool as users meet it: help and the README's copy of it, usage
 // errors (exit 2), failures (exit 1) in one message style, and each
-// subcommand on a small input, the transport ones on loopback ports that
-// the system chooses.
+// subcommand on a small input, the transport ones (and the demo split over
+// two processes) on loopback ports that the system chooses.
 #include <VomKwz.h>
 #include <gtest/gtest.h>
 
@@ -48,7 +48,8 @@ std::string Shown(const Args& args) {
 // One call of the tool and what it must show: the exit code, texts its
 // standard output and its standard error contain, and (outIs) the whole
 // standard output.  input feeds standard input; saveOut keeps standard
-// output as a file for later rows.
+// output as a file for later rows.  An argument "DIR" stands for the
+// directory the call runs in.
 struct Row {
     Args args;
     int rc;
@@ -61,7 +62,9 @@ struct Row {
 
 void Check(const Row& row, const std::string& cwd) {
     SCOPED_TRACE(Shown(row.args));
-    const ToolResult r = RunTool(kTool, row.args, cwd, row.input);
+    Args args = row.args;
+    for (std::string& a : args) a = a == "DIR" ? cwd : a;
+    const ToolResult r = RunTool(kTool, args, cwd, row.input);
     EXPECT_EQ(r.rc, row.rc) << "stdout:\n" << r.out << "stderr:\n" << r.err;
     for (const auto& text : row.outHas) EXPECT_NE(r.out.find(text), std::string::npos) << text << " in\n" << r.out;
     for (const auto& text : row.errHas) EXPECT_NE(r.err.find(text), std::string::npos) << text << " in\n" << r.err;
@@ -70,9 +73,10 @@ void Check(const Row& row, const std::string& cwd) {
     }
     if (row.saveOut) WriteFile(cwd + "/" + row.saveOut, r.out);
     // A failing call's first message names the command: "kwz CMD: what:
-    // reason" ("kwz: ..." when there is no command to name).
+    // reason" ("kwz: ..." when there is no command to name, as the row says).
     if (r.rc != 0 && !row.args.empty()) {
-        EXPECT_TRUE(r.err.rfind("kwz " + row.args[0] + ": ", 0) == 0 || r.err.rfind("kwz: ", 0) == 0) << r.err;
+        const bool unnamed = !row.errHas.empty() && row.errHas[0].rfind("kwz: ", 0) == 0;
+        EXPECT_EQ(r.err.rfind(unnamed ? "kwz: " : "kwz " + row.args[0] + ": ", 0), 0u) << r.err;
     }
 }
 
@@ -551,6 +555,96 @@ TEST(tool_Transport, NodeAndNodeSend) {
     Check({{"node-send", "127.0.0.1", port, "hello node"}, 0, {"sent 10 bytes to 127.0.0.1:" + port}}, "");
     EXPECT_TRUE(node.WaitFor("10 bytes  \"hello node\"", 5000)) << node.Out();
     EXPECT_EQ(node.Finish(SIGINT, 15000).rc, 0);
+}
+
+// ------------------------------------------------------------ demo
+
+// The 32 characters after "hash " on the answer line, "" when absent.
+std::string AnswerHash(const std::string& out) {
+    const size_t line = out.find("answer ");
+    const size_t at = line == std::string::npos ? line : out.find("hash ", line);
+    return at == std::string::npos ? "" : out.substr(at + 5, 32);
+}
+
+// The whole showcase in one process on a small count, then its command-line
+// errors; the files the last successful row wrote.
+TEST(tool_Demo, OneProcessStepsFilesAndErrors) {
+    NEED_TOOL();
+    ScratchDir dir;
+    const Row rows[] = {
+        {{"demo", "--records", "300", "--out", "DIR"},
+         0,
+         {"transport server on 127.0.0.1:", "type      Parcel: Id:I4 Customer:CH16", "send      300 parcels",
+          "collect   300 parcels checked", "derive    Cost of 300 records by the script", "lookup    Id 150: ",
+          "pack      packed table", "compress  container", "hash      of the container: ",
+          "graph     12 depots, ", "report    report.xml: ", "answer    the server holds 300 parcels",
+          "\nsummary\n", "demo finished\n"}},
+        // The files are there now: only -f writes over them.
+        {{"demo", "--records", "300", "--out", "DIR"}, 1, {}, {"parcels.ra2: exists (-f writes over it)"}},
+        {{"demo", "--records", "40", "--out", "DIR", "-f", "--formula", "Weight * 2 + dist(From, To)"},
+         0,
+         {"by the formula Weight * 2 + dist(From, To): "}},
+        {{"demo", "--formula", "1+"}, 1, {}, {"kwz demo: --formula: syntax error", "at byte 2"}},
+        {{"demo", "--records", "5", "--out", "DIR", "-f", "--formula", "\"text\""}, 1, {}, {"the result is not a number"}},
+        {{"demo", "--records", "5", "--out", "DIR", "-f", "--formula", "Weight / (Id - Id)"}, 1, {}, {"division by zero"}},
+        {{"demo", "--records", "5", "--out", "DIR", "-f", "--formula", "nosuch(Id)"}, 1, {}, {"an unknown function"}},
+        {{"demo", "--records", "0"}, 2, {}, {"--records: \"0\" is not a number in 1..1000000", "usage: kwz demo"}},
+        {{"demo", "--bogus"}, 2, {}, {"--bogus: unknown option"}},
+        {{"demo", "extra"}, 2, {}, {"extra: unexpected argument"}},
+        {{"demo", "-f"}, 2, {}, {"--force: needs --out DIR"}},
+        {{"demo", "--formula", " "}, 2, {}, {"--formula: is empty"}},
+        {{"demo", "--connect", "127.0.0.1"}, 2, {}, {"--connect: needs HOST and PORT"}},
+        {{"demo", "--connect", "127.0.0.1", "70000"}, 2, {}, {"PORT: \"70000\" is not a number"}},
+        {{"demo", "--connect", "127.0.0.1", "1", "--out", "DIR"}, 2, {}, {"--out: belongs to the server's side"}},
+        {{"demo", "--serve", "0", "--records", "5"}, 2, {}, {"--records: is the client's to choose"}},
+        {{"demo", "--serve", "0", "--connect", "127.0.0.1", "1"}, 2, {}, {"--serve: does not go with --connect"}},
+        {{"demo", "--connect", "127.0.0.1", "1"}, 1, {}, {"127.0.0.1:1: cannot connect"}},
+    };
+    for (const Row& row : rows) Check(row, dir.path);
+
+    // What the last successful row (40 records) wrote: the report parses
+    // and holds that run's figures.
+    const std::string report = ReadFile(dir / "report.xml");
+    _tagXMLNode* doc = KWXmlNew(KWXML_DOCUMENT);
+    int32_t at = -1;
+    ASSERT_EQ(KWXmlSetXml(doc, report.c_str(), &at), 0) << report;
+    _tagXMLNode* table = KWXmlFind(doc, "table");
+    ASSERT_NE(table, nullptr);
+    EXPECT_EQ(std::string(KWXmlAttrGet(table, "hash")).size(), 32u);
+    EXPECT_STREQ(KWXmlAttrGet(KWXmlFind(doc, "demo"), "records"), "40");
+    _tagXMLNode* customers = KWXmlFind(doc, "customers");
+    ASSERT_NE(customers, nullptr);
+    EXPECT_EQ(std::to_string(KWXmlCount(customers)), KWXmlAttrGet(customers, "count"));
+    KWXmlFree(doc);
+    EXPECT_EQ(ReadFile(dir / "depots.txt").rfind("# depots linked", 0), 0u);
+}
+
+// The showcase split over a server and a client process gives the
+// container of the one-process run, on both sides.
+TEST(tool_Demo, ServeAndConnectGiveTheSameContainer) {
+    NEED_TOOL();
+    ScratchDir one, two;
+    const ToolResult local = RunTool(kTool, {"demo", "--records", "200", "--out", one.path});
+    ASSERT_EQ(local.rc, 0) << local.err;
+    const std::string hash = AnswerHash(local.out);
+    ASSERT_EQ(hash.size(), 32u) << local.out;
+
+    ToolProcess server(kTool, {"demo", "--serve", "0", "--out", two.path}, "", "");
+    ASSERT_TRUE(server.WaitFor("(Ctrl-C stops)\n", 10000)) << server.Out();
+    const std::string port = PortAfter(server.Out(), "listening on port ");
+    ASSERT_FALSE(port.empty()) << server.Out();
+    const ToolResult client = RunTool(kTool, {"demo", "--connect", "127.0.0.1", port, "--records", "200"});
+    EXPECT_EQ(client.rc, 0) << client.err;
+    EXPECT_NE(client.out.find("transport connected to 127.0.0.1:" + port), std::string::npos) << client.out;
+    EXPECT_EQ(AnswerHash(client.out), hash) << client.out;
+    const ToolResult served = server.Finish(0, 15000);
+    EXPECT_EQ(served.rc, 0) << served.err;
+    for (const char* text : {"a client connected; its hello announces 200 parcels", "from the client's definition text",
+                             "collect   200 parcels", "demo server finished\n"})
+        EXPECT_NE(served.out.find(text), std::string::npos) << text << " in\n" << served.out;
+    EXPECT_NE(served.out.find(hash), std::string::npos) << served.out;
+    // The same parcels make the same files on both sides.
+    EXPECT_EQ(ReadFile(one / "parcels.ra2.lz2"), ReadFile(two / "parcels.ra2.lz2"));
 }
 
 }  // namespace
