@@ -81,8 +81,9 @@ TEST(fault_rec, TypeParsing) {
     const int64_t failures = ForEachAllocationFailure([&](auto fired) {
         const uint32_t rc = KWRTypSet(&type, 9, def);
         if (Settle(fired)) {
-            // The type's own storage failing reads as a syntax error (4), as
-            // it always has; the parser's working storage as -1.
+            // The type's own storage failing reads as a syntax error (4),
+            // which callers treat as any refused definition; the parser's
+            // working storage as -1.
             EXPECT_TRUE(rc == KWR_NOMEM || rc == KWR_SYNTAX) << rc;
             EXPECT_EQ(std::make_tuple(0, (KWRField*)nullptr, (char*)nullptr, 9u),
                       std::make_tuple(int(type.fieldCount), type.fields, type.description, type.id));
