@@ -55,19 +55,29 @@ void Fill(KWArray* a, int32_t count = 300) {
 
 const std::vector<KWAKeyDef> kKeys = {Key("Id", iKeyOpt_Unique), Key("Grp;Id")};
 
+// Runs op under every allocation failure: failed(rc) checks what a run that
+// met the armed allocation left; the run that completes must give 0.  The
+// number of failed runs.
+template <typename Op, typename Failed>
+int64_t EachFailure(Op op, Failed failed) {
+    return ForEachAllocationFailure([&](auto fired) {
+        const auto rc = op();
+        if (Settle(fired)) {
+            failed(rc);
+        } else {
+            EXPECT_EQ(decltype(rc){0}, rc);
+        }
+    });
+}
+
 // Runs op (0 on success) under every allocation failure: a failed run gives
 // `failed` and leaves `a` as it was.  The number of failed runs.
 template <typename Op>
 int64_t ExpectAllOrNothing(KWArray* a, int64_t failed, Op op) {
     const Snapshot before = Take(a);
-    return ForEachAllocationFailure([&](auto fired) {
-        const int64_t rc = op();
-        if (Settle(fired)) {
-            EXPECT_EQ(failed, rc);
-            EXPECT_TRUE(before == Take(a));
-        } else {
-            EXPECT_EQ(0, rc);
-        }
+    return EachFailure([&] { return int64_t{op()}; }, [&](int64_t rc) {
+        EXPECT_EQ(failed, rc);
+        EXPECT_TRUE(before == Take(a));
     });
 }
 
@@ -78,21 +88,16 @@ TEST(fault_rec, TypeParsing) {
                       "S64|I8\r\nF32|F4\r\nF64|F8\r\nName|CH20\r\nMemo|CM|text\r\nBlob|CB";
     KWRType type;
     KWRTypInit(&type);
-    const int64_t failures = ForEachAllocationFailure([&](auto fired) {
-        const uint32_t rc = KWRTypSet(&type, 9, def);
-        if (Settle(fired)) {
-            // The type's own storage failing reads as a syntax error (4),
-            // which callers treat as any refused definition; the parser's
-            // working storage as -1.
-            EXPECT_TRUE(rc == KWR_NOMEM || rc == KWR_SYNTAX) << rc;
-            EXPECT_EQ(std::make_tuple(0, (KWRField*)nullptr, (char*)nullptr, 9u),
-                      std::make_tuple(int(type.fieldCount), type.fields, type.description, type.id));
-        } else {
-            EXPECT_EQ(0u, rc);
-            EXPECT_EQ(11, type.fieldCount);
-        }
+    const int64_t failures = EachFailure([&] { return KWRTypSet(&type, 9, def); }, [&](uint32_t rc) {
+        // The type's own storage failing reads as a syntax error (4), which
+        // callers treat as any refused definition; the parser's working
+        // storage as -1.
+        EXPECT_TRUE(rc == KWR_NOMEM || rc == KWR_SYNTAX) << rc;
+        EXPECT_EQ(std::make_tuple(0, (KWRField*)nullptr, (char*)nullptr, 9u),
+                  std::make_tuple(int(type.fieldCount), type.fields, type.description, type.id));
     });
     EXPECT_GE(failures, 3);
+    EXPECT_EQ(11, type.fieldCount);
     KWRTypFree(&type);
 }
 
@@ -115,16 +120,11 @@ TEST(fault_rec, TypeTextAndGeneration) {
     ASSERT_NE(nullptr, rec);
     KWRType generated;
     KWRTypInit(&generated);
-    ForEachAllocationFailure([&](auto fired) {
-        const uint32_t rc = KWRTypGen(&generated, "GEN", rec);
-        if (Settle(fired)) {
-            EXPECT_TRUE(rc == KWR_NOMEM || rc == KWR_SYNTAX) << rc;  // the type's storage: 4, as KWRTypSet
-            EXPECT_EQ(std::make_tuple(0, (KWRField*)nullptr), std::make_tuple(int(generated.fieldCount), generated.fields));
-        } else {
-            EXPECT_EQ(0u, rc);
-            EXPECT_EQ(3, generated.fieldCount);
-        }
+    EachFailure([&] { return KWRTypGen(&generated, "GEN", rec); }, [&](uint32_t rc) {
+        EXPECT_TRUE(rc == KWR_NOMEM || rc == KWR_SYNTAX) << rc;  // the type's storage: 4, as KWRTypSet
+        EXPECT_EQ(std::make_tuple(0, (KWRField*)nullptr), std::make_tuple(int(generated.fieldCount), generated.fields));
     });
+    EXPECT_EQ(3, generated.fieldCount);
     KWRTypFree(&generated);
     KWRRecRelease(rec);
 }
@@ -148,25 +148,18 @@ TEST(fault_rec, RecordBuildingAndPacking) {
     ASSERT_EQ(0u, KWRSetAsText(note, &rec, 4, "tiny"));
     ASSERT_EQ(0u, KWRRecPack(type, &rec, 1, 1));
     const std::vector<uint8_t> packed(rec.image, rec.image + rec.length);
-    ForEachAllocationFailure([&](auto fired) {
-        const uint32_t rc = KWRSetAsText(note, &rec, static_cast<int32_t>(big.size()), big.data());
-        if (Settle(fired)) {
-            EXPECT_EQ(KWR_NOMEM, rc);
-            EXPECT_EQ(packed, std::vector<uint8_t>(rec.image, rec.image + rec.length));
-            EXPECT_EQ(0, rec.state);
-        }
-    });
+    EachFailure([&] { return KWRSetAsText(note, &rec, static_cast<int32_t>(big.size()), big.data()); },
+                [&](uint32_t rc) {
+                    EXPECT_EQ(KWR_NOMEM, rc);
+                    EXPECT_EQ(packed, std::vector<uint8_t>(rec.image, rec.image + rec.length));
+                    EXPECT_EQ(0, rec.state);
+                });
     const uint8_t state = rec.state;
     const std::vector<uint8_t> changed(rec.image, rec.image + rec.length);
-    ForEachAllocationFailure([&](auto fired) {
-        const uint32_t rc = KWRRecPack(type, &rec, 1, 1);
-        if (Settle(fired)) {
-            EXPECT_EQ(KWR_NOMEM, rc);
-            EXPECT_EQ(std::make_tuple(changed, state),
-                      std::make_tuple(std::vector<uint8_t>(rec.image, rec.image + rec.length), rec.state));
-        } else {
-            EXPECT_EQ(0u, rc);
-        }
+    EachFailure([&] { return KWRRecPack(type, &rec, 1, 1); }, [&](uint32_t rc) {
+        EXPECT_EQ(KWR_NOMEM, rc);
+        EXPECT_EQ(std::make_tuple(changed, state),
+                  std::make_tuple(std::vector<uint8_t>(rec.image, rec.image + rec.length), rec.state));
     });
     KWRRecFree(&rec);
 }
@@ -186,22 +179,20 @@ TEST(fault_recarr, AddAndPostNew) {
         ExpectSeeksLikeList(a, 0, -1, 520, "Id");
         const int32_t next = 3;
         const Snapshot beforeNext = Take(a);
-        ForEachAllocationFailure([&](auto fired) {
-            KWRData* rec = KWARecNew(a);
-            KWRData* member = nullptr;
-            int32_t rc = -100;
-            if (rec) {
+        KWRData* rec = nullptr;
+        EachFailure(
+            [&] {
+                KWRData* member = nullptr;
+                rec = KWARecNew(a);
+                if (!rec) return -100;
                 KWRSetAsInt32(KWAType(a)->fields, rec, next);
-                rc = KWARecPost(rec, &member);
-            }
-            if (Settle(fired)) {
+                return KWARecPost(rec, &member);
+            },
+            [&](int32_t rc) {
                 EXPECT_TRUE(rec == nullptr || rc == -1 || rc == -3) << rc;
                 EXPECT_TRUE(beforeNext == Take(a));
                 KWARecDel(rec);  // still the caller's
-            } else {
-                EXPECT_EQ(0, rc);
-            }
-        });
+            });
         EXPECT_EQ(258, KWARecCount(a));
     }
 }
@@ -223,37 +214,30 @@ TEST(fault_recarr, PostInPlaceAndCopy) {
         }
         const std::vector<int64_t> key0 = Ints(a, 0, "Id");
         const std::vector<int64_t> key1 = Ints(a, 1, "Id");
-        ForEachAllocationFailure([&](auto fired) {
-            KWRData* out = nullptr;
-            const int32_t rc = KWARecPost(member, &out);
-            if (Settle(fired)) {
-                EXPECT_EQ(-1, rc);
-                EXPECT_EQ(key0, Ints(a, 0, "Id"));
-                EXPECT_EQ(key1, Ints(a, 1, "Id"));
-            } else {
-                EXPECT_EQ(0, rc);
-            }
+        KWRData* out = nullptr;
+        EachFailure([&] { return KWARecPost(member, &out); }, [&](int32_t rc) {
+            EXPECT_EQ(-1, rc);
+            EXPECT_EQ(key0, Ints(a, 0, "Id"));
+            EXPECT_EQ(key1, Ints(a, 1, "Id"));
         });
         ExpectSeeksLikeList(a, 0, -1, 1010, "Id");
     }
     const Snapshot before = Take(a);
     const std::string longNote(200, 'n');
-    ForEachAllocationFailure([&](auto fired) {
-        KWRData* copy = KWARecEdit(KWARec(a, 0, 20));
-        int32_t rc = -100;
-        if (copy) {
+    KWRData* copy = nullptr;
+    EachFailure(
+        [&] {
+            copy = KWARecEdit(KWARec(a, 0, 20));
+            if (!copy) return -100;
             KWRSetAsInt32(id, copy, 2001);
             const bool texted = KWRSetAsText(a.F("Note"), copy, 200, longNote.c_str()) == 0;
-            rc = texted ? KWARecPost(copy, nullptr) : -1;
-        }
-        if (Settle(fired)) {
+            return texted ? KWARecPost(copy, nullptr) : -1;
+        },
+        [&](int32_t rc) {
             EXPECT_TRUE(copy == nullptr || rc == -1) << rc;
             EXPECT_TRUE(before == Take(a));
             KWARecDel(copy);  // still the caller's
-        } else {
-            EXPECT_EQ(0, rc);
-        }
-    });
+        });
     EXPECT_EQ(2001, Ints(a, 0, "Id").back());
 }
 
@@ -275,15 +259,10 @@ TEST(fault_recarr, Delete) {
 TEST(fault_recarr, KeysSortAndReadMode) {
     Array a(Fields(), {Key("Id")});
     Fill(a, 50);
-    ForEachAllocationFailure([&](auto fired) {
-        const KWAKeyDef key = Key("Grp;Id");
-        const int32_t rc = KWAKeyAdd(a, 1, &key);
-        if (Settle(fired)) {
-            EXPECT_EQ(-1, rc);
-            EXPECT_EQ(nullptr, KWARec(a, 1, 0));  // no half-made key
-        } else {
-            EXPECT_EQ(0, rc);
-        }
+    const KWAKeyDef key = Key("Grp;Id");
+    EachFailure([&] { return KWAKeyAdd(a, 1, &key); }, [&](int32_t rc) {
+        EXPECT_EQ(-1, rc);
+        EXPECT_EQ(nullptr, KWARec(a, 1, 0));  // no half-made key
     });
     // Into read-from-pack storage and back: -1 and the array as it was.
     for (int32_t (*convert)(KWArray*) : {KWAPackForRead, KWAUnpackForWrite})
@@ -350,18 +329,19 @@ TEST(fault_lzop, ContainerReading) {
     void* block = nullptr;
     int32_t n = 0;
     ASSERT_EQ(0, KWZDataCompress(static_cast<int32_t>(text.size()), text.data(), &n, &block));
-    ForEachAllocationFailure([&](auto fired) {
-        void* out = nullptr;
-        int32_t length = -5;
-        const int32_t rc = KWZDataDeCompress(n, block, &length, &out);
-        if (Settle(fired)) {
-            EXPECT_EQ(std::make_tuple(-1, (void*)nullptr, 0), std::make_tuple(rc, out, length));
-        } else {
-            EXPECT_EQ(0, rc);
-            EXPECT_EQ(text, std::string(static_cast<char*>(out), static_cast<size_t>(length)));
-        }
-        KWMemFree(out);
+    void* out = nullptr;
+    int32_t length = -5;
+    const auto decompress = [&] {
+        KWMemFree(out);  // the previous run's block, if it made one
+        out = nullptr;
+        length = -5;
+        return KWZDataDeCompress(n, block, &length, &out);
+    };
+    EachFailure(decompress, [&](int32_t rc) {
+        EXPECT_EQ(std::make_tuple(-1, (void*)nullptr, 0), std::make_tuple(rc, out, length));
     });
+    EXPECT_EQ(text, std::string(static_cast<char*>(out), static_cast<size_t>(length)));
+    KWMemFree(out);
     KWMemFree(block);
 }
 
