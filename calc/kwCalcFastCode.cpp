@@ -17,7 +17,7 @@ namespace {
 using namespace kwz::calcl;
 
 enum FastKind : uint8_t {
-    kLeave,      // not run here
+    kLeave = kFastLeave,  // not run here
     kLoad,       // push variable a
     kConst,      // push k
     kNil,        // push an empty value
@@ -34,12 +34,12 @@ enum FastKind : uint8_t {
     kDebug,
     kEnd,        // exit, end: the caller finishes
     kCmpJf,      // a op b(k), jf
-    kOpStore,    // to = a op b(k);
-    kOpPush,     // push a op b(k)
+    kCalcStore,    // to = a op b(k);
+    kCalcPush,     // push a op b(k)
     kMove,       // to = a;
     kLoadMath,   // push math(a)
     kConstBin,   // top op k
-    kOpCall,     // push a op b(k), call (jumpPc: the call's offset)
+    kArgCall,     // push a op b(k), call (jumpPc: the call's offset)
     kBinStore,   // operator on the top two, into variable to, dropped
 };
 
@@ -95,7 +95,7 @@ public:
             size_t used = Decode(starts, i, &op);
             // The last statement of a loop body goes on to the jump back in
             // the same op.
-            if ((op.kind == kOpStore || op.kind == kMove || op.kind == kStoreDrop || op.kind == kBinStore) &&
+            if ((op.kind == kCalcStore || op.kind == kMove || op.kind == kStoreDrop || op.kind == kBinStore) &&
                 Joinable(starts, i, used + 1) && code_[starts[i + used]] == kOpJump) {
                 op.thenJump = 1;
                 op.jmpAt = uint32_t(starts[i + used]);
@@ -148,20 +148,20 @@ private:
                     op->jumpPc = uint32_t(Target(code_, starts[i + 3]));
                     return 4;
                 }
-                if (Joinable(starts, i, 4) && *at(3) == kOpCall) {
-                    op->kind = kOpCall;
+                if (Joinable(starts, i, 4) && *at(3) == calcl::kOpCall) {
+                    op->kind = kArgCall;
                     op->steps = 4;
                     op->ext = Load<uint16_t>(at(3) + 1);
                     op->jumpPc = uint32_t(starts[i + 3]);
                     return 4;
                 }
                 if (Joinable(starts, i, 5) && IsStoreDrop(at(3))) {
-                    op->kind = kOpStore;
+                    op->kind = kCalcStore;
                     op->steps = 5;
                     op->to = Load<uint16_t>(at(3) + 1);
                     return 5;
                 }
-                op->kind = kOpPush;
+                op->kind = kCalcPush;
                 op->steps = 3;
                 return 3;
             }
@@ -211,7 +211,7 @@ private:
             op->kind = kStore;
             return 1;
         case kOpNeg: op->kind = kNeg; return 1;
-        case kOpCall:
+        case calcl::kOpCall:
             op->kind = kCall;
             op->ext = Load<uint16_t>(p + 1);
             return 1;
@@ -269,6 +269,7 @@ std::shared_ptr<const FastCode> MakeFastCode(const KWFunDef* f) {
         auto fc = std::make_shared<FastCode>();
         if (!Builder(f->code).Build(fc.get())) return nullptr;
         fc->plans = MakePlans(f->code, f->paramCount);
+        while (f->code[fc->prologue] == kOpEmpty) ++fc->prologue;
         return fc;
     } catch (const std::bad_alloc&) {
         return nullptr;  // the byte-code loop serves alone
@@ -343,10 +344,10 @@ bool FastCodeRun(const FastCode& fc, size_t* pcAt, CVar* frame, CVar** spAt, CVa
             if (!(sp - 1 >= frame && FastMath(o->op, sp - 1))) goto leave;
             break;
         case kCall:
-        case kOpCall: {
+        case kArgCall: {
             KWCalcNameDef* callee = o->ext < entry->externals.size() ? entry->externals[o->ext] : nullptr;
             if (!callee) goto leave;
-            if (o->kind == kOpCall) {
+            if (o->kind == kArgCall) {
                 // The argument first, as its three instructions would.
                 const CVar* x = frame + o->a;
                 if (!IsNumber(x) || sp + 1 >= limit) goto leave;
@@ -368,7 +369,7 @@ bool FastCodeRun(const FastCode& fc, size_t* pcAt, CVar* frame, CVar** spAt, CVa
                 if (s->top < floor) s->top = floor;  // never below the locals
                 *status = st;
                 sp = s->slots + s->top;
-                *pcAt = o->kind == kOpCall ? o->jumpPc : o->pc;  // at the call
+                *pcAt = o->kind == kArgCall ? o->jumpPc : o->pc;  // at the call
                 *spAt = sp;
                 return running;
             }
@@ -416,8 +417,8 @@ bool FastCodeRun(const FastCode& fc, size_t* pcAt, CVar* frame, CVar** spAt, CVa
         }
         case kDebug: break;
         case kCmpJf:
-        case kOpStore:
-        case kOpPush: {
+        case kCalcStore:
+        case kCalcPush: {
             const CVar* x = frame + o->a;
             if (!IsNumber(x) || sp + 1 >= limit) goto leave;
             Num y;
@@ -440,7 +441,7 @@ bool FastCodeRun(const FastCode& fc, size_t* pcAt, CVar* frame, CVar** spAt, CVa
                 if (i < 0) goto jumpOut;
                 continue;
             }
-            if (o->kind == kOpStore) {
+            if (o->kind == kCalcStore) {
                 CVar* to = frame + o->to;
                 if (!Plain(to)) Clean(s, sp, to);
                 PutNum(to, r);

@@ -34,9 +34,13 @@ struct FastOp {
     Num k;             // literal
 };
 
+// The kind of an op that stands for an instruction the byte-code loop runs.
+constexpr uint8_t kFastLeave = 0;
+
 struct FastCode {
     std::vector<FastOp> ops;
     std::vector<int32_t> at;  // byte offset -> index of the op starting there, or -1
+    int32_t prologue = 0;     // the empties ("result" and the vars) the code starts with
     // By the mask of Dbl arguments (kwCalcPlan.h); empty when the body is
     // not pure arithmetic.
     std::vector<Plan> plans;

@@ -50,7 +50,7 @@ int32_t CheckMemory(const KWCalcStack* s) {
 // The fast loops from *pc: the pre-decoded one where an op starts there,
 // then the byte-code one from where it stopped (it may run part of a group
 // the other left whole); FastRun's contract.
-bool RunFast(KWCalcNameDef* entry, const uint8_t* code, size_t* pc, CVar* frame, CVar** sp, CVar* limit,
+inline __attribute__((always_inline)) bool RunFast(KWCalcNameDef* entry, const uint8_t* code, size_t* pc, CVar* frame, CVar** sp, CVar* limit,
              KWCalcStack* s, int32_t floor, int64_t maxSteps, int32_t* status) {
     using namespace kwz::calcl;
     if (const FastCode* fc = entry->fast.get(); fc && fc->Index(*pc) >= 0) {
@@ -192,7 +192,7 @@ int32_t IndexValue(KWCalcStack* s, int32_t n) {
 
 // 252 exit and 253 end: "result" (the first local) goes to the frame's first
 // slot, the rest of the frame is emptied.
-int32_t Finish(KWCalcStack* s, int32_t params) {
+inline __attribute__((always_inline)) int32_t Finish(KWCalcStack* s, int32_t params) {
     CVar* const frame = s->slots + s->base;
     CVar* const top = s->slots + s->top;
     CVar* const res = frame + params;
@@ -518,6 +518,16 @@ int32_t Run(KWCalcStack* s, KWCalcNameDef* entry) {
     // The prologue pushes "result" and the vars; the locals end after them,
     // and a built-in that reads beyond its arguments (ldexp) must not reach them.
     int32_t floor = s->base + params;
+    // The prologue at once when it fits (the loop below fails at the exact
+    // empty otherwise).
+    if (const FastCode* fc = entry->fast.get(); fc && fc->prologue > 0 && s->top + fc->prologue <= s->capacity &&
+                                                (!maxSteps || s->steps + fc->prologue <= maxSteps)) {
+        for (int32_t i = 0; i < fc->prologue; ++i) Wipe(&slots[s->top + i]);  // above the top: nothing to free
+        if (maxSteps) s->steps += fc->prologue;
+        s->top += fc->prologue;
+        floor = s->top;
+        pc = size_t(fc->prologue);
+    }
     while (code[pc] == kOpEmpty) {
         if (maxSteps && ++s->steps > maxSteps) return kStepLimit;
         if (s->top >= s->capacity) {

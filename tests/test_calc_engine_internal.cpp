@@ -249,6 +249,14 @@ TEST(CalcEngineInternal, FastPathsMatchTheGeneralPath) {
         ASSERT_TRUE(e && e->fast) << fn;
         EXPECT_TRUE(e->fast->plans.empty()) << fn;
     }
+    // The benchmark's shapes run whole in the pre-decoded loop: loops,
+    // recursion with its calls, the formula.
+    for (const char* fn : {"f", "sum", "half", "fib", "skip", "sumd"}) {
+        const KWCalcNameDef* e = KWCalcNameFind(engines[0].calc, fn, nullptr);
+        int leaves = 0;
+        for (const kwz::calc::FastOp& op : e->fast->ops) leaves += op.kind == kwz::calc::kFastLeave;
+        EXPECT_EQ(leaves, 0) << fn;
+    }
     for (const DiffRow& r : kDiffRows) {
         const Outcome want = engines[3].Call(r, 1000000);
         for (int m = 0; m < 3; ++m) {
