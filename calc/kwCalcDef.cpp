@@ -7,6 +7,7 @@
 #include "base/kwGuard.h"
 #include "base/kwSort.h"
 #include "calc/kwCalcEngine.h"
+#include "calc/kwCalcFastCode.h"
 #include "calc/kwCalcVar.h"
 #include "calc/kwCalcl.h"
 
@@ -30,6 +31,7 @@ void Unlink(KWCalcNameDef* e) {
 
 void Release(KWCalcNameDef* e) {
     if (e->compiled) kwz::calcl::FunFree(static_cast<KWFunDef*>(e->data));
+    e->fast.reset();
     e->compiled = false;
     e->data = nullptr;
 }
@@ -122,6 +124,7 @@ int32_t FunAddI(KWCalcDef* calc, const char* text, KWCalcNameDef** entry, int32_
     if (st != kOk) return st;
     e->compiled = true;
     owned.release();
+    e->fast = MakeFastCode(f);
     const auto* ext = static_cast<const KWFunExtern*>(f->externNames);
     try {
         for (int32_t i = 0; i < f->externCount; ++i) {

@@ -12,6 +12,10 @@
 
 #include "calc/kwCalcStack.h"
 
+namespace kwz::calc {
+struct FastCode;
+}
+
 struct KWCalcNameDef {
     std::string name;
     int32_t argc = 0;
@@ -22,6 +26,8 @@ struct KWCalcNameDef {
     KWCalcDef* calculator = nullptr;
     std::vector<KWCalcNameDef*> callers;   // compiled functions that call this one
     std::vector<KWCalcNameDef*> externals; // compiled: the entry of each external index
+    // compiled: the code pre-decoded for the fast loop (kwCalcFastCode.h), or null
+    std::shared_ptr<const kwz::calc::FastCode> fast;
 };
 
 struct KWCalcDef {

@@ -8,6 +8,7 @@
 #include "base/kwGuard.h"
 #include "calc/kwCalcEngine.h"
 #include "calc/kwCalcFast.h"
+#include "calc/kwCalcFastCode.h"
 #include "calc/kwCalcOps.h"
 #include "calc/kwCalcVar.h"
 
@@ -44,6 +45,19 @@ int32_t CheckMemory(const KWCalcStack* s) {
     int64_t held = 0;
     for (int32_t i = 0; i < s->top; ++i) held += HeldBy(&s->slots[i], 0);
     return held > limit ? kMemLimit : kOk;
+}
+
+// The fast loops from *pc: the pre-decoded one where an op starts there,
+// then the byte-code one from where it stopped (it may run part of a group
+// the other left whole); FastRun's contract.
+inline __attribute__((always_inline)) bool RunFast(KWCalcNameDef* entry, const uint8_t* code, size_t* pc, CVar* frame, CVar** sp, CVar* limit,
+             KWCalcStack* s, int32_t floor, int64_t maxSteps, int32_t* status) {
+    using namespace kwz::calcl;
+    if (const FastCode* fc = entry->fast.get(); fc && fc->Index(*pc) >= 0) {
+        if (!FastCodeRun(*fc, pc, frame, sp, limit, s, entry, floor, maxSteps, status)) return false;
+        if (*status != kOk || code[*pc] == kOpEnd || code[*pc] == kOpExit) return true;
+    }
+    return FastRun(code, pc, frame, sp, limit, s, entry, floor, maxSteps, status);
 }
 
 struct TryRecord {
@@ -178,7 +192,7 @@ int32_t IndexValue(KWCalcStack* s, int32_t n) {
 
 // 252 exit and 253 end: "result" (the first local) goes to the frame's first
 // slot, the rest of the frame is emptied.
-int32_t Finish(KWCalcStack* s, int32_t params) {
+inline __attribute__((always_inline)) int32_t Finish(KWCalcStack* s, int32_t params) {
     CVar* const frame = s->slots + s->base;
     CVar* const top = s->slots + s->top;
     CVar* const res = frame + params;
@@ -231,7 +245,7 @@ int32_t Interpret(KWCalcStack* s, KWCalcNameDef* entry, size_t pc, int32_t floor
         // here, at its position.
         int32_t st = pending;
         pending = kOk;
-        if (st == kOk && fast && !FastRun(code, &pc, frame, &sp, limit, s, entry, floor, maxSteps, &st)) {
+        if (st == kOk && fast && !RunFast(entry, code, &pc, frame, &sp, limit, s, floor, maxSteps, &st)) {
             SYNC();
             return kStopped;
         }
@@ -504,6 +518,16 @@ int32_t Run(KWCalcStack* s, KWCalcNameDef* entry) {
     // The prologue pushes "result" and the vars; the locals end after them,
     // and a built-in that reads beyond its arguments (ldexp) must not reach them.
     int32_t floor = s->base + params;
+    // The prologue at once when it fits (the loop below fails at the exact
+    // empty otherwise).
+    if (const FastCode* fc = entry->fast.get(); fc && fc->prologue > 0 && s->top + fc->prologue <= s->capacity &&
+                                                (!maxSteps || s->steps + fc->prologue <= maxSteps)) {
+        for (int32_t i = 0; i < fc->prologue; ++i) Wipe(&slots[s->top + i]);  // above the top: nothing to free
+        if (maxSteps) s->steps += fc->prologue;
+        s->top += fc->prologue;
+        floor = s->top;
+        pc = size_t(fc->prologue);
+    }
     while (code[pc] == kOpEmpty) {
         if (maxSteps && ++s->steps > maxSteps) return kStepLimit;
         if (s->top >= s->capacity) {
@@ -518,7 +542,7 @@ int32_t Run(KWCalcStack* s, KWCalcNameDef* entry) {
     CVar* sp = slots + s->top;
     int32_t st = kOk;
     const bool running =
-        FastRun(code, &pc, slots + s->base, &sp, slots + s->capacity, s, entry, floor, maxSteps, &st);
+        RunFast(entry, code, &pc, slots + s->base, &sp, slots + s->capacity, s, floor, maxSteps, &st);
     s->top = int32_t(sp - slots);
     if (!running) return kStopped;
     if (st == kOk && (code[pc] == kOpEnd || code[pc] == kOpExit) && !(maxSteps && s->steps >= maxSteps)) {
@@ -535,7 +559,46 @@ int32_t FunProc(KWCalcStack* s) {
     return Run(s, s->entry);
 }
 
+// A call whose whole run a plan gives (kwCalcPlan.h): no hook would see it,
+// no memory rule applies, nothing stops it, depth, stack and budget suffice,
+// and the arguments' tags have a plan.  Leaves what a run through Run would
+// leave (the result in the first argument's slot, the same step count) and
+// returns true; false, with nothing changed, for everything else, which the
+// interpreter then runs.
+static bool PlanCall(KWCalcStack* s, KWCalcNameDef* e, int32_t nargs) {
+    const FastCode* fc = e->fast.get();
+    if (!fc || fc->plans.empty() || s->debugHook || e->fn != &KWFunProc) return false;
+    const KWCalcDef* c = s->calculator;
+    if (c && ((e->hook && c->callHook) || c->maxMemory > 0)) return false;
+    const KWFunDef* f = static_cast<const KWFunDef*>(e->data);
+    if (!f || nargs != f->paramCount || s->depth >= DepthLimit(s)) return false;
+    if (!(f->stackNeed + nargs < s->capacity - s->top)) return false;
+    if (s->flags.load(std::memory_order_relaxed) & kStopBit) return false;
+    CVar* const args = s->slots + s->top - nargs;
+    const Plan* p = PlanFor(fc->plans, args, nargs);
+    if (!p) return false;
+    const int64_t maxSteps = c ? c->maxSteps : 0;
+    const int64_t steps = (s->depth == 0 ? 0 : s->steps) + (maxSteps ? p->steps : 0);
+    if (maxSteps && steps > maxSteps) return false;
+    Num r;
+    if (!RunPlan(*p, args, &r)) return false;  // a zero divisor: the interpreter reports it
+    s->steps = steps;
+    for (CVar* v = args + 1; v < s->slots + s->top; ++v) Wipe(v);  // numbers: nothing to free
+    if (r.type == kEmpty) Wipe(args);
+    else PutNum(args, r);
+    s->top = int32_t(args - s->slots) + 1;
+    return true;
+}
+
+// CallEntry for everything a plan does not run.
+static int32_t CallGeneral(KWCalcStack* s, KWCalcNameDef* e, int32_t nargs);
+
 int32_t CallEntry(KWCalcStack* s, KWCalcNameDef* e, int32_t nargs) {
+    if (s->top - nargs >= 0 && PlanCall(s, e, nargs)) return kOk;
+    return CallGeneral(s, e, nargs);
+}
+
+static __attribute__((noinline)) int32_t CallGeneral(KWCalcStack* s, KWCalcNameDef* e, int32_t nargs) {
     if (s->top - nargs < 0) return kStackSmall;
     const bool outermost = s->depth == 0;
     if (outermost) s->steps = 0;

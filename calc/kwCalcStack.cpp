@@ -8,6 +8,7 @@
 
 #include "base/kwGuard.h"
 #include "base/kwMem.h"
+#include "calc/kwCalcFast.h"
 #include "calc/kwCalcVar.h"
 
 namespace kwz::calc {
@@ -172,7 +173,8 @@ KWZ_API CVar* KWCalcStackPush(KWCalcStack* stack) {
                       static_cast<CVar*>(nullptr), [&]() -> CVar* {
                           if (!stack || stack->top >= stack->capacity) return nullptr;
                           CVar* v = stack->slots + stack->top++;
-                          SetEmpty(v);
+                          if (Plain(v)) Wipe(v);  // a number needs no freeing
+                          else SetEmpty(v);
                           return v;
                       });
 }
@@ -181,10 +183,14 @@ KWZ_API int32_t KWCalcStackPop(KWCalcStack* stack, CVar* out) {
     return kwz::CEdge("Kwz.kwCalc.KWCalcStackPop", kNoMem, kStackSmall, [&] {
         if (!stack || stack->top <= stack->base) return kStackSmall;
         CVar* v = stack->slots + --stack->top;
-        if (out)
+        if (out && Plain(v) && Plain(out)) {
+            CopyNum(out, v);  // numbers on both sides: nothing to free
+            Wipe(v);
+        } else if (out) {
             Move(out, v);
-        else
+        } else {
             SetEmpty(v);
+        }
         return kOk;
     });
 }

@@ -5,9 +5,13 @@
 #include <VomKwz.h>
 
 #include <cstring>
+#include <memory>
 #include <set>
+#include <string>
+#include <vector>
 
 #include "calc/kwCalcEngine.h"
+#include "calc/kwCalcFastCode.h"
 #include "fault_harness.h"
 
 using kwz::test::ForEachAllocationFailure;
@@ -89,3 +93,185 @@ TEST(CalcEngineInternal, CompileAndRunUnderFailingAllocations) {
 }
 
 }  // namespace
+
+// The fast paths against the paths they shortcut.  Every row runs in four
+// engines that differ only in what they may use: (0) everything: plans for
+// pure-arithmetic bodies, the pre-decoded loop, the byte-code loop; (1) no
+// plans; (2) the byte-code loop alone; (3) the full loop alone (a memory
+// budget selects it).  All must give the same status, value, instruction
+// count and error-hook report, under a generous budget and under every
+// budget that ends the run early.
+namespace {
+
+const char* const kDiffScripts[] = {
+    "f(x){Result=sin(x)*cos(x)+x*x/3;}",
+    "ar(a,b){Result=[a+b,a-b,a*b,a/b,-a,a==b,a!=b,a<b,a<=b,a>b,a>=b];}",
+    "div(a,b){Result=a/b;}",
+    "idiv(a,b){Result=a\\b;}",
+    "imod(a,b){Result=a%b;}",
+    "lt(a,b){Result=a<b;}",
+    "ne(a,b){Result=a!=b;}",
+    "poly(a,b,c){var t;t=a*a-b;Result=-t*c+sqrt(t)-exp(b)/(c+0.5);}",
+    "alias(a,b){var t;t=a;Result=t+(t=b)*t-t;}",  // the old t is read before the store
+    "keep(a){var t,u;t=a;u=t;t=t+1;Result=u*10+t;}",
+    "empty(x){var u;Result=u+x;}",
+    "noresult(x){var u;u=x*2;}",
+    "early(x){Result=x+1;exit;}",
+    "wide(a,b,c,d,e){Result=a+b+c+d+e;}",
+    "math(x){Result=tan(x)+atan(x)+log(x)+log10(x)+asin(x)+acos(x)+ldexp(x);}",
+    "sum(n){var i,s;i=0;s=0;while(i<n){i=i+1;s=s+i;}Result=s;}",
+    "half(n){var i,s;i=0;s=0;while(i<n){i=i+1;s=s+i/2;}Result=s;}",
+    "fib(n){if(n<2){Result=n;exit;}Result=fib(n-1)+fib(n-2);}",
+    "skip(n){var i,s;i=0;s=0;while(i<n){i=i+1;if(i==3){continue;}if(i>8){break;}s=s+i;}Result=s;}",
+    "logic(x,y){Result=[x>1&&y<2,x>1||y<2,!(x<y),x&&y];}",
+    "strs(n){var i,s;i=0;s=\"\";while(i<n){s=s+chr(97+i);i=i+1;}Result=s;}",
+    "mixed(n){var d;d=0.5;while(n>0){d=d*2-n/4;n=n-1;if(!(n%2)){d=-d;}}Result=d+fib(4);}",
+    "calls(x){Result=f(x)+div(x,2)+sum(3);}",
+    "zeroin(n){var i;i=n;Result=0;while(i>-2){i=i-1;Result=Result+10/i;}}",
+};
+
+// Compiled with debug points (instructions that only count).
+const char* const kDiffDebugScripts[] = {
+    "fd(x){Result=sin(x)*cos(x)+x*x/3;}",
+    "sumd(n){var i,s;i=0;s=0;while(i<n){i=i+1;s=s+i;}Result=s;}",
+};
+
+struct DiffRow {
+    const char* fn;
+    std::vector<const char*> args;  // formulas giving the arguments
+};
+
+const DiffRow kDiffRows[] = {
+    {"f", {"0.5"}}, {"f", {"3"}}, {"f", {"sqrt(-1)"}}, {"f", {"\"s\""}},
+    {"ar", {"7", "2"}}, {"ar", {"7", "2.5"}}, {"ar", {"-0.0", "0.0"}}, {"ar", {"sqrt(-1)", "1"}},
+    {"ar", {"4611686018427387904", "2"}}, {"ar", {"7", "0"}}, {"ar", {"1.5", "0.0"}},
+    {"div", {"1", "0"}}, {"div", {"1", "-0.0"}}, {"div", {"-7", "2"}}, {"div", {"1.0", "3"}},
+    {"idiv", {"-7", "2"}}, {"idiv", {"-9223372036854775807-1", "-1"}}, {"idiv", {"7", "0"}},
+    {"idiv", {"7.9", "2"}}, {"imod", {"-7", "2"}}, {"imod", {"5", "-1"}}, {"imod", {"7", "0"}},
+    {"imod", {"7.5", "2"}}, {"lt", {"sqrt(-1)", "1"}}, {"ne", {"sqrt(-1)", "sqrt(-1)"}},
+    {"lt", {"3", "3.5"}}, {"poly", {"3", "2", "1.5"}}, {"poly", {"1", "2", "-0.5"}},
+    {"poly", {"2", "1", "3"}}, {"alias", {"3", "4"}}, {"alias", {"2.5", "4"}}, {"keep", {"5"}},
+    {"empty", {"1"}}, {"noresult", {"4"}}, {"early", {"2.5"}}, {"wide", {"1", "2", "3", "4", "5.5"}},
+    {"math", {"0.5"}}, {"math", {"1"}}, {"sum", {"5"}}, {"sum", {"2.5"}}, {"half", {"6"}},
+    {"fib", {"7"}}, {"fib", {"4.5"}}, {"skip", {"12"}}, {"logic", {"2", "1"}}, {"logic", {"0", "3.5"}},
+    {"logic", {"\"a\"", "1"}}, {"strs", {"4"}}, {"mixed", {"5"}}, {"calls", {"2"}}, {"calls", {"0.25"}},
+    {"zeroin", {"2"}}, {"zeroin", {"2.0"}}, {"fd", {"0.5"}}, {"fd", {"2"}}, {"sumd", {"6"}},
+};
+
+struct Outcome {
+    int32_t status = 0;
+    std::string value;
+    int64_t steps = 0;
+    std::string errors;  // what the error hook saw
+    bool operator==(const Outcome& o) const {
+        return status == o.status && value == o.value && steps == o.steps && errors == o.errors;
+    }
+};
+
+std::string gErrors;
+int32_t RecordError(KWCalcStack*, int32_t position, int32_t status) {
+    gErrors += std::to_string(position) + ":" + std::to_string(status) + " ";
+    return 0;
+}
+
+std::string Text(const CVar* v) {
+    if (v->type == 4) {
+        std::string r = "[";
+        for (int32_t i = 0; i < v->count; ++i) r += (i ? "," : "") + Text(&v->v.a[i]);
+        return r + "]";
+    }
+    if (v->type == 1) return "i" + std::to_string(v->v.i + 0);
+    if (v->type == 2) {
+        uint64_t bits;
+        std::memcpy(&bits, &v->v.d, 8);
+        return "d" + std::to_string(bits);  // the exact bits
+    }
+    if (v->type == 3) return "s" + std::string(v->v.s ? v->v.s : "", size_t(v->count));
+    return "e";
+}
+
+struct DiffEngine {
+    KWCalcDef* calc = nullptr;
+    KWCalcStack* s = nullptr;
+    explicit DiffEngine(int mode) {
+        EXPECT_EQ(KWCalcCreate(&calc, nullptr, nullptr), 0);
+        for (const char* text : kDiffScripts) EXPECT_EQ(KWCalcFunAddI(calc, text, nullptr, 0, 0), 0) << text;
+        for (const char* text : kDiffDebugScripts) EXPECT_EQ(KWCalcFunAddI(calc, text, nullptr, 1, 0), 0) << text;
+        for (auto& e : calc->names) {
+            if (mode == 1 && e->fast) {
+                auto copy = std::make_shared<kwz::calc::FastCode>(*e->fast);
+                copy->plans.clear();
+                e->fast = copy;
+            }
+            if (mode >= 2) e->fast.reset();
+        }
+        EXPECT_EQ(KWCalcStackCreate(calc, &s, 64), 0);
+        KWCalcStackSetHooks(s, nullptr, &RecordError);
+        memory = mode == 3 ? int64_t(1) << 30 : 0;
+    }
+    ~DiffEngine() {
+        KWCalcStackFree(s);
+        KWCalcDestroy(calc);
+    }
+    Outcome Call(const DiffRow& r, int64_t budget) {
+        EXPECT_EQ(KWCalcSetLimits(calc, 0, 0, 0), 0);
+        for (const char* a : r.args) EXPECT_EQ(KWCalcFormula(a, KWCalcStackPush(s), calc, 0), 0) << a;
+        EXPECT_EQ(KWCalcSetLimits(calc, budget, memory, 0), 0);
+        gErrors.clear();
+        Outcome o;
+        o.status = KWCalcFun2(s, r.fn);
+        o.steps = s->steps;
+        o.errors = gErrors;
+        if (o.status == 0) {
+            CVar out{};
+            EXPECT_EQ(KWCalcStackPop(s, &out), 0);
+            o.value = Text(&out);
+            CVarSetEmpty(&out);
+        }
+        EXPECT_EQ(s->top, 0) << r.fn;
+        return o;
+    }
+    int64_t memory = 0;
+};
+
+}  // namespace
+
+TEST(CalcEngineInternal, FastPathsMatchTheGeneralPath) {
+    DiffEngine engines[] = {DiffEngine(0), DiffEngine(1), DiffEngine(2), DiffEngine(3)};
+    // The plans exist for the pure-arithmetic bodies, not for the others.
+    for (const char* fn : {"f", "div", "idiv", "poly", "alias", "fd"}) {
+        const KWCalcNameDef* e = KWCalcNameFind(engines[0].calc, fn, nullptr);
+        ASSERT_TRUE(e && e->fast) << fn;
+        EXPECT_FALSE(e->fast->plans.empty()) << fn;
+    }
+    for (const char* fn : {"wide", "math", "sum", "strs"}) {
+        const KWCalcNameDef* e = KWCalcNameFind(engines[0].calc, fn, nullptr);
+        ASSERT_TRUE(e && e->fast) << fn;
+        EXPECT_TRUE(e->fast->plans.empty()) << fn;
+    }
+    // The benchmark's shapes run whole in the pre-decoded loop: loops,
+    // recursion with its calls, the formula.
+    for (const char* fn : {"f", "sum", "half", "fib", "skip", "sumd"}) {
+        const KWCalcNameDef* e = KWCalcNameFind(engines[0].calc, fn, nullptr);
+        int leaves = 0;
+        for (const kwz::calc::FastOp& op : e->fast->ops) leaves += op.kind == kwz::calc::kFastLeave;
+        EXPECT_EQ(leaves, 0) << fn;
+    }
+    for (const DiffRow& r : kDiffRows) {
+        const Outcome want = engines[3].Call(r, 1000000);
+        for (int m = 0; m < 3; ++m) {
+            const Outcome got = engines[m].Call(r, 1000000);
+            EXPECT_TRUE(got == want) << r.fn << " " << r.args[0] << " engine " << m << ": " << got.status << " "
+                                     << got.value << " " << got.steps << " " << got.errors << " want "
+                                     << want.status << " " << want.value << " " << want.steps << " "
+                                     << want.errors;
+        }
+        // Every smaller budget ends the run at the same instruction.
+        for (int64_t budget = 1; budget <= want.steps && budget < 400; ++budget) {
+            const Outcome full = engines[3].Call(r, budget);
+            for (int m = 0; m < 3; ++m)
+                EXPECT_TRUE(engines[m].Call(r, budget) == full) << r.fn << " " << r.args[0] << " engine " << m
+                                                                 << " budget " << budget;
+        }
+    }
+}
