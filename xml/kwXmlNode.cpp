@@ -39,20 +39,26 @@ _tagXMLNode* Adopt(_tagXMLNode* parent, std::unique_ptr<_tagXMLNode> node) {
 }
 
 void FreeBelow(_tagXMLNode* top) noexcept {
-    // Children go in the order in which they were made, which the allocator
-    // frees fastest: a node's list is reversed once, on arrival, and then
-    // taken from the back.
+    // Children go first to last, the order in which they were made and in
+    // which their memory lies.  A node below top keeps the place of the next
+    // child to free in its CalcRef, which it no longer needs.
+    uint32_t topNext = 0;
     _tagXMLNode* n = top;
-    n->Childs.reverse();
     for (;;) {
-        if (!n->Childs.empty()) {
-            _tagXMLNode* child = n->Childs.back();
-            n->Childs.pop_back();
+        uint32_t next = n == top ? topNext : static_cast<uint32_t>(n->CalcRef);
+        if (next < n->Childs.size()) {
+            _tagXMLNode* child = n->Childs[next++];
+            if (n == top) {
+                topNext = next;
+            } else {
+                n->CalcRef = static_cast<int32_t>(next);
+            }
             child->Parent = n;
+            child->CalcRef = 0;
             n = child;
-            n->Childs.reverse();
             continue;
         }
+        n->Childs.clear();
         if (n == top) return;
         _tagXMLNode* up = n->Parent;
         delete n;  // childless now: its destructor does not descend

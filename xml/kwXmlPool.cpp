@@ -117,31 +117,51 @@ void Retire(PoolCursor& c) noexcept {
     c.cut = 0;
 }
 
-// Blocks given back on this thread to one slab, not yet taken from its count:
-// a tree is freed in the order in which it was made, so most blocks in a row
-// belong to one slab and cost no atomic operation each.  The count is
-// settled when a block of another slab comes back, or when the thread ends
-// (a slab may thus stay mapped until then: one per thread at most).
+// Blocks given back on this thread, not yet taken from their slabs' counts:
+// a tree is freed in about the order in which it was made, so most blocks
+// in a row belong to a few slabs (the current one, and those of the names
+// that the parse shares) and cost no atomic operation each.  Each slab has
+// one place of a small table, by its address; a count is settled when a
+// block of another slab takes its place, or when the thread ends (a few
+// slabs may thus stay mapped until then).
+constexpr size_t kPendingSlots = 8;
 struct Pending {
-    Slab* slab;
-    int64_t n;
+    Slab* slab[kPendingSlots];
+    int64_t n[kPendingSlots];
+    bool registered;  // the thread's Holder is made
 };
-__thread Pending t_pending __attribute__((tls_model("initial-exec"))) = {nullptr, 0};
+__thread Pending t_pending __attribute__((tls_model("initial-exec"))) = {{}, {}, false};
 
-void Settle(Pending& p) noexcept {
-    if (p.slab) Drop(p.slab, p.n);
-    p.slab = nullptr;
-    p.n = 0;
+size_t SlotOf(const Slab* slab) { return (reinterpret_cast<uintptr_t>(slab) / kSlabBytes) % kPendingSlots; }
+
+void SettleAll(Pending& p) noexcept {
+    for (size_t i = 0; i < kPendingSlots; ++i) {
+        if (p.slab[i]) Drop(p.slab[i], p.n[i]);
+        p.slab[i] = nullptr;
+        p.n[i] = 0;
+    }
 }
 
-// The thread's hold on its current slab and its pending count end with the thread.
+// The thread's hold on its current slab and its pending counts end with the thread.
 struct Holder {
     ~Holder() {
-        Settle(t_pending);
+        SettleAll(t_pending);
         Retire(t_poolCursor);
     }
 };
 thread_local Holder t_holder;
+
+// A slot of the table taken over by slab: the count it held is settled.
+void Replace(Pending& p, size_t i, Slab* slab) noexcept {
+    if (p.slab[i]) {
+        Drop(p.slab[i], p.n[i]);
+    } else if (!p.registered) {
+        static_cast<void>(&t_holder);  // registers the settling at thread exit
+        p.registered = true;
+    }
+    p.slab[i] = slab;
+    p.n[i] = 1;
+}
 
 }  // namespace
 
@@ -174,14 +194,12 @@ void PoolGive(void* block) noexcept {
     }
     Slab* slab = SlabOf(block);
     Pending& p = t_pending;
-    if (slab == p.slab) {
-        ++p.n;
+    const size_t i = SlotOf(slab);
+    if (slab == p.slab[i]) {
+        ++p.n[i];
         return;
     }
-    Settle(p);
-    static_cast<void>(&t_holder);  // registers the settling at thread exit
-    p.slab = slab;
-    p.n = 1;
+    Replace(p, i, slab);
 }
 
 bool PoolShare(const void* block) noexcept {
