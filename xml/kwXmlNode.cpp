@@ -3,7 +3,9 @@
 
 #include <cstring>
 #include <memory>
+#include <typeinfo>
 
+#include "xml/kwXmlBlocks.h"
 #include "xml/kwXmlTree.h"
 
 namespace kwz::xml {
@@ -61,7 +63,11 @@ void FreeBelow(_tagXMLNode* top) noexcept {
         n->Childs.clear();
         if (n == top) return;
         _tagXMLNode* up = n->Parent;
-        delete n;  // childless now: its destructor does not descend
+        if (typeid(*n) == typeid(_tagXMLNode)) {
+            Blocks::Dispose(n);
+        } else {
+            delete n;  // childless now: its destructor does not descend
+        }
         n = up;
     }
 }

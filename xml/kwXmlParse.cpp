@@ -13,6 +13,8 @@
 #include <cstring>
 #include <memory>
 
+#include "xml/kwXmlBlocks.h"
+#include "xml/kwXmlPool.h"
 #include "xml/kwXmlTree.h"
 #include "text/kwText.h"
 
@@ -21,6 +23,7 @@ namespace {
 using kwz::text::IsBlank;
 
 using kwz::xml::Adopt;
+using kwz::xml::Blocks;
 using kwz::xml::NewNode;
 
 const char* SkipBlanks(const char* p) {
@@ -103,6 +106,11 @@ private:
     const char* FindUnescaped(const char* p, char wanted, bool* ampersand) const;
     static void Discard(_tagXMLNode* parent, _tagXMLNode* node);
 
+    // Settles the shares of names (Blocks::ShareLater) once the names below
+    // are given back: the tree may go to another thread after the parse.
+    struct Settle {
+        ~Settle() { kwz::xml::PoolSettle(); }
+    } m_settle;
     _tagParseInfo& m_info;
     // The names met last, by a hash of their bytes: a name that comes again
     // shares their storage.
@@ -125,8 +133,19 @@ void Parser::StoreValue(_tagXMLText& to, const char* begin, const char* end, boo
         while (end > begin && IsBlank(end[-1])) --end;
     }
     const size_t n = static_cast<size_t>(end - begin);
-    if (ampersand && m_info.entityValue && m_info.entities && std::memchr(begin, '&', n)) {
-        char* out = to.Reset(n);
+    const bool decode = ampersand && m_info.entityValue && m_info.entities && std::memchr(begin, '&', n);
+    // An element's value is its last run of text: a run that follows a
+    // child is written over the one before when that one was as long.
+    char* out = n ? Blocks::Rewrite(to, n) : nullptr;
+    if (out) {
+        if (decode) {
+            to.SetLength(kwz::xml::DecodeRefs(*m_info.entities, begin, n, out));
+        } else {
+            std::memcpy(out, begin, n);
+            to.SetLength(n);
+        }
+    } else if (decode) {
+        out = to.Reset(n);
         to.SetLength(kwz::xml::DecodeRefs(*m_info.entities, begin, n, out));
     } else {
         to.Assign(begin, n);
@@ -142,11 +161,11 @@ void Parser::StoreName(_tagXMLText& to, const char* begin, size_t length) {
     const size_t hash = (length * 31 + b[0] * 7 + b[length - 1] + b[length / 2] * 3) & 127;
     _tagXMLText& known = m_names[hash];
     if (known.length() == length && Same(known.c_str(), begin, length)) {
-        to.Share(known);
+        Blocks::ShareLater(to, known);
         return;
     }
     to.Assign(begin, length);
-    known.Share(to);
+    Blocks::ShareLater(known, to);
 }
 
 // The next wanted character that the escape character does not hide, or

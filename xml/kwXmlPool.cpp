@@ -26,18 +26,9 @@
 
 #include "base/kwMem.h"
 
-// Under AddressSanitizer every block is a heap block of its own, so that a
-// leaked or freed node is seen exactly as a heap block is.
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kHeapBlocks = true;
-#else
-constexpr bool kHeapBlocks = false;
-#endif
-
 namespace kwz::xml {
 namespace {
 
-constexpr size_t kSlabBytes = size_t{256} << 10;
 constexpr size_t kSlabHeader = 16;
 constexpr int64_t kBias = int64_t{1} << 48;
 
@@ -105,7 +96,9 @@ Slab* Map() {
     return slab;
 }
 
+// n may be below 0: shares counted in a table (PoolShareLater).
 void Drop(Slab* slab, int64_t n) noexcept {
+    if (n == 0) return;
     if (slab->count.fetch_sub(n, std::memory_order_acq_rel) == n) Unmap(slab);
 }
 
@@ -117,26 +110,9 @@ void Retire(PoolCursor& c) noexcept {
     c.cut = 0;
 }
 
-// Blocks given back on this thread, not yet taken from their slabs' counts:
-// a tree is freed in about the order in which it was made, so most blocks
-// in a row belong to a few slabs (the current one, and those of the names
-// that the parse shares) and cost no atomic operation each.  Each slab has
-// one place of a small table, by its address; a count is settled when a
-// block of another slab takes its place, or when the thread ends (a few
-// slabs may thus stay mapped until then).
-constexpr size_t kPendingSlots = 8;
-struct Pending {
-    Slab* slab[kPendingSlots];
-    int64_t n[kPendingSlots];
-    bool registered;  // the thread's Holder is made
-};
-__thread Pending t_pending __attribute__((tls_model("initial-exec"))) = {{}, {}, false};
-
-size_t SlotOf(const Slab* slab) { return (reinterpret_cast<uintptr_t>(slab) / kSlabBytes) % kPendingSlots; }
-
-void SettleAll(Pending& p) noexcept {
+void SettleAll(PoolPending& p) noexcept {
     for (size_t i = 0; i < kPendingSlots; ++i) {
-        if (p.slab[i]) Drop(p.slab[i], p.n[i]);
+        if (p.slab[i]) Drop(static_cast<Slab*>(p.slab[i]), p.n[i]);
         p.slab[i] = nullptr;
         p.n[i] = 0;
     }
@@ -145,29 +121,43 @@ void SettleAll(Pending& p) noexcept {
 // The thread's hold on its current slab and its pending counts end with the thread.
 struct Holder {
     ~Holder() {
-        SettleAll(t_pending);
+        SettleAll(t_poolPending);
         Retire(t_poolCursor);
     }
 };
 thread_local Holder t_holder;
 
-// A slot of the table taken over by slab: the count it held is settled.
-void Replace(Pending& p, size_t i, Slab* slab) noexcept {
+}  // namespace
+
+void PoolTake(void* slab, size_t i) noexcept {
+    PoolPending& p = t_poolPending;
     if (p.slab[i]) {
-        Drop(p.slab[i], p.n[i]);
+        Drop(static_cast<Slab*>(p.slab[i]), p.n[i]);
     } else if (!p.registered) {
         static_cast<void>(&t_holder);  // registers the settling at thread exit
         p.registered = true;
     }
     p.slab[i] = slab;
-    p.n[i] = 1;
+    p.n[i] = 0;
 }
 
-}  // namespace
+void PoolGiveSlow(void* block) noexcept {
+    if (kHeapBlocks) {
+        std::free(block);
+        return;
+    }
+    Slab* slab = SlabOf(block);
+    const size_t i = PendingSlot(slab);
+    PoolTake(slab, i);
+    t_poolPending.n[i] = 1;
+}
+
+void PoolSettle() noexcept { SettleAll(t_poolPending); }
 
 // Plain data, with the initial-exec model: the library is loaded with the
 // program, and reaching the cursor is an offset from the thread pointer.
 __thread PoolCursor t_poolCursor __attribute__((tls_model("initial-exec"))) = {nullptr, nullptr, nullptr, 0};
+__thread PoolPending t_poolPending __attribute__((tls_model("initial-exec"))) = {{}, {}, false};
 
 void* PoolCutSlow(size_t bytes) {
     if (kHeapBlocks) {
@@ -184,22 +174,6 @@ void* PoolCutSlow(size_t bytes) {
     c.end = reinterpret_cast<char*>(fresh) + kSlabBytes;
     c.cut = 1;
     return reinterpret_cast<char*>(fresh) + kSlabHeader;
-}
-
-void PoolGive(void* block) noexcept {
-    if (!block) return;
-    if (kHeapBlocks) {
-        std::free(block);
-        return;
-    }
-    Slab* slab = SlabOf(block);
-    Pending& p = t_pending;
-    const size_t i = SlotOf(slab);
-    if (slab == p.slab[i]) {
-        ++p.n[i];
-        return;
-    }
-    Replace(p, i, slab);
 }
 
 bool PoolShare(const void* block) noexcept {
