@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "base/kwMem.h"
 #include "xml/kwXmlPool.h"
@@ -36,6 +37,33 @@ struct Blocks {
         }
         if (!(to.Head() & _tagXMLText::kStatic)) to.Release();
         to.m_data = from.m_data;
+    }
+
+    // to takes a copy of n bytes (n > 0): Assign, inline for the parser's
+    // short names and values.
+    static void Copy(_tagXMLText& to, const char* bytes, size_t n) {
+        if (n + 9 > kPoolLargest) {
+            to.Assign(bytes, n);
+            return;
+        }
+        char* block = static_cast<char*>(PoolCut(n + 9));
+        const uint64_t head = n;
+        std::memcpy(block, &head, 8);
+        char* data = block + 8;
+        if (n >= 8 && n <= 16) {  // two words that may overlap, without a call
+            uint64_t a, b;
+            std::memcpy(&a, bytes, 8);
+            std::memcpy(&b, bytes + n - 8, 8);
+            std::memcpy(data, &a, 8);
+            std::memcpy(data + n - 8, &b, 8);
+        } else if (n < 8) {
+            for (size_t i = 0; i < n; ++i) data[i] = bytes[i];
+        } else {
+            std::memcpy(data, bytes, n);
+        }
+        data[n] = 0;
+        if (!(to.Head() & _tagXMLText::kStatic)) to.Release();
+        to.m_data = data;
     }
 
     // The text's own bytes, for writing up to n bytes again (then SetLength),

@@ -33,8 +33,8 @@ const _tagXMLText& KindName(int32_t type) {
 }
 
 _tagXMLNode* Adopt(_tagXMLNode* parent, std::unique_ptr<_tagXMLNode> node) {
-    // Many elements that have children have one or two: the list starts at two.
-    if (parent->Childs.capacity() == 0) parent->Childs.reserve(2);
+    // Many elements that have children have a few: the list starts at four.
+    if (parent->Childs.capacity() == 0) parent->Childs.reserve(4);
     parent->Childs.push_back(node.get());
     node->Parent = parent;
     return node.release();

@@ -147,8 +147,10 @@ void Parser::StoreValue(_tagXMLText& to, const char* begin, const char* end, boo
     } else if (decode) {
         out = to.Reset(n);
         to.SetLength(kwz::xml::DecodeRefs(*m_info.entities, begin, n, out));
+    } else if (n) {
+        Blocks::Copy(to, begin, n);
     } else {
-        to.Assign(begin, n);
+        to.Clear();
     }
 }
 
@@ -164,7 +166,7 @@ void Parser::StoreName(_tagXMLText& to, const char* begin, size_t length) {
         Blocks::ShareLater(to, known);
         return;
     }
-    to.Assign(begin, length);
+    Blocks::Copy(to, begin, length);
     Blocks::ShareLater(known, to);
 }
 
