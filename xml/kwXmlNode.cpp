@@ -50,6 +50,7 @@ void FreeBelow(_tagXMLNode* top) noexcept {
         uint32_t next = n == top ? topNext : static_cast<uint32_t>(n->CalcRef);
         if (next < n->Childs.size()) {
             _tagXMLNode* child = n->Childs[next++];
+            if (next < n->Childs.size()) __builtin_prefetch(n->Childs[next], 1);  // the next one to free
             if (n == top) {
                 topNext = next;
             } else {
