@@ -1,7 +1,9 @@
 // Parsing XML documents of 1 MB and 50 MB: this library against pugixml and
 // tinyxml2, in the same run, on the same bytes (none of the three parses in
 // place: pugixml and tinyxml2 copy the text, this library copies names and
-// values), each into a full tree with comments and CDATA sections.
+// values), each into a full tree with the declaration, comments and CDATA
+// sections (pugixml leaves out runs of blanks between tags, which this
+// library keeps as values).
 //
 // cycle:0 times the parse alone: the tree is freed with the clock paused.
 // cycle:1 times parse and free together.  All three are treated alike.
@@ -32,6 +34,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 // The heap, counted: the calls go to the C library's allocator and, while
 // counting is on, the bytes held and their peak are kept (one thread only).
@@ -160,7 +163,7 @@ void BM_Pugixml(benchmark::State& state) {
         state,
         [](const std::string& text) {
             auto* doc = new pugi::xml_document;
-            if (!doc->load_buffer(text.data(), text.size(), pugi::parse_default | pugi::parse_comments))
+            if (!doc->load_buffer(text.data(), text.size(), pugi::parse_default | pugi::parse_comments | pugi::parse_declaration))
                 std::abort();
             return doc;
         },
@@ -221,9 +224,13 @@ void BM_KwzScaling(benchmark::State& state) {
 
 BENCHMARK(BM_KwzScaling)->Iterations(1)->Unit(benchmark::kMillisecond);
 
-// Args: megabytes, and 1 to count the free with the parse.
-#define KWZ_XML_SIZES \
-    ->ArgsProduct({{1, 50}, {0, 1}})->ArgNames({"MB", "cycle"})->Unit(benchmark::kMillisecond)
+// Args: megabytes, and 1 to count the free with the parse.  With
+// repetitions, "_min" is reported beside the median: on a machine that
+// others share, the least time is the steadier figure.
+static double Least(const std::vector<double>& v) { return *std::min_element(v.begin(), v.end()); }
+#define KWZ_XML_SIZES                                                                             \
+    ->ArgsProduct({{1, 50}, {0, 1}})->ArgNames({"MB", "cycle"})->Unit(benchmark::kMillisecond) \
+        ->ComputeStatistics("min", Least)
 BENCHMARK(BM_Kwz) KWZ_XML_SIZES;
 BENCHMARK(BM_Pugixml) KWZ_XML_SIZES;
 BENCHMARK(BM_Tinyxml2) KWZ_XML_SIZES;
