@@ -152,7 +152,18 @@ void PoolGiveSlow(void* block) noexcept {
     t_poolPending.n[i] = 1;
 }
 
-void PoolSettle() noexcept { SettleAll(t_poolPending); }
+void PoolSettle() noexcept {
+    // Only the shares must be settled; gives may wait (a slab then stays a
+    // little longer), so a parse of a small text costs no atomic operation
+    // for them.
+    PoolPending& p = t_poolPending;
+    for (size_t i = 0; i < kPendingSlots; ++i) {
+        if (p.n[i] < 0) {
+            Drop(static_cast<Slab*>(p.slab[i]), p.n[i]);
+            p.n[i] = 0;
+        }
+    }
+}
 
 // Plain data, with the initial-exec model: the library is loaded with the
 // program, and reaching the cursor is an offset from the thread pointer.

@@ -103,7 +103,7 @@ inline bool PoolShareLater(const void* block) noexcept {
     --p.n[i];
     return true;
 }
-// Settles the thread's table with the slabs' counts.
+// Settles the shares counted in the thread's table with the slabs' counts.
 void PoolSettle() noexcept;
 
 // Bytes of the slabs in use (mapped and not kept spare).
