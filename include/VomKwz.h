@@ -1492,6 +1492,11 @@ private:
 
 struct _tagXMLNode;
 struct _tagXMLDocument;
+namespace kwz {
+namespace xml {
+struct Blocks; /* the library's freeing of whole trees */
+}
+}
 
 /* One entity of a table: the character and its reference ("&amp;"). */
 struct _tagXMLEntity {
@@ -1579,6 +1584,7 @@ private:
     static const Empty s_empty;
     uint64_t Head() const noexcept { return reinterpret_cast<const uint64_t*>(m_data)[-1]; }
     void Release() noexcept; /* gives the storage back; the text is empty after */
+    friend struct kwz::xml::Blocks;
 
     const char* m_data;
 };
@@ -1609,6 +1615,7 @@ public:
 
 protected:
     void Free() noexcept;
+    friend struct kwz::xml::Blocks;
     void** m_items = nullptr;
     uint32_t m_size = 0;
     uint32_t m_capacity = 0;

@@ -41,6 +41,25 @@ const ParseCase kParseCases[] = {
     {"<a x><b y='1'/></a>", 0, 0, 0, "a[x><b\\ y=1]", ""},  // "=" is searched past the tag
     {"<a x=1 y=\"2\" z='3'>t</a>", 0, 0, 0, "a[x=1;y=2;z=3]\"t\"", ""},
     {"<a x = '1'/>", 0, 0, 0, "a[x\\ =1]", ""},
+    // Tags of many attributes (they are added to the node eight at a time).
+    {"<t a1='1' a2='2' a3='3' a4='4' a5='5' a6='6' a7='7' a8='8'/>", 0, 0, 0, "t[a1=1;a2=2;a3=3;a4=4;a5=5;a6=6;a7=7;a8=8]", ""},
+    {"<t a1='1' a2='2' a3='3' a4='4' a5='5' a6='6' a7='7' a8='8' a9='9'/>", 0, 0, 0, "t[a1=1;a2=2;a3=3;a4=4;a5=5;a6=6;a7=7;a8=8;a9=9]", ""},
+    {"<t a1='1' a2='2' a3='3' a4='4' a5='5' a6='6' a7='7' a8='8' a9='9' a10='10' a11='11' a12='12' a13='13' a14='14' a15='15' a16='16' a17='17'/>", 0, 0, 0, "t[a1=1;a2=2;a3=3;a4=4;a5=5;a6=6;a7=7;a8=8;a9=9;a10=10;a11=11;a12=12;a13=13;a14=14;a15=15;a16=16;a17=17]", ""},
+    // A later run of text replaces the value, shorter, as long or longer,
+    // references turned and blanks trimmed in place.
+    {"<a>long text<b/>s<c/>\n</a>", 0, 0, 0, "a\"\n\"(b c)", ""},
+    {"<a>s<b/>longer text</a>", 0, 0, 0, "a\"longer text\"(b)", ""},
+    {"<a>1234567890<b/>&amp;&amp;</a>", 0, 0, 0, "a\"&&\"(b)", ""},
+    {"<a>x &amp; y<b/>&lt;&gt;z<c/>&amp;amp;</a>", 0, 0, 0, "a\"&amp;\"(b c)", ""},
+    {"<a>12345<b/>&amp;&amp;&amp;</a>", KWXML_PARSE_NO_ENTITIES, 0, 0, "a\"&amp;&amp;&amp;\"(b)", ""},
+    {"<a> abc <b/> </a>", KWXML_PARSE_TRIM, 0, 0, "a(b)", ""},
+    {"<a> abc <b/> d </a>", KWXML_PARSE_TRIM, 0, 0, "a\"d\"(b)", ""},
+    // Names and values of 1 to 17 bytes (copied in words up to 16), and
+    // names met again (one block shared by all of them).
+    {"<n1234567 a='1234567' b12345678='12345678'>1234567890123456<n1234567/>12345678901234567</n1234567>",
+     0, 0, 0, "n1234567[a=1234567;b12345678=12345678]\"12345678901234567\"(n1234567)", ""},
+    {"<n1234567890123456><x y='1'/><x y='2'/><x y='3'/><x y='4'/><x y='5'/></n1234567890123456>", 0, 0, 0,
+     "n1234567890123456(x[y=1] x[y=2] x[y=3] x[y=4] x[y=5])", ""},
     {"<a/ x='1'/>", 0, 1, 2, "", "Element must be closed."},
     // Declarations, comments and CDATA.
     {"<?xml version=\"1.0\"?>\n<!-- c -->\n<r/>\n<!-- after -->", 0, 0, 0,
@@ -110,6 +129,10 @@ TEST(xml, ElementNodeKeepsThePartialTreeAndItsOwner) {
         {"<!-- dropped --><a><b/>x</a>", 0, "a\"x\"(b)"},
         {"<a><b><c/>", 2, "a(b(c))"},
         {"<a><b x></b></a>", 4, "a(b)"},
+        // The attributes read before an error stay.
+        {"<a><b p='1' q=\"2\" r='3></b></a>", 4, "a(b[p=1;q=2;r=])"},
+        {"<a><b p='1' q='2' x></b></a>", 4, "a(b[p=1;q=2])"},
+        {"<a><b p='1'", 1, "a(b[p=1])"},
         {"nothing", 0, ""},
     };
     for (const auto& c : cases) {

@@ -105,6 +105,20 @@ TEST(xml_internal, NodeOperations) {
     EXPECT_EQ(r->GetAttr(1)->node, r);
     EXPECT_STREQ(r->GetAttrValue("b"), "&");
 
+    // Emptying a node frees its branch (the walk keeps its place in the
+    // nodes it frees) and leaves the node's own fields as they were.
+    {
+        _tagXMLNode* top = r->AppendChild("top", "");
+        ASSERT_NE(top->Load("<t><a><b/><c><d/></c></a><e/><f>x</f></t>", nullptr), nullptr);
+        top->GetChild(0)->CalcRef = 0;
+        top->CalcRef = 3;
+        top->Close();
+        EXPECT_EQ(top->CalcRef, 3);
+        EXPECT_EQ(top->GetChildCount(), 0);
+        EXPECT_EQ(top->Parent, r);
+        EXPECT_TRUE(r->RemoveChild(top));
+    }
+
     // Copies are detached and complete; a branch copy joins another tree.
     std::unique_ptr<_tagXMLNode> copy(r->CopyBranch());
     EXPECT_EQ(copy->Parent, nullptr);

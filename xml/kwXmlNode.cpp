@@ -3,7 +3,9 @@
 
 #include <cstring>
 #include <memory>
+#include <typeinfo>
 
+#include "xml/kwXmlBlocks.h"
 #include "xml/kwXmlTree.h"
 
 namespace kwz::xml {
@@ -31,31 +33,42 @@ const _tagXMLText& KindName(int32_t type) {
 }
 
 _tagXMLNode* Adopt(_tagXMLNode* parent, std::unique_ptr<_tagXMLNode> node) {
-    // Many elements that have children have one or two: the list starts at two.
-    if (parent->Childs.capacity() == 0) parent->Childs.reserve(2);
+    // Many elements that have children have a few: the list starts at four.
+    if (parent->Childs.capacity() == 0) parent->Childs.reserve(4);
     parent->Childs.push_back(node.get());
     node->Parent = parent;
     return node.release();
 }
 
 void FreeBelow(_tagXMLNode* top) noexcept {
-    // Children go in the order in which they were made, which the allocator
-    // frees fastest: a node's list is reversed once, on arrival, and then
-    // taken from the back.
+    // Children go first to last, the order in which they were made and in
+    // which their memory lies.  A node below top keeps the place of the next
+    // child to free in its CalcRef, which it no longer needs.
+    uint32_t topNext = 0;
     _tagXMLNode* n = top;
-    n->Childs.reverse();
     for (;;) {
-        if (!n->Childs.empty()) {
-            _tagXMLNode* child = n->Childs.back();
-            n->Childs.pop_back();
+        uint32_t next = n == top ? topNext : static_cast<uint32_t>(n->CalcRef);
+        if (next < n->Childs.size()) {
+            _tagXMLNode* child = n->Childs[next++];
+            if (next < n->Childs.size()) __builtin_prefetch(n->Childs[next], 1);  // the next one to free
+            if (n == top) {
+                topNext = next;
+            } else {
+                n->CalcRef = static_cast<int32_t>(next);
+            }
             child->Parent = n;
+            child->CalcRef = 0;
             n = child;
-            n->Childs.reverse();
             continue;
         }
+        n->Childs.clear();
         if (n == top) return;
         _tagXMLNode* up = n->Parent;
-        delete n;  // childless now: its destructor does not descend
+        if (typeid(*n) == typeid(_tagXMLNode)) {
+            Blocks::Dispose(n);
+        } else {
+            delete n;  // childless now: its destructor does not descend
+        }
         n = up;
     }
 }

@@ -13,6 +13,8 @@
 #include <cstring>
 #include <memory>
 
+#include "xml/kwXmlBlocks.h"
+#include "xml/kwXmlPool.h"
 #include "xml/kwXmlTree.h"
 #include "text/kwText.h"
 
@@ -21,6 +23,7 @@ namespace {
 using kwz::text::IsBlank;
 
 using kwz::xml::Adopt;
+using kwz::xml::Blocks;
 using kwz::xml::NewNode;
 
 const char* SkipBlanks(const char* p) {
@@ -103,6 +106,11 @@ private:
     const char* FindUnescaped(const char* p, char wanted, bool* ampersand) const;
     static void Discard(_tagXMLNode* parent, _tagXMLNode* node);
 
+    // Settles the shares of names (Blocks::ShareLater) once the names below
+    // are given back: the tree may go to another thread after the parse.
+    struct Settle {
+        ~Settle() { kwz::xml::PoolSettle(); }
+    } m_settle;
     _tagParseInfo& m_info;
     // The names met last, by a hash of their bytes: a name that comes again
     // shares their storage.
@@ -125,11 +133,24 @@ void Parser::StoreValue(_tagXMLText& to, const char* begin, const char* end, boo
         while (end > begin && IsBlank(end[-1])) --end;
     }
     const size_t n = static_cast<size_t>(end - begin);
-    if (ampersand && m_info.entityValue && m_info.entities && std::memchr(begin, '&', n)) {
-        char* out = to.Reset(n);
+    const bool decode = ampersand && m_info.entityValue && m_info.entities && std::memchr(begin, '&', n);
+    // An element's value is its last run of text: a run that follows a
+    // child is written over the one before when that one was as long.
+    char* out = n ? Blocks::Rewrite(to, n) : nullptr;
+    if (out) {
+        if (decode) {
+            to.SetLength(kwz::xml::DecodeRefs(*m_info.entities, begin, n, out));
+        } else {
+            std::memcpy(out, begin, n);
+            to.SetLength(n);
+        }
+    } else if (decode) {
+        out = to.Reset(n);
         to.SetLength(kwz::xml::DecodeRefs(*m_info.entities, begin, n, out));
+    } else if (n) {
+        Blocks::Copy(to, begin, n);
     } else {
-        to.Assign(begin, n);
+        to.Clear();
     }
 }
 
@@ -142,11 +163,11 @@ void Parser::StoreName(_tagXMLText& to, const char* begin, size_t length) {
     const size_t hash = (length * 31 + b[0] * 7 + b[length - 1] + b[length / 2] * 3) & 127;
     _tagXMLText& known = m_names[hash];
     if (known.length() == length && Same(known.c_str(), begin, length)) {
-        to.Share(known);
+        Blocks::ShareLater(to, known);
         return;
     }
-    to.Assign(begin, length);
-    known.Share(to);
+    Blocks::Copy(to, begin, length);
+    Blocks::ShareLater(known, to);
 }
 
 // The next wanted character that the escape character does not hide, or
@@ -187,30 +208,73 @@ void Parser::Discard(_tagXMLNode* parent, _tagXMLNode* node) {
 // The "=" is searched without regard to the tag's end, so "<a x><b y='1'/>"
 // gives a the attribute "x><b y": documents written for this reader rely on
 // it, and the writer's output never depends on it.
+namespace {
+
+// The attributes of a tag, gathered and then added to the node together, so
+// that its list is made once at its size.  Those not yet added are freed
+// with the gathering (when an allocation fails).
+class Gathered {
+public:
+    explicit Gathered(_tagXMLNode* node) : m_node(node) {}
+    Gathered(const Gathered&) = delete;
+    Gathered& operator=(const Gathered&) = delete;
+    ~Gathered() {
+        for (size_t i = 0; i < m_count; ++i) delete m_attrs[i];
+    }
+
+    // A new attribute, owned by the gathering until Add.
+    _tagXMLAttr* Make() {
+        if (m_count == kBatch) Add();
+        m_attrs[m_count] = new _tagXMLAttr;
+        return m_attrs[m_count++];
+    }
+
+    // The gathered attributes go to the node.
+    void Add() {
+        if (!m_count) return;
+        _tagXMLItems& list = m_node->Attrs;
+        const size_t need = list.size() + m_count;
+        if (need > list.capacity()) list.reserve(m_count == kBatch ? need * 2 : need);
+        for (size_t i = 0; i < m_count; ++i) m_node->AppendAttr(m_attrs[i]);
+        m_count = 0;
+    }
+
+private:
+    static constexpr size_t kBatch = 8;
+    _tagXMLNode* m_node;
+    _tagXMLAttr* m_attrs[kBatch];
+    size_t m_count = 0;
+};
+
+}  // namespace
+
 const char* Parser::Attributes(_tagXMLNode* node, const char* p, bool declaration) {
+    Gathered gathered(node);
     for (;;) {
         p = SkipBlanks(p);
         if (!*p) {
+            gathered.Add();
             Error(KWXML_ALONE_NOT_CLOSED, p, "Element must be closed.");
             return nullptr;
         }
-        if (*p == '>' || *p == (declaration ? '?' : '/')) return p;
+        if (*p == '>' || *p == (declaration ? '?' : '/')) {
+            gathered.Add();
+            return p;
+        }
         const char* eq = std::strchr(p, '=');
         if (!eq) {
+            gathered.Add();
             Error(KWXML_ATTR_NO_VALUE, p, KString::Format("<%s> attribute has error ", node->Name.c_str()));
             return nullptr;
         }
-        // Many tags with attributes have one or two: the list starts at two.
-        if (node->Attrs.capacity() == 0) node->Attrs.reserve(2);
-        auto made = std::make_unique<_tagXMLAttr>();
-        StoreName(made->name, p, static_cast<size_t>(eq - p));
-        _tagXMLAttr* attr = node->AppendAttr(made.get());
-        made.release();
+        _tagXMLAttr* attr = gathered.Make();
+        StoreName(attr->name, p, static_cast<size_t>(eq - p));
         const char* v = SkipBlanks(eq + 1);
         if (*v == '"' || *v == '\'') {
             bool ampersand = false;
             const char* close = FindUnescaped(v + 1, *v, &ampersand);
             if (!close) {
+                gathered.Add();
                 Error(KWXML_ATTR_NO_VALUE, p,
                       KString::Format("<%s> attribute has error ", node->Name.c_str()));
                 return nullptr;

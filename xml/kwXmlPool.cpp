@@ -26,18 +26,9 @@
 
 #include "base/kwMem.h"
 
-// Under AddressSanitizer every block is a heap block of its own, so that a
-// leaked or freed node is seen exactly as a heap block is.
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kHeapBlocks = true;
-#else
-constexpr bool kHeapBlocks = false;
-#endif
-
 namespace kwz::xml {
 namespace {
 
-constexpr size_t kSlabBytes = size_t{256} << 10;
 constexpr size_t kSlabHeader = 16;
 constexpr int64_t kBias = int64_t{1} << 48;
 
@@ -105,7 +96,9 @@ Slab* Map() {
     return slab;
 }
 
+// n may be below 0: shares counted in a table (PoolShareLater).
 void Drop(Slab* slab, int64_t n) noexcept {
+    if (n == 0) return;
     if (slab->count.fetch_sub(n, std::memory_order_acq_rel) == n) Unmap(slab);
 }
 
@@ -117,27 +110,18 @@ void Retire(PoolCursor& c) noexcept {
     c.cut = 0;
 }
 
-// Blocks given back on this thread to one slab, not yet taken from its count:
-// a tree is freed in the order in which it was made, so most blocks in a row
-// belong to one slab and cost no atomic operation each.  The count is
-// settled when a block of another slab comes back, or when the thread ends
-// (a slab may thus stay mapped until then: one per thread at most).
-struct Pending {
-    Slab* slab;
-    int64_t n;
-};
-__thread Pending t_pending __attribute__((tls_model("initial-exec"))) = {nullptr, 0};
-
-void Settle(Pending& p) noexcept {
-    if (p.slab) Drop(p.slab, p.n);
-    p.slab = nullptr;
-    p.n = 0;
+void SettleAll(PoolPending& p) noexcept {
+    for (size_t i = 0; i < kPendingSlots; ++i) {
+        if (p.slab[i]) Drop(static_cast<Slab*>(p.slab[i]), p.n[i]);
+        p.slab[i] = nullptr;
+        p.n[i] = 0;
+    }
 }
 
-// The thread's hold on its current slab and its pending count end with the thread.
+// The thread's hold on its current slab and its pending counts end with the thread.
 struct Holder {
     ~Holder() {
-        Settle(t_pending);
+        SettleAll(t_poolPending);
         Retire(t_poolCursor);
     }
 };
@@ -145,9 +129,46 @@ thread_local Holder t_holder;
 
 }  // namespace
 
+void PoolTake(void* slab, size_t i) noexcept {
+    PoolPending& p = t_poolPending;
+    if (p.slab[i]) {
+        Drop(static_cast<Slab*>(p.slab[i]), p.n[i]);
+    } else if (!p.registered) {
+        static_cast<void>(&t_holder);  // registers the settling at thread exit
+        p.registered = true;
+    }
+    p.slab[i] = slab;
+    p.n[i] = 0;
+}
+
+void PoolGiveSlow(void* block) noexcept {
+    if (kHeapBlocks) {
+        std::free(block);
+        return;
+    }
+    Slab* slab = SlabOf(block);
+    const size_t i = PendingSlot(slab);
+    PoolTake(slab, i);
+    t_poolPending.n[i] = 1;
+}
+
+void PoolSettle() noexcept {
+    // Only the shares must be settled; gives may wait (a slab then stays a
+    // little longer), so a parse of a small text costs no atomic operation
+    // for them.
+    PoolPending& p = t_poolPending;
+    for (size_t i = 0; i < kPendingSlots; ++i) {
+        if (p.n[i] < 0) {
+            Drop(static_cast<Slab*>(p.slab[i]), p.n[i]);
+            p.n[i] = 0;
+        }
+    }
+}
+
 // Plain data, with the initial-exec model: the library is loaded with the
 // program, and reaching the cursor is an offset from the thread pointer.
 __thread PoolCursor t_poolCursor __attribute__((tls_model("initial-exec"))) = {nullptr, nullptr, nullptr, 0};
+__thread PoolPending t_poolPending __attribute__((tls_model("initial-exec"))) = {{}, {}, false};
 
 void* PoolCutSlow(size_t bytes) {
     if (kHeapBlocks) {
@@ -164,24 +185,6 @@ void* PoolCutSlow(size_t bytes) {
     c.end = reinterpret_cast<char*>(fresh) + kSlabBytes;
     c.cut = 1;
     return reinterpret_cast<char*>(fresh) + kSlabHeader;
-}
-
-void PoolGive(void* block) noexcept {
-    if (!block) return;
-    if (kHeapBlocks) {
-        std::free(block);
-        return;
-    }
-    Slab* slab = SlabOf(block);
-    Pending& p = t_pending;
-    if (slab == p.slab) {
-        ++p.n;
-        return;
-    }
-    Settle(p);
-    static_cast<void>(&t_holder);  // registers the settling at thread exit
-    p.slab = slab;
-    p.n = 1;
 }
 
 bool PoolShare(const void* block) noexcept {
