@@ -9,22 +9,20 @@
 
 namespace {
 
-// Allocations left before the armed failure; 0 when nothing is armed.  One
-// relaxed load per allocation is all it costs when unarmed.
-std::atomic<int64_t> g_faultCountdown{0};
 std::atomic<bool> g_faultFired{false};
 
 }  // namespace
 
 namespace kwz {
 
+std::atomic<int64_t> g_faultCountdown{0};
+
 void FaultArm(int64_t n) {
     g_faultFired.store(false, std::memory_order_relaxed);
     g_faultCountdown.store(n > 0 ? n : 0, std::memory_order_relaxed);
 }
 
-bool FaultCheck() {
-    if (g_faultCountdown.load(std::memory_order_relaxed) == 0) return false;
+bool FaultCheckArmed() {
     if (g_faultCountdown.fetch_sub(1, std::memory_order_relaxed) != 1) return false;
     g_faultFired.store(true, std::memory_order_relaxed);
     return true;

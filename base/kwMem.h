@@ -2,6 +2,7 @@
 // the n-th allocation.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -20,7 +21,17 @@ void MemFree(void* block);
 // FaultFired() tells whether the armed allocation was reached.  The counter
 // is process-wide; tests that arm it run one thread at a time.
 void FaultArm(int64_t n);
-bool FaultCheck();
 bool FaultFired();
+
+// Allocations left before the armed failure; 0 when nothing is armed.
+extern std::atomic<int64_t> g_faultCountdown;
+// FaultCheck once something is armed.
+bool FaultCheckArmed();
+// Inline, so that the unarmed case (every allocation outside the fault
+// tests) costs one relaxed load and no call: the XML pool checks once per
+// block it cuts.
+inline bool FaultCheck() {
+    return g_faultCountdown.load(std::memory_order_relaxed) != 0 && FaultCheckArmed();
+}
 
 }  // namespace kwz
