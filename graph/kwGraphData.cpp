@@ -19,6 +19,7 @@
 #include "base/kwMem.h"
 #include "graph/kwGraph.h"
 #include "graph/kwGraphData.h"
+#include "graph/kwGraphGather.h"
 
 namespace kwz::graph {
 namespace {
@@ -81,11 +82,28 @@ void* SaveLinks(TGraphItem const& g) {
     StoreU32(p + 4, g.linkCount);
     std::vector<uint64_t> keys;
     keys.reserve(k);
-    for (TGraphNode const* n = g.nodeFirst; n; n = n->nodeNext) {
-        const uint32_t id = n->id;
-        for (TGraphLink const* h = n->linkFirst; h; h = h->next) {
-            const uint32_t far = h->pair->owner->id;
-            if (far > id) keys.push_back(uint64_t(id) << 32 | far);
+    auto key = [&keys](uint32_t id, TGraphLink const* h) {
+        const uint32_t far = h->pair->owner->id;
+        if (far > id) keys.push_back(uint64_t(id) << 32 | far);
+    };
+    // The lists are read a run of nodes at a time (see LinkGather).
+    LinkGather gather;
+    TGraphNode const* run[LinkGather::kRun] = {};
+    for (TGraphNode const* n = g.nodeFirst; n;) {
+        size_t count = 0;
+        for (; n && count < LinkGather::kRun; n = n->nodeNext) run[count++] = n;
+        gather.Load(run, count);
+        const size_t total = gather.Total(count);
+        for (size_t i = 0; i < count; ++i) {
+            const uint32_t id = run[i]->id;
+            if (!gather.Whole(i)) {
+                for (TGraphLink const* h = run[i]->linkFirst; h; h = h->next) key(id, h);
+                continue;
+            }
+            for (size_t j = gather.Begin(i), e = gather.End(i); j < e; ++j) {
+                gather.Ahead(j, total);
+                key(id, gather.At(j));
+            }
         }
     }
     RadixSort(keys.data(), keys.size());
