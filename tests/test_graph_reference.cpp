@@ -242,11 +242,14 @@ TEST_P(GraphReference, ShortestPaths) {
     }
 }
 
-// Every mark of the graph, node by node and half-link by half-link.
+// Every mark of the graph, node by node (the node's own, then its
+// half-links').
 std::vector<uint32_t> Marks(TGraphItem* g) {
     std::vector<uint32_t> marks;
-    for (TGraphNode* n = GraphNodeFirst(g); n; n = GraphNodeNodeNext(n))
+    for (TGraphNode* n = GraphNodeFirst(g); n; n = GraphNodeNodeNext(n)) {
+        marks.push_back(n->mark);
         for (TGraphLink* h = GraphNodeLinkFirst(n); h; h = GraphLinkNext(h)) marks.push_back(GraphLinkMark(h));
+    }
     return marks;
 }
 
