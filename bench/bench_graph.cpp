@@ -7,11 +7,13 @@
 //              allocator's count of bytes in use
 //   pathcut    GraphBuildPathCut between two far nodes, against a
 //              bidirectional breadth-first search on Boost's graph that
-//              returns the same links (all shortest paths)
+//              returns the same links (all shortest paths; same_links = 1
+//              says that they are the same set)
 //   component  GraphXor of a one-node graph (the node's connected part, built
 //              as a new graph), against breadth_first_search from the node
-//              collecting the part's vertices, and against
-//              connected_components over the whole graph
+//              collecting the part's vertices, against a search that builds
+//              the part as a new Boost graph with its id map (the same work),
+//              and against connected_components over the whole graph
 //   save/load  GraphDataSave / GraphDataLoad of nodes and links, against
 //              writing the edge array and building a Boost graph from it
 //
@@ -28,6 +30,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <random>
+#include <set>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
@@ -231,6 +234,17 @@ void Build_Boost(benchmark::State& state) {
     }
 }
 
+// The links of a result, as ordered id pairs.
+std::set<std::pair<uint32_t, uint32_t>> LinksOf(TGraphItem* r) {
+    std::set<std::pair<uint32_t, uint32_t>> links;
+    for (TGraphNode* n = GraphNodeFirst(r); n; n = GraphNodeNodeNext(n))
+        for (TGraphLink* h = GraphNodeLinkFirst(n); h; h = GraphLinkNext(h)) {
+            const uint32_t a = GraphNodeId(n), b = GraphNodeId(GraphLinkPair(h));
+            links.emplace(std::min(a, b), std::max(a, b));
+        }
+    return links;
+}
+
 void PathCut_Ours(benchmark::State& state) {
     TGraphItem* g = Ours();
     auto [s, t] = FarPair();
@@ -240,6 +254,16 @@ void PathCut_Ours(benchmark::State& state) {
         state.counters["links"] = GraphLinkCount(r);
         GraphDelete(r);
     }
+    // The peer must find the same links: same_links is 1 when it does (after
+    // the timed loop).
+    Peer& p = ThePeer();
+    std::vector<std::pair<Vertex, Vertex>> out;
+    PeerPathCut(p, p.index.at(s), p.index.at(t), out);
+    std::set<std::pair<uint32_t, uint32_t>> peer;
+    for (auto [x, y] : out) peer.emplace(std::min(p.idOf[x], p.idOf[y]), std::max(p.idOf[x], p.idOf[y]));
+    TGraphItem* r = GraphBuildPathCut(g, from, to);
+    state.counters["same_links"] = LinksOf(r) == peer && peer.size() == out.size();
+    GraphDelete(r);
 }
 
 void PathCut_Boost(benchmark::State& state) {
@@ -256,6 +280,7 @@ void Component_Ours(benchmark::State& state) {
     for (auto _ : state) {
         TGraphItem* r = GraphXor(seed, g);
         state.counters["nodes"] = GraphNodeCount(r);
+        state.counters["links"] = GraphLinkCount(r);
         GraphDelete(r);
     }
     GraphDelete(seed);
@@ -278,6 +303,40 @@ void Component_BoostBfs(benchmark::State& state) {
                                     boost::visitor(visitor).color_map(boost::make_iterator_property_map(
                                         color.begin(), boost::get(boost::vertex_index, p.g))));
         state.counters["nodes"] = double(seen.size());
+    }
+}
+
+// The same work as GraphXor: a breadth-first search that builds the part as
+// a new graph, with its id map, each link added once.
+void Component_BoostBuild(benchmark::State& state) {
+    Peer& p = ThePeer();
+    const Vertex s = p.index.at(FarPair().first);
+    for (auto _ : state) {
+        Peer part;
+        std::vector<uint8_t> stateOf(boost::num_vertices(p.g), 0);  // 1 queued, 2 expanded
+        std::vector<Vertex> copyOf(boost::num_vertices(p.g));
+        auto take = [&](Vertex v) {
+            const uint32_t id = p.idOf[v];
+            copyOf[v] = part.index.emplace(id, boost::add_vertex(part.g)).first->second;
+            part.idOf.push_back(id);
+            stateOf[v] = 1;
+        };
+        std::vector<Vertex> queue{s};
+        take(s);
+        for (size_t i = 0; i < queue.size(); ++i) {
+            const Vertex u = queue[i];
+            for (auto [e, end] = boost::out_edges(u, p.g); e != end; ++e) {
+                const Vertex v = boost::target(*e, p.g);
+                if (stateOf[v] == 0) {
+                    take(v);
+                    queue.push_back(v);
+                }
+                if (stateOf[v] != 2) boost::add_edge(copyOf[u], copyOf[v], part.g);
+            }
+            stateOf[u] = 2;
+        }
+        state.counters["nodes"] = double(boost::num_vertices(part.g));
+        state.counters["links"] = double(boost::num_edges(part.g));
     }
 }
 
@@ -345,6 +404,7 @@ BENCHMARK(PathCut_Ours)->Iterations(20)->Unit(benchmark::kMillisecond);
 BENCHMARK(PathCut_Boost)->Iterations(20)->Unit(benchmark::kMillisecond);
 KWG_BENCH(Component_Ours);
 KWG_BENCH(Component_BoostBfs);
+KWG_BENCH(Component_BoostBuild);
 KWG_BENCH(Component_BoostAll);
 KWG_BENCH(Save_Ours);
 KWG_BENCH(Save_Boost);

@@ -5,6 +5,8 @@
 
 #include <VomKwz.h>
 
+#include "graph/kwGraphGather.h"
+
 #include <cstdint>
 #include <mutex>
 #include <vector>
@@ -57,10 +59,14 @@ struct TGraphHeap {
 // (touched), and every half-link whose mark it set (links).  A search that
 // does not keep the link list (allExpanded) has its link marks cleared
 // through all the half-links of the touched nodes.
+// The frontiers and the gathered lists of BuildPathCut live here too, so that
+// searches in a row reuse their room.
 struct TGraphScratch {
     std::vector<TGraphNode*> touched;
     std::vector<TGraphLink*> links;
     bool allExpanded = false;
+    std::vector<TGraphNode*> first, second, wave;
+    kwz::graph::LinkGather gather;
     void Reset() {
         touched.clear();
         links.clear();

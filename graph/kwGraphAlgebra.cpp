@@ -2,10 +2,13 @@
 // expansion along another graph's links, contraction, and the border search.
 // Node identity across graphs is the id; taking a node into a result copies
 // its group list when the result's node has none.
+#include <algorithm>
+#include <iterator>
 #include <unordered_set>
 #include <vector>
 
 #include "graph/kwGraph.h"
+#include "graph/kwGraphGather.h"
 
 namespace {
 
@@ -40,6 +43,10 @@ public:
             if (e.index == kNone) return none_;
             if (e.id == id) return e.index;
         }
+    }
+    // Fetches the slot where the search for id starts.
+    void Prefetch(uint32_t id) const {
+        if (!slots_.empty()) kwz::graph::Prefetch(&slots_[Slot(id)]);
     }
     // id is not in the map yet.
     void Insert(uint32_t id, uint32_t index) {
@@ -100,43 +107,92 @@ TGraphItem Expand(TGraphItem const& a, TGraphItem const& b, GraphLinkFilter filt
         index.Insert(n->id, uint32_t(nodes.size()));
         nodes.push_back({n, b.FindNode(n->id), true});
     }
-    auto expand = [&](size_t fi) {
+    // One half-link h of B's copy of the frontier node nodes[fi].
+    auto visit = [&](size_t fi, TGraphLink const* h) {
         TGraphNode* f = nodes[fi].node;
-        TGraphNode const* nb = nodes[fi].inB;
-        const bool fFromA = nodes[fi].fromA;
-        if (nb) {
-            for (TGraphLink* h = nb->linkFirst; h; h = h->next) {
-                TGraphNode const& far = *h->pair->owner;
-                if (!filter(f->id, far.id, context)) continue;
-                if (r.nodeCount >= r.hashLimit) kwz::graph::GrowHash(r);
-                const uint32_t ti = index.Find(far.id);
-                if (ti == IdIndex::kNone) {
-                    TGraphNode* to = kwz::graph::AppendAbsentNode(r, far);
-                    index.Insert(far.id, uint32_t(nodes.size()));
-                    nodes.push_back({to, &far, false});
-                    kwz::graph::AppendNewLink(r, *f, *to);
-                    continue;
-                }
-                if (all && (ti & IdIndex::kExpanded) && !far.groupFirst) continue;  // linked already
-                Entry const& t = nodes[ti & ~IdIndex::kExpanded];
-                if (far.groupFirst && !t.node->groupFirst) r.AppendNode(far);  // takes far's group list
-                if (ti & IdIndex::kExpanded) {
-                    if (!all) r.AppendLink(*f, *t.node);
-                } else if (fFromA && t.fromA) {
-                    r.AppendLink(*f, *t.node);
-                } else {
-                    kwz::graph::AppendNewLink(r, *f, *t.node);
+        TGraphNode const& far = *h->pair->owner;
+        if (!filter(f->id, far.id, context)) return;
+        if (r.nodeCount >= r.hashLimit) kwz::graph::GrowHash(r);
+        const uint32_t ti = index.Find(far.id);
+        if (ti == IdIndex::kNone) {
+            TGraphNode* to = kwz::graph::AppendAbsentNode(r, far);
+            index.Insert(far.id, uint32_t(nodes.size()));
+            nodes.push_back({to, &far, false});
+            kwz::graph::AppendNewLink(r, *f, *to);
+            return;
+        }
+        if (all && (ti & IdIndex::kExpanded) && !far.groupFirst) return;  // linked already
+        Entry const& t = nodes[ti & ~IdIndex::kExpanded];
+        if (far.groupFirst && !t.node->groupFirst) r.AppendNode(far);  // takes far's group list
+        if (ti & IdIndex::kExpanded) {
+            if (!all) r.AppendLink(*f, *t.node);
+        } else if (nodes[fi].fromA && t.fromA) {
+            r.AppendLink(*f, *t.node);
+        } else {
+            kwz::graph::AppendNewLink(r, *f, *t.node);
+        }
+    };
+    // Expands the frontier nodes at the indexes given, in that order, their
+    // lists in B gathered first; what each visit reads is fetched a few
+    // half-links ahead.
+    kwz::graph::LinkGather gather;
+    TGraphNode* ahead[4] = {};  // r's nodes of the far ends of the next entries
+    auto expandRun = [&](size_t const* run, size_t count) {
+        TGraphNode const* inB[kwz::graph::LinkGather::kRun] = {};
+        for (size_t k = 0; k < count; ++k) inB[k] = nodes[run[k]].inB;
+        gather.Load(inB, count);
+        const size_t total = gather.Total(count);
+        std::fill(std::begin(ahead), std::end(ahead), nullptr);
+        for (size_t k = 0; k < count; ++k) {
+            const size_t fi = run[k];
+            if (!gather.Whole(k)) {
+                if (inB[k])
+                    for (TGraphLink* h = inB[k]->linkFirst; h; h = h->next) visit(fi, h);
+            } else {
+                for (size_t j = gather.Begin(k), e = gather.End(k); j < e; ++j) {
+                    // Far node, its index slot, its record in r, the first
+                    // two half-links of that record's list (where a link
+                    // to it is inserted): each a step nearer.
+                    gather.Ahead<10>(j, total);
+                    if (TGraphNode const* far = gather.FarAt(j + 7, total)) index.Prefetch(far->id);
+                    TGraphNode*& slot = ahead[j & 3];
+                    if (TGraphNode const* far = gather.FarAt(j + 4, total)) {
+                        const uint32_t ti = index.Find(far->id);
+                        slot = ti == IdIndex::kNone ? nullptr : nodes[ti & ~IdIndex::kExpanded].node;
+                        if (slot) kwz::graph::Prefetch(slot);
+                    } else {
+                        slot = nullptr;
+                    }
+                    if (TGraphNode* t = ahead[(j + 2) & 3])
+                        if (t->linkFirst) kwz::graph::Prefetch(t->linkFirst);
+                    if (TGraphNode* t = ahead[(j + 1) & 3])
+                        if (t->linkFirst && t->linkFirst->next) kwz::graph::Prefetch(t->linkFirst->next);
+                    visit(fi, gather.At(j));
                 }
             }
+            index.Find(nodes[fi].node->id) |= IdIndex::kExpanded;
         }
-        index.Find(f->id) |= IdIndex::kExpanded;
+    };
+    // The first pass goes up a's nodes, each later one down the nodes that
+    // the pass before added.
+    auto pass = [&](size_t from, size_t to, bool down) {
+        size_t run[kwz::graph::LinkGather::kRun] = {};
+        size_t count = 0;
+        for (size_t n = from; n < to; ++n) {
+            run[count++] = down ? to - 1 - (n - from) : n;
+            if (count == kwz::graph::LinkGather::kRun) {
+                expandRun(run, count);
+                count = 0;
+            }
+        }
+        if (count) expandRun(run, count);
     };
     size_t done = nodes.size();
-    for (size_t i = 0; i < done; ++i) expand(i);
+    pass(0, done, false);
     while (done < nodes.size()) {
         const size_t from = done;
         done = nodes.size();
-        for (size_t i = done; i-- > from;) expand(i);
+        pass(from, done, true);
     }
     return r;
 }

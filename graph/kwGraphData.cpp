@@ -10,6 +10,7 @@
 // over `field` members, as those readers do.
 #include <algorithm>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <new>
 #include <utility>
@@ -19,6 +20,7 @@
 #include "base/kwMem.h"
 #include "graph/kwGraph.h"
 #include "graph/kwGraphData.h"
+#include "graph/kwGraphGather.h"
 
 namespace kwz::graph {
 namespace {
@@ -71,8 +73,8 @@ void RadixSort(uint64_t* keys, size_t count) {
     if (from != keys) std::memcpy(keys, from, count * sizeof *keys);
 }
 
-// Each link once, as (lower id, higher id): written from its lower end as a
-// 64-bit key (lower id in the high half), sorted, then laid out as pairs.
+// Each link once, as (lower id, higher id): collected as a 64-bit key (lower
+// id in the high half), sorted, then laid out as pairs.
 void* SaveLinks(TGraphItem const& g) {
     const size_t k = g.linkCount;
     Block block(8 * k + 8);
@@ -81,12 +83,43 @@ void* SaveLinks(TGraphItem const& g) {
     StoreU32(p + 4, g.linkCount);
     std::vector<uint64_t> keys;
     keys.reserve(k);
-    for (TGraphNode const* n = g.nodeFirst; n; n = n->nodeNext) {
-        const uint32_t id = n->id;
-        for (TGraphLink const* h = n->linkFirst; h; h = h->next) {
-            const uint32_t far = h->pair->owner->id;
-            if (far > id) keys.push_back(uint64_t(id) << 32 | far);
+    // The sort makes the order of collection irrelevant, so the link blocks
+    // are read in memory order: a record in use (it has an owner and is not
+    // on the free list) that lies before its pair stands for its link.
+    std::vector<TGraphLink const*> free;
+    for (TGraphLink const* h = g.freeLinks; h; h = h->next) free.push_back(h);
+    std::sort(free.begin(), free.end(), std::less<TGraphLink const*>());
+    auto inUse = [&free](TGraphLink const* h) {
+        return h->owner && h->pair && std::less<TGraphLink const*>()(h, h->pair) &&
+               (free.empty() || !std::binary_search(free.begin(), free.end(), h, std::less<TGraphLink const*>()));
+    };
+    for (TLinkHeap const* block = g.linkHeaps; block; block = block->next)
+        for (uint32_t k = 0; k < kGraphBlockRecords; ++k) {
+            if (k + 8 < kGraphBlockRecords) {
+                TGraphLink const& ahead = block->links[k + 8];
+                if (ahead.owner && ahead.pair) {
+                    Prefetch(ahead.owner);
+                    Prefetch(ahead.pair);
+                }
+            }
+            if (k + 4 < kGraphBlockRecords) {
+                TGraphLink const& ahead = block->links[k + 4];
+                if (ahead.owner && ahead.pair && ahead.pair->owner) Prefetch(ahead.pair->owner);
+            }
+            TGraphLink const* h = &block->links[k];
+            if (!inUse(h)) continue;
+            const uint32_t a = h->owner->id, b = h->pair->owner->id;
+            keys.push_back(a < b ? uint64_t(a) << 32 | b : uint64_t(b) << 32 | a);
         }
+    // A graph whose blocks and lists disagree (only a damaged one) is read
+    // through its lists instead.
+    if (keys.size() != k) {
+        keys.clear();
+        for (TGraphNode const* n = g.nodeFirst; n; n = n->nodeNext)
+            for (TGraphLink const* h = n->linkFirst; h; h = h->next) {
+                const uint32_t far = h->pair->owner->id;
+                if (far > n->id) keys.push_back(uint64_t(n->id) << 32 | far);
+            }
     }
     RadixSort(keys.data(), keys.size());
     for (size_t i = 0; i < k && i < keys.size(); ++i) {

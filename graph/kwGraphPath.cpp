@@ -4,11 +4,13 @@
 // only what the previous search marked (the nodes it touched and their
 // half-links), so that a query between near nodes of a large graph costs what
 // it visits; no mark of an earlier search is ever left behind.
+#include <algorithm>
 #include <unordered_set>
 #include <utility>
 #include <vector>
 
 #include "graph/kwGraph.h"
+#include "graph/kwGraphGather.h"
 
 namespace {
 
@@ -18,13 +20,18 @@ using Nodes = std::vector<TGraphNode*>;
 constexpr uint32_t kSpent = 0xFFFFFFFFu;
 
 void ZeroMarks(TGraphScratch& s) {
-    for (TGraphNode* n : s.touched) {
+    for (size_t i = 0, e = s.touched.size(); i < e; ++i) {
+        if (i + 16 < e) kwz::graph::Prefetch(s.touched[i + 16]);
+        TGraphNode* n = s.touched[i];
         n->mark = 0;
         if (s.allExpanded)
             for (TGraphLink* h = n->linkFirst; h; h = h->next) h->mark = 0;
     }
     if (!s.allExpanded)
-        for (TGraphLink* h : s.links) h->mark = 0;
+        for (size_t i = 0, e = s.links.size(); i < e; ++i) {
+            if (i + 16 < e) kwz::graph::Prefetch(s.links[i + 16]);
+            s.links[i]->mark = 0;
+        }
     s.Reset();
 }
 
@@ -166,29 +173,50 @@ struct CutSearch {
     Marker marker;
     std::vector<TGraphLink*>& links;  // every half-link marked, for the next search to clear
     TGraphItem& r;
-    Nodes scratch;
+    Nodes& scratch;
+    kwz::graph::LinkGather& gather;
 
-    // One wave on frontier f; the meeting side, or 0.
+    // Half-link h of a frontier node of the side and level given.
+    void Visit(TGraphLink* h, uint32_t side, uint32_t level, uint32_t& meet) {
+        if (h->mark) return;
+        TGraphNode* y = h->pair->owner;
+        if (!y->mark) {
+            scratch.push_back(y);
+            marker.Set(y, Mark(side, level + 1));
+        } else if (Side(y->mark) != side) {
+            scratch.push_back(y);
+            meet = side;
+        }
+        links.push_back(h);
+        links.push_back(h->pair);
+        h->mark = 1;
+        h->pair->mark = 2;
+    }
+
+    // One wave on frontier f; the meeting side, or 0.  The frontier is read a
+    // run of nodes at a time, their lists gathered first (same order).
     uint32_t Wave(Nodes& f) {
+        using kwz::graph::LinkGather;
         scratch.clear();
         uint32_t meet = 0;
-        for (TGraphNode* x : f) {
-            const uint32_t side = Side(x->mark);
-            const uint32_t level = Level(x->mark);
-            for (TGraphLink* h = x->linkFirst; h; h = h->next) {
-                if (h->mark) continue;
-                TGraphNode* y = h->pair->owner;
-                if (!y->mark) {
-                    scratch.push_back(y);
-                    marker.Set(y, Mark(side, level + 1));
-                } else if (Side(y->mark) != side) {
-                    scratch.push_back(y);
-                    meet = side;
+        for (size_t b = 0; b < f.size(); b += LinkGather::kRun) {
+            const size_t count = std::min(LinkGather::kRun, f.size() - b);
+            for (size_t i = b + LinkGather::kRun, e = std::min(f.size(), i + LinkGather::kRun); i < e; ++i)
+                kwz::graph::Prefetch(f[i]);
+            gather.Load(&f[b], count);
+            const size_t total = gather.Total(count);
+            for (size_t i = 0; i < count; ++i) {
+                TGraphNode* x = f[b + i];
+                const uint32_t side = Side(x->mark);
+                const uint32_t level = Level(x->mark);
+                if (!gather.Whole(i)) {
+                    for (TGraphLink* h = x->linkFirst; h; h = h->next) Visit(h, side, level, meet);
+                    continue;
                 }
-                links.push_back(h);
-                links.push_back(h->pair);
-                h->mark = 1;
-                h->pair->mark = 2;
+                for (size_t j = gather.Begin(i), e = gather.End(i); j < e; ++j) {
+                    gather.Ahead(j, total);
+                    Visit(gather.At(j), side, level, meet);
+                }
             }
         }
         if (!meet) {
@@ -291,13 +319,13 @@ TGraphItem TGraphItem::BuildPathCut(TGraphNode& from, TGraphNode& to) {
     if (!from.linkCount || !to.linkCount) return r;
     TGraphScratch& marked = TGraphScratchBegin(*this, scratch_, false);
     try {
-        CutSearch search{*this, Marker{marked.touched}, marked.links, r, {}};
+        CutSearch search{*this, Marker{marked.touched}, marked.links, r, marked.wave, marked.gather};
         search.marker.Set(&from, Mark(1, 0));
         search.marker.Set(&to, Mark(2, 0));
-        Nodes first{&from}, second{&to};
-        first.reserve(256);
-        second.reserve(256);
-        search.scratch.reserve(256);
+        Nodes& first = marked.first;
+        Nodes& second = marked.second;
+        first.assign(1, &from);
+        second.assign(1, &to);
         for (uint32_t level = 0;; ++level) {
             if (search.Wave(first)) {
                 search.Build(first, 1, level);
@@ -310,7 +338,11 @@ TGraphItem TGraphItem::BuildPathCut(TGraphNode& from, TGraphNode& to) {
             }
             if (second.empty()) break;
         }
-        for (TGraphNode* n : marked.touched) n->mark = Side(n->mark);
+        for (size_t i = 0, e = marked.touched.size(); i < e; ++i) {
+            if (i + 16 < e) kwz::graph::Prefetch(marked.touched[i + 16]);
+            TGraphNode* n = marked.touched[i];
+            n->mark = Side(n->mark);
+        }
     } catch (...) {
         ZeroMarks(marked);
         throw;

@@ -6,6 +6,7 @@
 #include <VomKwz.h>
 
 #include <functional>
+#include <iterator>
 #include <random>
 
 #include "fault_harness.h"
@@ -262,5 +263,47 @@ TEST(graph_internal, ExpansionGivesWhatThePlainOperationsGive) {
             EXPECT_EQ(fast.GetHashSize(), plain.GetHashSize()) << row.range;
             EXPECT_GT(fast.nodeCount, a.nodeCount) << row.range;
         }
+    }
+}
+
+TEST(graph_internal, GatheredListsMatchTheListsOrAreLeftToTheWalk) {
+    // (links of the node, change to its linkCount, gathered whole): a list
+    // whose length disagrees with its count is not gathered; the searches then
+    // walk it themselves.  Node 0 of the table stands for a null entry.
+    const struct {
+        uint32_t links;
+        int countChange;
+        bool whole;
+    } rows[] = {{3, 0, true}, {0, 0, true}, {1, 0, true},  {20, 0, true},  {5, 1, false},
+                {5, -1, false}, {2, 0, true}, {1, -1, false}, {0, 2, false}, {7, 0, true}};
+    TGraphItem g;
+    std::vector<TGraphNode const*> run;
+    uint32_t next = 1000;
+    for (auto const& row : rows) {
+        TGraphNode* n = g.AppendNode(next++);
+        for (uint32_t k = 0; k < row.links; ++k) g.AppendLink(*n, *g.AppendNode(next++));
+        run.push_back(n);
+    }
+    run.insert(run.begin() + 3, nullptr);  // a node B does not hold
+    kwz::graph::LinkGather gather;
+    for (int pass = 0; pass < 2; ++pass) {  // the second reuses the room of the first
+        for (size_t r = 0; r < std::size(rows); ++r)
+            const_cast<TGraphNode*>(run[r < 3 ? r : r + 1])->linkCount += pass == 0 ? rows[r].countChange : 0;
+        gather.Load(run.data(), run.size());
+        for (size_t i = 0; i < run.size(); ++i) {
+            const bool isNull = i == 3;
+            const size_t r = i < 3 ? i : i - 1;
+            const bool whole = isNull || rows[r].whole || pass == 1;
+            ASSERT_EQ(gather.Whole(i), whole) << "pass " << pass << " node " << i;
+            if (!whole) continue;
+            std::vector<TGraphLink*> want;
+            if (!isNull)
+                for (TGraphLink* h = run[i]->linkFirst; h; h = h->next) want.push_back(h);
+            std::vector<TGraphLink*> got;
+            for (size_t j = gather.Begin(i); j < gather.End(i); ++j) got.push_back(gather.At(j));
+            EXPECT_EQ(got, want) << "pass " << pass << " node " << i;
+        }
+        for (size_t r = 0; r < std::size(rows); ++r)
+            const_cast<TGraphNode*>(run[r < 3 ? r : r + 1])->linkCount -= pass == 0 ? rows[r].countChange : 0;
     }
 }

@@ -242,11 +242,14 @@ TEST_P(GraphReference, ShortestPaths) {
     }
 }
 
-// Every mark of the graph, node by node and half-link by half-link.
+// Every mark of the graph, node by node (the node's own, then its
+// half-links').
 std::vector<uint32_t> Marks(TGraphItem* g) {
     std::vector<uint32_t> marks;
-    for (TGraphNode* n = GraphNodeFirst(g); n; n = GraphNodeNodeNext(n))
+    for (TGraphNode* n = GraphNodeFirst(g); n; n = GraphNodeNodeNext(n)) {
+        marks.push_back(n->mark);
         for (TGraphLink* h = GraphNodeLinkFirst(n); h; h = GraphLinkNext(h)) marks.push_back(GraphLinkMark(h));
+    }
     return marks;
 }
 
@@ -278,23 +281,37 @@ TEST_P(GraphReference, SearchesClearWhatTheLastOneMarked) {
 TEST_P(GraphReference, SaveAndLoad) {
     std::mt19937 rng(GetParam());
     Graph g = Random(rng, 1u << 31, 3000, 5000);
-    void *nodes, *links;
-    GraphDataSave(g.get(), &nodes, &links, nullptr);
-    ASSERT_TRUE(nodes && links);
-    Graph back = Make();
-    GraphDataLoad(back.get(), nodes, links, nullptr);
-    EXPECT_TRUE(GraphEqual(back.get(), g.get()));
-    EXPECT_TRUE(ShapeOf(back.get()) == ShapeOf(g.get()));
-    // The pairs are sorted and each link is there once.
-    const uint32_t k = GraphLinkCount(g.get());
-    std::vector<uint32_t> words(2ull * k);
-    std::memcpy(words.data(), static_cast<uint8_t*>(links) + 8, 8ull * k);
-    std::vector<Link> pairs;
-    for (size_t i = 0; i < k; ++i) pairs.emplace_back(words[2 * i], words[2 * i + 1]);
-    EXPECT_TRUE(std::is_sorted(pairs.begin(), pairs.end()));
-    EXPECT_EQ(LinkSet(pairs.begin(), pairs.end()).size(), k);
-    KWMemFree(nodes);
-    KWMemFree(links);
+    const Ids ids = Nodes(g.get());
+    // Fresh, then after deletions (records on the free lists) and new links
+    // (some of those records taken again).
+    for (int round = 0; round < 2; ++round) {
+        if (round == 1) {
+            for (size_t i = 0; i < ids.size(); i += 7) GraphDeleteNode(g.get(), ids[i]);
+            for (TGraphNode* n = GraphNodeFirst(g.get()); n; n = GraphNodeNodeNext(n))
+                if (TGraphLink* h = GraphNodeLinkFirst(n); h && rng() % 3 == 0) GraphDeleteLink(g.get(), h);
+            for (int i = 0; i < 400; ++i)
+                GraphAppendLink(g.get(), GraphAppendNode(g.get(), ids[rng() % ids.size()]),
+                                GraphAppendNode(g.get(), ids[rng() % ids.size()]));
+        }
+        void *nodes, *links;
+        GraphDataSave(g.get(), &nodes, &links, nullptr);
+        ASSERT_TRUE(nodes && links);
+        Graph back = Make();
+        GraphDataLoad(back.get(), nodes, links, nullptr);
+        EXPECT_TRUE(GraphEqual(back.get(), g.get())) << round;
+        EXPECT_TRUE(ShapeOf(back.get()) == ShapeOf(g.get())) << round;
+        // The pairs are sorted and each link is there once.
+        const uint32_t k = GraphLinkCount(g.get());
+        std::vector<uint32_t> words(2ull * k);
+        std::memcpy(words.data(), static_cast<uint8_t*>(links) + 8, 8ull * k);
+        std::vector<Link> pairs;
+        for (size_t i = 0; i < k; ++i) pairs.emplace_back(words[2 * i], words[2 * i + 1]);
+        EXPECT_TRUE(std::is_sorted(pairs.begin(), pairs.end())) << round;
+        EXPECT_TRUE(LinkSet(pairs.begin(), pairs.end()) == ShapeOf(g.get()).links) << round;
+        EXPECT_EQ(LinkSet(pairs.begin(), pairs.end()).size(), k) << round;
+        KWMemFree(nodes);
+        KWMemFree(links);
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Seeds, GraphReference, ::testing::Values(1u, 2u, 3u, 20261125u));
