@@ -6,6 +6,7 @@
 #include "calc/kwCalcPlan.h"
 
 #include <cmath>
+#include <cstddef>
 #include <cstring>
 
 #include "calc/kwCalcEngine.h"
@@ -21,6 +22,7 @@ enum PlanCode : uint8_t {
     kAddD, kSubD, kMulD, kDivD, kCmpD,
     kI2D, kNegI, kNegD, kMath, kMov,
     kSin, kCos, kSqrt,  // the commonest built-ins without the second dispatch
+    kSinCos,            // sin into dst, cos into b, of the same a
     kDone,              // ends every plan
 };
 
@@ -90,12 +92,46 @@ public:
         p_->resultType = types_[params_];
         p_->constBase = uint8_t(kMaxVars + kMaxDepth);
         p_->regs = uint8_t(p_->constBase + p_->constCount);
+        FuseSinCos();
         Emit(kDone, 0, 0);
         p_->ok = true;
         return true;
     }
 
 private:
+    static bool ReadsB(uint8_t code) { return code <= kCmpD; }
+    static bool Reads(const PlanOp& o, uint8_t reg) { return o.a == reg || (ReadsB(o.code) && o.b == reg); }
+    static bool Writes(const PlanOp& o, uint8_t reg) { return o.dst == reg || (o.code == kSinCos && o.b == reg); }
+
+    // sin and cos of the same register become one sincos call, which gives
+    // the same bits from one argument reduction (a test holds the C library
+    // to that).  The later of the two moves up to the earlier one: nothing in
+    // between may change the argument or touch the later one's register.
+    void FuseSinCos() {
+        std::vector<PlanOp>& ops = p_->ops;
+        for (size_t i = 0; i < ops.size(); ++i) {
+            if (ops[i].code != kSin && ops[i].code != kCos) continue;
+            const uint8_t other = ops[i].code == kSin ? kCos : kSin;
+            const uint8_t x = ops[i].a;
+            if (ops[i].dst == x) continue;
+            for (size_t j = i + 1; j < ops.size(); ++j) {
+                const PlanOp q = ops[j];
+                if (q.code == other && q.a == x) {
+                    bool free = q.dst != ops[i].dst;
+                    for (size_t k = i + 1; free && k < j; ++k) free = !Reads(ops[k], q.dst) && !Writes(ops[k], q.dst);
+                    if (free) {
+                        const uint8_t s = ops[i].code == kSin ? ops[i].dst : q.dst;
+                        const uint8_t c = ops[i].code == kSin ? q.dst : ops[i].dst;
+                        ops[i] = PlanOp{kSinCos, 0, s, x, c};
+                        ops.erase(ops.begin() + std::ptrdiff_t(j));
+                    }
+                    break;
+                }
+                if (Writes(q, x)) break;
+            }
+        }
+    }
+
     uint8_t Temp(size_t depth) const { return uint8_t(kMaxVars + depth); }
     bool Const(uint64_t bits, int32_t type) {
         if (p_->constCount >= kMaxConsts) return false;
@@ -250,7 +286,7 @@ bool RunPlan(const Plan& p, const CVar* args, Num* result) {
         &&addI, &&subI, &&mulI, &&divII, &&diviI, &&modI, &&cmpI,
         &&addD, &&subD, &&mulD, &&divD, &&cmpD,
         &&i2d, &&negI, &&negD, &&math, &&mov,
-        &&sin, &&cos, &&sqrt, &&done,
+        &&sin, &&cos, &&sqrt, &&sincos, &&done,
     };
     static_assert(sizeof kCode / sizeof kCode[0] == kDone + 1, "one label per operation");
     uint64_t r[kMaxRegs];
@@ -299,6 +335,13 @@ mov: X = A; NEXT();
 sin: X = B(std::sin(D(A))); NEXT();
 cos: X = B(std::cos(D(A))); NEXT();
 sqrt: X = B(std::sqrt(D(A))); NEXT();
+sincos: {
+    double sn, cs;
+    ::sincos(D(A), &sn, &cs);
+    X = B(sn);
+    BB = B(cs);
+    NEXT();
+}
 done:
 #undef A
 #undef BB
