@@ -23,6 +23,7 @@ enum PlanCode : uint8_t {
     kI2D, kNegI, kNegD, kMath, kMov,
     kSin, kCos, kSqrt,  // the commonest built-ins without the second dispatch
     kSinCos,            // sin into dst, cos into b, of the same a
+    kDivDK,             // "/" by a literal other than zero: no divisor check
     kDone,              // ends every plan
 };
 
@@ -99,7 +100,7 @@ public:
     }
 
 private:
-    static bool ReadsB(uint8_t code) { return code <= kCmpD; }
+    static bool ReadsB(uint8_t code) { return code <= kCmpD || code == kDivDK; }
     static bool Reads(const PlanOp& o, uint8_t reg) { return o.a == reg || (ReadsB(o.code) && o.b == reg); }
     static bool Writes(const PlanOp& o, uint8_t reg) { return o.dst == reg || (o.code == kSinCos && o.b == reg); }
 
@@ -132,6 +133,8 @@ private:
         }
     }
 
+    static bool IsConst(uint8_t reg) { return reg >= kMaxVars + kMaxDepth; }
+    uint64_t ConstBits(uint8_t reg) const { return p_->consts[reg - kMaxVars - kMaxDepth]; }
     uint8_t Temp(size_t depth) const { return uint8_t(kMaxVars + depth); }
     bool Const(uint64_t bits, int32_t type) {
         if (p_->constCount >= kMaxConsts) return false;
@@ -239,7 +242,10 @@ private:
                 a = AsDbl(a, d);
                 b = AsDbl(b, d + 1);
                 static const uint8_t kDbls[] = {kAddD, kSubD, kMulD, kDivD};
-                if (o <= 52) {
+                if (o == 52 && IsConst(b.reg) && D(ConstBits(b.reg)) != 0) {
+                    Emit(kDivDK, Temp(d), a.reg, b.reg);
+                    type = kDbl;
+                } else if (o <= 52) {
                     Emit(kDbls[o - 49], Temp(d), a.reg, b.reg);
                     type = kDbl;
                 } else {
@@ -286,12 +292,17 @@ bool RunPlan(const Plan& p, const CVar* args, Num* result) {
         &&addI, &&subI, &&mulI, &&divII, &&diviI, &&modI, &&cmpI,
         &&addD, &&subD, &&mulD, &&divD, &&cmpD,
         &&i2d, &&negI, &&negD, &&math, &&mov,
-        &&sin, &&cos, &&sqrt, &&sincos, &&done,
+        &&sin, &&cos, &&sqrt, &&sincos, &&divDK, &&done,
     };
     static_assert(sizeof kCode / sizeof kCode[0] == kDone + 1, "one label per operation");
     uint64_t r[kMaxRegs];
-    for (int32_t i = 0; i < p.params; ++i) r[i] = uint64_t(NumOf(args + i).bits);
-    std::memcpy(r + kMaxVars + kMaxDepth, p.consts, sizeof p.consts);
+    switch (p.params) {  // one to four, unrolled: the loop costs more than the loads
+    case 4: r[3] = uint64_t(NumOf(args + 3).bits); [[fallthrough]];
+    case 3: r[2] = uint64_t(NumOf(args + 2).bits); [[fallthrough]];
+    case 2: r[1] = uint64_t(NumOf(args + 1).bits); [[fallthrough]];
+    default: r[0] = uint64_t(NumOf(args).bits);
+    }
+    if (p.constCount) std::memcpy(r + kMaxVars + kMaxDepth, p.consts, sizeof p.consts);
     const PlanOp* o = p.ops.data();
 #define A r[o->a]
 #define BB r[o->b]
@@ -319,6 +330,7 @@ subD: X = B(D(A) - D(BB)); NEXT();
 mulD: X = B(D(A) * D(BB)); NEXT();
 divD:
     if (D(BB) == 0) return false;
+divDK:
     X = B(D(A) / D(BB));
     NEXT();
 cmpD: X = Compare(o->op, D(A), D(BB)); NEXT();

@@ -135,6 +135,10 @@ const char* const kDiffScripts[] = {
     "csmove(x){var t;t=sin(x);x=x+1;Result=t+cos(x);}",
     "csself(x){x=sin(x);Result=x+cos(x);}",
     "csnest(x){Result=sin(cos(x))*cos(sin(x))+sin(x+1)*cos(x+1);}",
+    // "/" by a literal: no divisor check unless the literal is a zero
+    "divk(x){Result=x/3+x/0.5+x/-2-x/1e-300;}",
+    "divk0(x){Result=x/3+x/0.0;}",
+    "divkn(x){Result=x/-0.0;}",
 };
 
 // Compiled with debug points (instructions that only count).
@@ -165,7 +169,8 @@ const DiffRow kDiffRows[] = {
     {"zeroin", {"2"}}, {"zeroin", {"2.0"}}, {"fd", {"0.5"}}, {"fd", {"2"}}, {"sumd", {"6"}},
     {"f", {"1e300"}}, {"f", {"-0.0"}}, {"f", {"5e-324"}}, {"f", {"1e308*10"}}, {"cs", {"0.75"}},
     {"cs", {"-1e22"}}, {"cs", {"2"}}, {"csmove", {"0.5"}}, {"csmove", {"7"}}, {"csself", {"1.25"}},
-    {"csnest", {"0.3"}}, {"csnest", {"-4"}},
+    {"csnest", {"0.3"}}, {"csnest", {"-4"}}, {"divk", {"7"}}, {"divk", {"0.1"}}, {"divk", {"sqrt(-1)"}},
+    {"divk0", {"1"}}, {"divk0", {"2.5"}}, {"divkn", {"1.5"}}, {"divkn", {"0"}},
 };
 
 struct Outcome {
@@ -249,7 +254,8 @@ struct DiffEngine {
 TEST(CalcEngineInternal, FastPathsMatchTheGeneralPath) {
     DiffEngine engines[] = {DiffEngine(0), DiffEngine(1), DiffEngine(2), DiffEngine(3)};
     // The plans exist for the pure-arithmetic bodies, not for the others.
-    for (const char* fn : {"f", "div", "idiv", "poly", "alias", "fd", "cs", "csmove", "csself", "csnest"}) {
+    for (const char* fn : {"f", "div", "idiv", "poly", "alias", "fd", "cs", "csmove", "csself", "csnest",
+                           "divk", "divk0", "divkn"}) {
         const KWCalcNameDef* e = KWCalcNameFind(engines[0].calc, fn, nullptr);
         ASSERT_TRUE(e && e->fast) << fn;
         EXPECT_FALSE(e->fast->plans.empty()) << fn;
