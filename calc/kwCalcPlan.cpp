@@ -285,7 +285,7 @@ std::vector<Plan> MakePlans(const uint8_t* code, int32_t params) {
     return plans;
 }
 
-bool RunPlan(const Plan& p, const CVar* args, Num* result) {
+bool RunPlan(const Plan& p, CVar* args) {
     // Threaded: every operation jumps to the next one's code itself, so
     // each has its own place in the branch predictor.  In PlanCode order.
     static void* const kCode[] = {
@@ -359,7 +359,8 @@ done:
 #undef BB
 #undef X
 #undef NEXT
-    *result = Num{p.resultType, int64_t(r[p.result])};
+    if (p.resultType == kEmpty) Wipe(args);
+    else PutBits(args, p.resultType, r[p.result]);
     return true;
 }
 

@@ -43,9 +43,10 @@ struct Plan {
 // parameters; never throws but bad_alloc.
 std::vector<Plan> MakePlans(const uint8_t* code, int32_t params);
 
-// Runs a plan on the arguments (Int or Dbl, as the plan's tags); false on a
-// zero divisor, with nothing changed.
-bool RunPlan(const Plan& p, const CVar* args, Num* result);
+// Runs a plan on the arguments (Int or Dbl, as the plan's tags) and puts the
+// result into the first argument's slot; false on a zero divisor, with
+// nothing changed.
+bool RunPlan(const Plan& p, CVar* args);
 
 // The plan for these arguments, or null.
 inline const Plan* PlanFor(const std::vector<Plan>& plans, const CVar* args, int32_t params) {
