@@ -24,6 +24,9 @@ enum PlanCode : uint8_t {
     kSin, kCos, kSqrt,  // the commonest built-ins without the second dispatch
     kSinCos,            // sin into dst, cos into b, of the same a
     kDivDK,             // "/" by a literal other than zero: no divisor check
+    // The last operation of a plan whose value is the Dbl result: it goes
+    // straight into the result's slot, without the end's dispatch.
+    kAddDR, kSubDR, kMulDR, kDivDR, kDivDKR,
     kDone,              // ends every plan
 };
 
@@ -42,6 +45,9 @@ inline uint64_t B(double d) {
     std::memcpy(&b, &d, 8);
     return b;
 }
+
+// The registers hold doubles as their bits; sincos writes them through this.
+using AliasDbl = double __attribute__((may_alias));
 
 template <typename T>
 bool Compare(uint8_t op, T a, T b) {
@@ -94,13 +100,14 @@ public:
         p_->constBase = uint8_t(kMaxVars + kMaxDepth);
         p_->regs = uint8_t(p_->constBase + p_->constCount);
         FuseSinCos();
+        FuseReturn();
         Emit(kDone, 0, 0);
         p_->ok = true;
         return true;
     }
 
 private:
-    static bool ReadsB(uint8_t code) { return code <= kCmpD || code == kDivDK; }
+    static bool ReadsB(uint8_t code) { return code <= kCmpD || (code >= kDivDK && code <= kDivDKR); }
     static bool Reads(const PlanOp& o, uint8_t reg) { return o.a == reg || (ReadsB(o.code) && o.b == reg); }
     static bool Writes(const PlanOp& o, uint8_t reg) { return o.dst == reg || (o.code == kSinCos && o.b == reg); }
 
@@ -135,6 +142,20 @@ private:
 
     static bool IsConst(uint8_t reg) { return reg >= kMaxVars + kMaxDepth; }
     uint64_t ConstBits(uint8_t reg) const { return p_->consts[reg - kMaxVars - kMaxDepth]; }
+    void FuseReturn() {
+        if (p_->ops.empty() || p_->resultType != kDbl) return;
+        PlanOp& last = p_->ops.back();
+        if (last.dst != p_->result) return;
+        switch (last.code) {
+        case kAddD: last.code = kAddDR; break;
+        case kSubD: last.code = kSubDR; break;
+        case kMulD: last.code = kMulDR; break;
+        case kDivD: last.code = kDivDR; break;
+        case kDivDK: last.code = kDivDKR; break;
+        default: break;
+        }
+    }
+
     uint8_t Temp(size_t depth) const { return uint8_t(kMaxVars + depth); }
     bool Const(uint64_t bits, int32_t type) {
         if (p_->constCount >= kMaxConsts) return false;
@@ -292,7 +313,8 @@ bool RunPlan(const Plan& p, CVar* args) {
         &&addI, &&subI, &&mulI, &&divII, &&diviI, &&modI, &&cmpI,
         &&addD, &&subD, &&mulD, &&divD, &&cmpD,
         &&i2d, &&negI, &&negD, &&math, &&mov,
-        &&sin, &&cos, &&sqrt, &&sincos, &&divDK, &&done,
+        &&sin, &&cos, &&sqrt, &&sincos, &&divDK,
+        &&addDR, &&subDR, &&mulDR, &&divDR, &&divDKR, &&done,
     };
     static_assert(sizeof kCode / sizeof kCode[0] == kDone + 1, "one label per operation");
     uint64_t r[kMaxRegs];
@@ -347,13 +369,17 @@ mov: X = A; NEXT();
 sin: X = B(std::sin(D(A))); NEXT();
 cos: X = B(std::cos(D(A))); NEXT();
 sqrt: X = B(std::sqrt(D(A))); NEXT();
-sincos: {
-    double sn, cs;
-    ::sincos(D(A), &sn, &cs);
-    X = B(sn);
-    BB = B(cs);
+sincos:  // straight into the registers: no copy between the call and its users
+    ::sincos(D(A), reinterpret_cast<AliasDbl*>(&X), reinterpret_cast<AliasDbl*>(&BB));
     NEXT();
-}
+addDR: PutDbl(args, D(A) + D(BB)); return true;
+subDR: PutDbl(args, D(A) - D(BB)); return true;
+mulDR: PutDbl(args, D(A) * D(BB)); return true;
+divDR:
+    if (D(BB) == 0) return false;
+divDKR:
+    PutDbl(args, D(A) / D(BB));
+    return true;
 done:
 #undef A
 #undef BB

@@ -139,6 +139,9 @@ const char* const kDiffScripts[] = {
     "divk(x){Result=x/3+x/0.5+x/-2-x/1e-300;}",
     "divk0(x){Result=x/3+x/0.0;}",
     "divkn(x){Result=x/-0.0;}",
+    // the last operation writes the result's slot itself
+    "mulr(a,b){var t;t=a-b;Result=t*a;}",
+    "lastnot(a,b){Result=a*b;Result=Result+0;b=a+1;}",
 };
 
 // Compiled with debug points (instructions that only count).
@@ -170,7 +173,8 @@ const DiffRow kDiffRows[] = {
     {"f", {"1e300"}}, {"f", {"-0.0"}}, {"f", {"5e-324"}}, {"f", {"1e308*10"}}, {"cs", {"0.75"}},
     {"cs", {"-1e22"}}, {"cs", {"2"}}, {"csmove", {"0.5"}}, {"csmove", {"7"}}, {"csself", {"1.25"}},
     {"csnest", {"0.3"}}, {"csnest", {"-4"}}, {"divk", {"7"}}, {"divk", {"0.1"}}, {"divk", {"sqrt(-1)"}},
-    {"divk0", {"1"}}, {"divk0", {"2.5"}}, {"divkn", {"1.5"}}, {"divkn", {"0"}},
+    {"divk0", {"1"}}, {"divk0", {"2.5"}}, {"divkn", {"1.5"}}, {"divkn", {"0"}}, {"mulr", {"3", "0.5"}},
+    {"mulr", {"2", "7"}}, {"lastnot", {"1.5", "2"}}, {"lastnot", {"3", "2"}},
 };
 
 struct Outcome {
@@ -255,7 +259,7 @@ TEST(CalcEngineInternal, FastPathsMatchTheGeneralPath) {
     DiffEngine engines[] = {DiffEngine(0), DiffEngine(1), DiffEngine(2), DiffEngine(3)};
     // The plans exist for the pure-arithmetic bodies, not for the others.
     for (const char* fn : {"f", "div", "idiv", "poly", "alias", "fd", "cs", "csmove", "csself", "csnest",
-                           "divk", "divk0", "divkn"}) {
+                           "divk", "divk0", "divkn", "mulr", "lastnot"}) {
         const KWCalcNameDef* e = KWCalcNameFind(engines[0].calc, fn, nullptr);
         ASSERT_TRUE(e && e->fast) << fn;
         EXPECT_FALSE(e->fast->plans.empty()) << fn;
