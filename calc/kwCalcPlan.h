@@ -51,6 +51,12 @@ bool RunPlan(const Plan& p, CVar* args);
 // The plan for these arguments, or null.
 inline const Plan* PlanFor(const std::vector<Plan>& plans, const CVar* args, int32_t params) {
     if (plans.empty()) return nullptr;
+    if (params == 1) {  // the common case without the loop
+        const int32_t t = args[0].type;
+        if (t != kInt && t != kDbl) return nullptr;
+        const Plan& p = plans[t == kDbl];
+        return p.ok ? &p : nullptr;
+    }
     uint32_t mask = 0;
     for (int32_t i = 0; i < params; ++i) {
         if (args[i].type == kDbl) mask |= 1u << i;
