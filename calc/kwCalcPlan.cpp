@@ -6,6 +6,7 @@
 #include "calc/kwCalcPlan.h"
 
 #include <cmath>
+#include <cstddef>
 #include <cstring>
 
 #include "calc/kwCalcEngine.h"
@@ -21,6 +22,11 @@ enum PlanCode : uint8_t {
     kAddD, kSubD, kMulD, kDivD, kCmpD,
     kI2D, kNegI, kNegD, kMath, kMov,
     kSin, kCos, kSqrt,  // the commonest built-ins without the second dispatch
+    kSinCos,            // sin into dst, cos into b, of the same a
+    kDivDK,             // "/" by a literal other than zero: no divisor check
+    // The last operation of a plan whose value is the Dbl result: it goes
+    // straight into the result's slot, without the end's dispatch.
+    kAddDR, kSubDR, kMulDR, kDivDR, kDivDKR,
     kDone,              // ends every plan
 };
 
@@ -39,6 +45,9 @@ inline uint64_t B(double d) {
     std::memcpy(&b, &d, 8);
     return b;
 }
+
+// The registers hold doubles as their bits; sincos writes them through this.
+using AliasDbl = double __attribute__((may_alias));
 
 template <typename T>
 bool Compare(uint8_t op, T a, T b) {
@@ -90,12 +99,63 @@ public:
         p_->resultType = types_[params_];
         p_->constBase = uint8_t(kMaxVars + kMaxDepth);
         p_->regs = uint8_t(p_->constBase + p_->constCount);
+        FuseSinCos();
+        FuseReturn();
         Emit(kDone, 0, 0);
         p_->ok = true;
         return true;
     }
 
 private:
+    static bool ReadsB(uint8_t code) { return code <= kCmpD || (code >= kDivDK && code <= kDivDKR); }
+    static bool Reads(const PlanOp& o, uint8_t reg) { return o.a == reg || (ReadsB(o.code) && o.b == reg); }
+    static bool Writes(const PlanOp& o, uint8_t reg) { return o.dst == reg || (o.code == kSinCos && o.b == reg); }
+
+    // sin and cos of the same register become one sincos call, which gives
+    // the same bits from one argument reduction (a test holds the C library
+    // to that).  The later of the two moves up to the earlier one: nothing in
+    // between may change the argument or touch the later one's register.
+    void FuseSinCos() {
+        std::vector<PlanOp>& ops = p_->ops;
+        for (size_t i = 0; i < ops.size(); ++i) {
+            if (ops[i].code != kSin && ops[i].code != kCos) continue;
+            const uint8_t other = ops[i].code == kSin ? kCos : kSin;
+            const uint8_t x = ops[i].a;
+            if (ops[i].dst == x) continue;
+            for (size_t j = i + 1; j < ops.size(); ++j) {
+                const PlanOp q = ops[j];
+                if (q.code == other && q.a == x) {
+                    bool free = q.dst != ops[i].dst;
+                    for (size_t k = i + 1; free && k < j; ++k) free = !Reads(ops[k], q.dst) && !Writes(ops[k], q.dst);
+                    if (free) {
+                        const uint8_t s = ops[i].code == kSin ? ops[i].dst : q.dst;
+                        const uint8_t c = ops[i].code == kSin ? q.dst : ops[i].dst;
+                        ops[i] = PlanOp{kSinCos, 0, s, x, c};
+                        ops.erase(ops.begin() + std::ptrdiff_t(j));
+                    }
+                    break;
+                }
+                if (Writes(q, x)) break;
+            }
+        }
+    }
+
+    static bool IsConst(uint8_t reg) { return reg >= kMaxVars + kMaxDepth; }
+    uint64_t ConstBits(uint8_t reg) const { return p_->consts[reg - kMaxVars - kMaxDepth]; }
+    void FuseReturn() {
+        if (p_->ops.empty() || p_->resultType != kDbl) return;
+        PlanOp& last = p_->ops.back();
+        if (last.dst != p_->result) return;
+        switch (last.code) {
+        case kAddD: last.code = kAddDR; break;
+        case kSubD: last.code = kSubDR; break;
+        case kMulD: last.code = kMulDR; break;
+        case kDivD: last.code = kDivDR; break;
+        case kDivDK: last.code = kDivDKR; break;
+        default: break;
+        }
+    }
+
     uint8_t Temp(size_t depth) const { return uint8_t(kMaxVars + depth); }
     bool Const(uint64_t bits, int32_t type) {
         if (p_->constCount >= kMaxConsts) return false;
@@ -203,7 +263,10 @@ private:
                 a = AsDbl(a, d);
                 b = AsDbl(b, d + 1);
                 static const uint8_t kDbls[] = {kAddD, kSubD, kMulD, kDivD};
-                if (o <= 52) {
+                if (o == 52 && IsConst(b.reg) && D(ConstBits(b.reg)) != 0) {
+                    Emit(kDivDK, Temp(d), a.reg, b.reg);
+                    type = kDbl;
+                } else if (o <= 52) {
                     Emit(kDbls[o - 49], Temp(d), a.reg, b.reg);
                     type = kDbl;
                 } else {
@@ -243,19 +306,25 @@ std::vector<Plan> MakePlans(const uint8_t* code, int32_t params) {
     return plans;
 }
 
-bool RunPlan(const Plan& p, const CVar* args, Num* result) {
+bool RunPlan(const Plan& p, CVar* args) {
     // Threaded: every operation jumps to the next one's code itself, so
     // each has its own place in the branch predictor.  In PlanCode order.
     static void* const kCode[] = {
         &&addI, &&subI, &&mulI, &&divII, &&diviI, &&modI, &&cmpI,
         &&addD, &&subD, &&mulD, &&divD, &&cmpD,
         &&i2d, &&negI, &&negD, &&math, &&mov,
-        &&sin, &&cos, &&sqrt, &&done,
+        &&sin, &&cos, &&sqrt, &&sincos, &&divDK,
+        &&addDR, &&subDR, &&mulDR, &&divDR, &&divDKR, &&done,
     };
     static_assert(sizeof kCode / sizeof kCode[0] == kDone + 1, "one label per operation");
     uint64_t r[kMaxRegs];
-    for (int32_t i = 0; i < p.params; ++i) r[i] = uint64_t(NumOf(args + i).bits);
-    std::memcpy(r + kMaxVars + kMaxDepth, p.consts, sizeof p.consts);
+    switch (p.params) {  // one to four, unrolled: the loop costs more than the loads
+    case 4: r[3] = uint64_t(NumOf(args + 3).bits); [[fallthrough]];
+    case 3: r[2] = uint64_t(NumOf(args + 2).bits); [[fallthrough]];
+    case 2: r[1] = uint64_t(NumOf(args + 1).bits); [[fallthrough]];
+    default: r[0] = uint64_t(NumOf(args).bits);
+    }
+    if (p.constCount) std::memcpy(r + kMaxVars + kMaxDepth, p.consts, sizeof p.consts);
     const PlanOp* o = p.ops.data();
 #define A r[o->a]
 #define BB r[o->b]
@@ -283,6 +352,7 @@ subD: X = B(D(A) - D(BB)); NEXT();
 mulD: X = B(D(A) * D(BB)); NEXT();
 divD:
     if (D(BB) == 0) return false;
+divDK:
     X = B(D(A) / D(BB));
     NEXT();
 cmpD: X = Compare(o->op, D(A), D(BB)); NEXT();
@@ -299,12 +369,24 @@ mov: X = A; NEXT();
 sin: X = B(std::sin(D(A))); NEXT();
 cos: X = B(std::cos(D(A))); NEXT();
 sqrt: X = B(std::sqrt(D(A))); NEXT();
+sincos:  // straight into the registers: no copy between the call and its users
+    ::sincos(D(A), reinterpret_cast<AliasDbl*>(&X), reinterpret_cast<AliasDbl*>(&BB));
+    NEXT();
+addDR: PutDbl(args, D(A) + D(BB)); return true;
+subDR: PutDbl(args, D(A) - D(BB)); return true;
+mulDR: PutDbl(args, D(A) * D(BB)); return true;
+divDR:
+    if (D(BB) == 0) return false;
+divDKR:
+    PutDbl(args, D(A) / D(BB));
+    return true;
 done:
 #undef A
 #undef BB
 #undef X
 #undef NEXT
-    *result = Num{p.resultType, int64_t(r[p.result])};
+    if (p.resultType == kEmpty) Wipe(args);
+    else PutBits(args, p.resultType, r[p.result]);
     return true;
 }
 

@@ -43,13 +43,20 @@ struct Plan {
 // parameters; never throws but bad_alloc.
 std::vector<Plan> MakePlans(const uint8_t* code, int32_t params);
 
-// Runs a plan on the arguments (Int or Dbl, as the plan's tags); false on a
-// zero divisor, with nothing changed.
-bool RunPlan(const Plan& p, const CVar* args, Num* result);
+// Runs a plan on the arguments (Int or Dbl, as the plan's tags) and puts the
+// result into the first argument's slot; false on a zero divisor, with
+// nothing changed.
+bool RunPlan(const Plan& p, CVar* args);
 
 // The plan for these arguments, or null.
 inline const Plan* PlanFor(const std::vector<Plan>& plans, const CVar* args, int32_t params) {
     if (plans.empty()) return nullptr;
+    if (params == 1) {  // the common case without the loop
+        const int32_t t = args[0].type;
+        if (t != kInt && t != kDbl) return nullptr;
+        const Plan& p = plans[t == kDbl];
+        return p.ok ? &p : nullptr;
+    }
     uint32_t mask = 0;
     for (int32_t i = 0; i < params; ++i) {
         if (args[i].type == kDbl) mask |= 1u << i;

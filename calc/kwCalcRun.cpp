@@ -580,13 +580,10 @@ static bool PlanCall(KWCalcStack* s, KWCalcNameDef* e, int32_t nargs) {
     const int64_t maxSteps = c ? c->maxSteps : 0;
     const int64_t steps = (s->depth == 0 ? 0 : s->steps) + (maxSteps ? p->steps : 0);
     if (maxSteps && steps > maxSteps) return false;
-    Num r;
-    if (!RunPlan(*p, args, &r)) return false;  // a zero divisor: the interpreter reports it
+    if (!RunPlan(*p, args)) return false;  // a zero divisor: the interpreter reports it
     s->steps = steps;
-    for (CVar* v = args + 1; v < s->slots + s->top; ++v) Wipe(v);  // numbers: nothing to free
-    if (r.type == kEmpty) Wipe(args);
-    else PutNum(args, r);
-    s->top = int32_t(args - s->slots) + 1;
+    for (int32_t i = 1; i < nargs; ++i) Wipe(args + i);  // numbers: nothing to free
+    s->top -= nargs - 1;
     return true;
 }
 

@@ -3,6 +3,8 @@
 // Put and New slots see their arguments.  The engine adds calls and hooks.
 #include "calc/kwCalcStack.h"
 
+#include <emmintrin.h>
+
 #include <cstring>
 #include <new>
 
@@ -13,6 +15,23 @@
 
 namespace kwz::calc {
 namespace {
+
+// A number popped into the host's value.  The slot's words were written one
+// by one (PutWords), so they are read one by one: a 16-byte load of two
+// separately written words waits until both stores retire.  The host's
+// value is written as 16 + 8 bytes, so that a read of the payload at byte 4
+// (v.d, v.i) lies within one store and is forwarded from it.
+void PopNum(CVar* out, const CVar* v) {
+    const char* p = reinterpret_cast<const char*>(v);
+    uint64_t w0, w1, w2;
+    std::memcpy(&w0, p, 8);
+    std::memcpy(&w1, p + 8, 8);
+    std::memcpy(&w2, p + 16, 8);
+    asm("" : "+r"(w0), "+r"(w1));  // keeps the compiler from merging the two loads
+    char* d = reinterpret_cast<char*>(out);
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm_set_epi64x(int64_t(w1), int64_t(w0)));
+    std::memcpy(d + 16, &w2, 8);
+}
 
 // Header rounded up so that the slots start on an 8-byte boundary.
 constexpr size_t kHeader = (sizeof(KWCalcStack) + 7) & ~size_t(7);
@@ -184,7 +203,7 @@ KWZ_API int32_t KWCalcStackPop(KWCalcStack* stack, CVar* out) {
         if (!stack || stack->top <= stack->base) return kStackSmall;
         CVar* v = stack->slots + --stack->top;
         if (out && Plain(v) && Plain(out)) {
-            CopyNum(out, v);  // numbers on both sides: nothing to free
+            PopNum(out, v);  // numbers on both sides: nothing to free
             Wipe(v);
         } else if (out) {
             Move(out, v);

@@ -4,6 +4,7 @@
 
 #include <VomKwz.h>
 
+#include <cmath>
 #include <cstring>
 #include <memory>
 #include <set>
@@ -128,6 +129,19 @@ const char* const kDiffScripts[] = {
     "mixed(n){var d;d=0.5;while(n>0){d=d*2-n/4;n=n-1;if(!(n%2)){d=-d;}}Result=d+fib(4);}",
     "calls(x){Result=f(x)+div(x,2)+sum(3);}",
     "zeroin(n){var i;i=n;Result=0;while(i>-2){i=i-1;Result=Result+10/i;}}",
+    // sin and cos of one value run as one op; these shapes must not fuse
+    // (the argument or the later result's register changes in between).
+    "cs(x){var c;c=cos(x);Result=sin(x)+c*c;}",
+    "csmove(x){var t;t=sin(x);x=x+1;Result=t+cos(x);}",
+    "csself(x){x=sin(x);Result=x+cos(x);}",
+    "csnest(x){Result=sin(cos(x))*cos(sin(x))+sin(x+1)*cos(x+1);}",
+    // "/" by a literal: no divisor check unless the literal is a zero
+    "divk(x){Result=x/3+x/0.5+x/-2-x/1e-300;}",
+    "divk0(x){Result=x/3+x/0.0;}",
+    "divkn(x){Result=x/-0.0;}",
+    // the last operation writes the result's slot itself
+    "mulr(a,b){var t;t=a-b;Result=t*a;}",
+    "lastnot(a,b){Result=a*b;Result=Result+0;b=a+1;}",
 };
 
 // Compiled with debug points (instructions that only count).
@@ -156,6 +170,11 @@ const DiffRow kDiffRows[] = {
     {"fib", {"7"}}, {"fib", {"4.5"}}, {"skip", {"12"}}, {"logic", {"2", "1"}}, {"logic", {"0", "3.5"}},
     {"logic", {"\"a\"", "1"}}, {"strs", {"4"}}, {"mixed", {"5"}}, {"calls", {"2"}}, {"calls", {"0.25"}},
     {"zeroin", {"2"}}, {"zeroin", {"2.0"}}, {"fd", {"0.5"}}, {"fd", {"2"}}, {"sumd", {"6"}},
+    {"f", {"1e300"}}, {"f", {"-0.0"}}, {"f", {"5e-324"}}, {"f", {"1e308*10"}}, {"cs", {"0.75"}},
+    {"cs", {"-1e22"}}, {"cs", {"2"}}, {"csmove", {"0.5"}}, {"csmove", {"7"}}, {"csself", {"1.25"}},
+    {"csnest", {"0.3"}}, {"csnest", {"-4"}}, {"divk", {"7"}}, {"divk", {"0.1"}}, {"divk", {"sqrt(-1)"}},
+    {"divk0", {"1"}}, {"divk0", {"2.5"}}, {"divkn", {"1.5"}}, {"divkn", {"0"}}, {"mulr", {"3", "0.5"}},
+    {"mulr", {"2", "7"}}, {"lastnot", {"1.5", "2"}}, {"lastnot", {"3", "2"}},
 };
 
 struct Outcome {
@@ -239,11 +258,15 @@ struct DiffEngine {
 TEST(CalcEngineInternal, FastPathsMatchTheGeneralPath) {
     DiffEngine engines[] = {DiffEngine(0), DiffEngine(1), DiffEngine(2), DiffEngine(3)};
     // The plans exist for the pure-arithmetic bodies, not for the others.
-    for (const char* fn : {"f", "div", "idiv", "poly", "alias", "fd"}) {
+    for (const char* fn : {"f", "div", "idiv", "poly", "alias", "fd", "cs", "csmove", "csself", "csnest",
+                           "divk", "divk0", "divkn", "mulr", "lastnot"}) {
         const KWCalcNameDef* e = KWCalcNameFind(engines[0].calc, fn, nullptr);
         ASSERT_TRUE(e && e->fast) << fn;
         EXPECT_FALSE(e->fast->plans.empty()) << fn;
     }
+    // The formula's sin and cos are one op: sincos, two products, the
+    // quotient, the sum, the end.
+    EXPECT_EQ(KWCalcNameFind(engines[0].calc, "f", nullptr)->fast->plans[1].ops.size(), 6u);
     for (const char* fn : {"wide", "math", "sum", "strs"}) {
         const KWCalcNameDef* e = KWCalcNameFind(engines[0].calc, fn, nullptr);
         ASSERT_TRUE(e && e->fast) << fn;
@@ -274,4 +297,46 @@ TEST(CalcEngineInternal, FastPathsMatchTheGeneralPath) {
                                                                  << " budget " << budget;
         }
     }
+}
+
+// Plans compute sin and cos of one value with one sincos call: that must give
+// the bits of separate sin and cos calls everywhere, or plans would change
+// results.  Called through volatile pointers so that the compiler cannot
+// merge the separate calls itself.
+TEST(CalcEngineInternal, SinCosGivesTheBitsOfSinAndCos) {
+    double (*volatile sinF)(double) = &::sin;
+    double (*volatile cosF)(double) = &::cos;
+    void (*volatile sincosF)(double, double*, double*) = &::sincos;
+    std::vector<double> xs = {0.0, -0.0, 5e-324, -5e-324, 2.2250738585072009e-308, 1e-300,
+                              1.5707963267948966, 3.141592653589793, 1e22, -1e22, 1e300, 1.7976931348623157e308,
+                              HUGE_VAL, -HUGE_VAL, std::nan(""), -std::nan(""), std::nan("0x123")};
+    uint64_t state = 0x9e3779b97f4a7c15u;
+    auto next = [&] {  // xorshift64*
+        state ^= state >> 12;
+        state ^= state << 25;
+        state ^= state >> 27;
+        return state * 0x2545f4914f6cdd1du;
+    };
+    for (int i = 0; i < 100000; ++i) {  // any bits: every magnitude, subnormals, NaNs
+        const uint64_t b = next();
+        double x;
+        std::memcpy(&x, &b, 8);
+        xs.push_back(x);
+    }
+    for (int i = 0; i < 100000; ++i)  // where most arguments are
+        xs.push_back((double(next() >> 11) / 9007199254740992.0 - 0.5) * 200.0);
+    for (int i = 1; i < 50000; ++i) xs.push_back(i * 0.7853981633974483);  // near multiples of pi/4
+    for (int e = -1074; e <= 1023; ++e) xs.push_back(std::ldexp(1.0 + double(next() >> 11) / 9007199254740992.0, e));
+    int64_t differ = 0;
+    double first = 0;
+    for (const double x : xs) {
+        double s, c;
+        sincosF(x, &s, &c);
+        const double s1 = sinF(x), c1 = cosF(x);
+        if (std::memcmp(&s, &s1, 8) != 0 || std::memcmp(&c, &c1, 8) != 0) {
+            if (differ++ == 0) first = x;
+        }
+    }
+    EXPECT_EQ(differ, 0) << "sincos differs from sin and cos, first at " << first
+                         << ": plans must call sin and cos apart on this C library";
 }
