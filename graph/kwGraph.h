@@ -56,16 +56,17 @@ struct TGraphHeap {
 };
 
 // What the last path search on a graph marked: every node whose mark it set
-// (touched), and every half-link whose mark it set (links).  A search that
-// does not keep the link list (allExpanded) has its link marks cleared
-// through all the half-links of the touched nodes.
+// (touched), and every link whose halves it marked, named by the half marked
+// 1 (links; its pair was marked 2).  A search that does not keep the link
+// list (allExpanded) has its link marks cleared through all the half-links of
+// the touched nodes.
 // The frontiers and the gathered lists of BuildPathCut live here too, so that
 // searches in a row reuse their room.
 struct TGraphScratch {
     std::vector<TGraphNode*> touched;
     std::vector<TGraphLink*> links;
     bool allExpanded = false;
-    std::vector<TGraphNode*> first, second, wave;
+    std::vector<TGraphNode*> first, second, wave, expanded;
     kwz::graph::LinkGather gather;
     void Reset() {
         touched.clear();

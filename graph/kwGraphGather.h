@@ -15,6 +15,11 @@
 namespace kwz::graph {
 
 inline void Prefetch(const void* p) { __builtin_prefetch(p, 1, 3); }
+// Both ends of a half-link record, which may lie on two cache lines.
+inline void PrefetchRecord(const TGraphLink* h) {
+    Prefetch(h);
+    Prefetch(&h->mark);
+}
 
 class LinkGather {
 public:

@@ -27,10 +27,16 @@ void ZeroMarks(TGraphScratch& s) {
         if (s.allExpanded)
             for (TGraphLink* h = n->linkFirst; h; h = h->next) h->mark = 0;
     }
+    // One entry per link pair: the half marked 1; its pair was marked 2.  The
+    // records are asked for 16 entries ahead and the pairs 8 ahead, when the
+    // half that names them has arrived.
     if (!s.allExpanded)
         for (size_t i = 0, e = s.links.size(); i < e; ++i) {
-            if (i + 16 < e) kwz::graph::Prefetch(s.links[i + 16]);
-            s.links[i]->mark = 0;
+            if (i + 16 < e) kwz::graph::PrefetchRecord(s.links[i + 16]);
+            if (i + 8 < e) kwz::graph::PrefetchRecord(s.links[i + 8]->pair);
+            TGraphLink* h = s.links[i];
+            h->mark = 0;
+            h->pair->mark = 0;
         }
     s.Reset();
 }
@@ -156,12 +162,18 @@ struct PathSearch {
 // ---- BuildPathCut ------------------------------------------------------------
 //
 // While the search runs, a node's mark holds its side (1: reached from
-// `from`, 2: from `to`) in the low two bits and its wave level above them;
-// at the end only the side is left.  The level lets the build step follow
-// exactly the links of shortest paths: a half-link marked 2 may also join
-// two nodes of one wave (the link was first met from the other end), and
-// such a link lies on no shortest path, so the walk takes a step only to a
-// node one level nearer its side's end.
+// `from`, 2: from `to`) in the low two bits; a node whose links a wave has
+// gone through (expanded) also holds its wave level above them, written as
+// the wave reads it.  At the end only the side is left.  The level lets the
+// build step follow exactly the links of shortest paths: a half-link marked 2
+// may also join two nodes of one wave (the link was first met from the other
+// end), and such a link lies on no shortest path, so the walk takes a step
+// only to a node one level nearer its side's end.  A step follows a
+// half-link marked 2, whose pair was marked by its neighbour's wave: every
+// node the walk enters by a step was expanded and holds its level.  The
+// nodes only reached (most of them, the last waves) keep their side alone,
+// so the pass that leaves the side in each mark goes through the expanded
+// nodes and the meeting nodes only.
 
 constexpr uint32_t kVisited = 0x80000000u;
 constexpr uint32_t Side(uint32_t mark) { return mark & 3; }
@@ -171,33 +183,36 @@ constexpr uint32_t Mark(uint32_t side, uint32_t level) { return side | (level <<
 struct CutSearch {
     TGraphItem& g;
     Marker marker;
-    std::vector<TGraphLink*>& links;  // every half-link marked, for the next search to clear
+    std::vector<TGraphLink*>& links;  // every half-link marked 1 (its pair 2), for the next search to clear
     TGraphItem& r;
     Nodes& scratch;
+    Nodes& expanded;  // the nodes whose level was written, and the meeting nodes
     kwz::graph::LinkGather& gather;
 
-    // Half-link h of a frontier node of the side and level given.
-    void Visit(TGraphLink* h, uint32_t side, uint32_t level, uint32_t& meet) {
+    // Half-link h of a frontier node of the side given.
+    void Visit(TGraphLink* h, uint32_t side, uint32_t& meet) {
         if (h->mark) return;
         TGraphNode* y = h->pair->owner;
         if (!y->mark) {
             scratch.push_back(y);
-            marker.Set(y, Mark(side, level + 1));
+            marker.touched.push_back(y);
+            y->mark = side;
         } else if (Side(y->mark) != side) {
             scratch.push_back(y);
             meet = side;
         }
         links.push_back(h);
-        links.push_back(h->pair);
         h->mark = 1;
         h->pair->mark = 2;
     }
 
-    // One wave on frontier f; the meeting side, or 0.  The frontier is read a
-    // run of nodes at a time, their lists gathered first (same order).
-    uint32_t Wave(Nodes& f) {
+    // One wave on frontier f, whose nodes lie at the level given; the meeting
+    // side, or 0.  The frontier is read a run of nodes at a time, their lists
+    // gathered first (same order).
+    uint32_t Wave(Nodes& f, uint32_t level) {
         using kwz::graph::LinkGather;
         scratch.clear();
+        expanded.insert(expanded.end(), f.begin(), f.end());
         uint32_t meet = 0;
         for (size_t b = 0; b < f.size(); b += LinkGather::kRun) {
             const size_t count = std::min(LinkGather::kRun, f.size() - b);
@@ -208,14 +223,14 @@ struct CutSearch {
             for (size_t i = 0; i < count; ++i) {
                 TGraphNode* x = f[b + i];
                 const uint32_t side = Side(x->mark);
-                const uint32_t level = Level(x->mark);
+                x->mark = Mark(side, level);
                 if (!gather.Whole(i)) {
-                    for (TGraphLink* h = x->linkFirst; h; h = h->next) Visit(h, side, level, meet);
+                    for (TGraphLink* h = x->linkFirst; h; h = h->next) Visit(h, side, meet);
                     continue;
                 }
                 for (size_t j = gather.Begin(i), e = gather.End(i); j < e; ++j) {
                     gather.Ahead(j, total);
-                    Visit(gather.At(j), side, level, meet);
+                    Visit(gather.At(j), side, meet);
                 }
             }
         }
@@ -264,17 +279,18 @@ struct CutSearch {
         }
     }
 
-    // The meeting nodes (other side) were reached from frontier nodes of
-    // side s at level sLevel.
-    void Build(Nodes& meeting, uint32_t s, uint32_t sLevel) {
+    // The meeting nodes (other side, not expanded, at level zLevel) were
+    // reached from frontier nodes of side s at level sLevel.
+    void Build(Nodes& meeting, uint32_t s, uint32_t sLevel, uint32_t zLevel) {
         std::vector<Frame> stack;
         for (TGraphNode* z : meeting) {
             if (z->mark & kVisited) continue;  // met from several nodes
             z->mark |= kVisited;
+            expanded.push_back(z);
             TGraphNode* copy = r.AppendNode(z->id);
             // Toward 1, then toward 2.
             for (uint32_t t = 1; t <= 2; ++t)
-                Walk(z, copy, t, t == s ? sLevel + 1 : Level(z->mark), stack);
+                Walk(z, copy, t, t == s ? sLevel + 1 : zLevel, stack);
         }
     }
 };
@@ -319,30 +335,31 @@ TGraphItem TGraphItem::BuildPathCut(TGraphNode& from, TGraphNode& to) {
     if (!from.linkCount || !to.linkCount) return r;
     TGraphScratch& marked = TGraphScratchBegin(*this, scratch_, false);
     try {
-        CutSearch search{*this, Marker{marked.touched}, marked.links, r, marked.wave, marked.gather};
+        marked.expanded.clear();
+        CutSearch search{*this,        Marker{marked.touched}, marked.links, r,
+                         marked.wave,  marked.expanded,        marked.gather};
         search.marker.Set(&from, Mark(1, 0));
         search.marker.Set(&to, Mark(2, 0));
         Nodes& first = marked.first;
         Nodes& second = marked.second;
         first.assign(1, &from);
         second.assign(1, &to);
+        // Level `level` of each side is expanded in turn: the first side's
+        // meeting nodes lie on the second's frontier (level `level`), the
+        // second side's on the first's (level + 1).
         for (uint32_t level = 0;; ++level) {
-            if (search.Wave(first)) {
-                search.Build(first, 1, level);
+            if (search.Wave(first, level)) {
+                search.Build(first, 1, level, level);
                 break;
             }
             if (first.empty()) break;
-            if (search.Wave(second)) {
-                search.Build(second, 2, level);
+            if (search.Wave(second, level)) {
+                search.Build(second, 2, level, level + 1);
                 break;
             }
             if (second.empty()) break;
         }
-        for (size_t i = 0, e = marked.touched.size(); i < e; ++i) {
-            if (i + 16 < e) kwz::graph::Prefetch(marked.touched[i + 16]);
-            TGraphNode* n = marked.touched[i];
-            n->mark = Side(n->mark);
-        }
+        for (TGraphNode* n : marked.expanded) n->mark = Side(n->mark);
     } catch (...) {
         ZeroMarks(marked);
         throw;

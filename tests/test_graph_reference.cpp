@@ -255,20 +255,37 @@ std::vector<uint32_t> Marks(TGraphItem* g) {
 
 TEST_P(GraphReference, SearchesClearWhatTheLastOneMarked) {
     // After any earlier searches, the marks a search leaves are those it
-    // leaves on a freshly cleared graph.
+    // leaves on a freshly cleared graph: with other ends or the same ones,
+    // and after edits between the searches (marked links and nodes deleted,
+    // their records taken again by new links).
     std::mt19937 rng(GetParam());
     Graph g = Random(rng, 800, 600, 1000);
     const Ids ids = Nodes(g.get());
     std::uniform_int_distribution<size_t> pick(0, ids.size() - 1);
     auto node = [&] { return GraphFindNode(g.get(), ids[pick(rng)]); };
     using Build = TGraphItem* (*)(TGraphItem*, TGraphNode*, TGraphNode*);
-    for (int round = 0; round < 6; ++round) {
+    auto edit = [&](TGraphNode* a) {
+        if (TGraphLink* h = GraphNodeLinkFirst(a)) GraphDeleteLink(g.get(), h);
+        for (int i = 0; i < 3; ++i) {
+            TGraphNode* n = node();
+            if (n && n != a) GraphDeleteNode(g.get(), GraphNodeId(n));
+        }
+        for (int i = 0; i < 40; ++i) {
+            TGraphNode *x = node(), *y = node();
+            if (x && y) GraphAppendLink(g.get(), x, y);
+        }
+    };
+    for (int round = 0; round < 12; ++round) {
         Build first = round % 3 == 0 ? GraphBuildPath : GraphBuildPathCut;
         Build second = round % 2 == 0 ? GraphBuildPath : GraphBuildPathCut;
-        TGraphNode *a = node(), *b = node(), *c = node(), *d = node();
-        // A search between nodes without links returns at once and clears nothing.
-        if (!GraphNodeLinkCount(c) || !GraphNodeLinkCount(d)) continue;
+        const bool sameEnds = round % 4 == 1, edits = round % 4 == 3;
+        TGraphNode *a = node(), *b = node();
+        if (!a || !b) continue;
         Graph(first(g.get(), a, b));
+        if (edits) edit(a);
+        TGraphNode *c = sameEnds ? a : node(), *d = sameEnds ? b : node();
+        // A search between nodes without links returns at once and clears nothing.
+        if (!c || !d || !GraphNodeLinkCount(c) || !GraphNodeLinkCount(d)) continue;
         Graph after(second(g.get(), c, d));
         const std::vector<uint32_t> marks = Marks(g.get());
         GraphClearTemp(g.get());
