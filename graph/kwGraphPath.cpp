@@ -183,7 +183,7 @@ constexpr uint32_t Mark(uint32_t side, uint32_t level) { return side | (level <<
 struct CutSearch {
     TGraphItem& g;
     Marker marker;
-    std::vector<TGraphLink*>& links;  // every half-link marked 1 (its pair 2), for the next search to clear
+    std::vector<TGraphLink*>& links;  // each half marked 1 (pair 2), for the next search to clear
     TGraphItem& r;
     Nodes& scratch;
     Nodes& expanded;  // the nodes whose level was written, and the meeting nodes
@@ -336,8 +336,8 @@ TGraphItem TGraphItem::BuildPathCut(TGraphNode& from, TGraphNode& to) {
     TGraphScratch& marked = TGraphScratchBegin(*this, scratch_, false);
     try {
         marked.expanded.clear();
-        CutSearch search{*this,        Marker{marked.touched}, marked.links, r,
-                         marked.wave,  marked.expanded,        marked.gather};
+        CutSearch search{*this, Marker{marked.touched}, marked.links, r,
+                         marked.wave, marked.expanded, marked.gather};
         search.marker.Set(&from, Mark(1, 0));
         search.marker.Set(&to, Mark(2, 0));
         Nodes& first = marked.first;
