@@ -33,7 +33,7 @@ PAIRS = {
     "bench_calc_engine": [(r"BM_Engine_(\w+)", ["BM_Lua_{0}", "BM_MuParser_{0}"])],
     "bench_graph": [
         (r"Build_OursPresized", ["Build_Boost"]),
-        (r"(\w+)_Ours", ["{0}_Boost", "{0}_BoostBfs", "{0}_BoostAll"]),
+        (r"(\w+)_Ours", ["{0}_Boost", "{0}_BoostReuse", "{0}_BoostBfs", "{0}_BoostBuild", "{0}_BoostAll"]),
     ],
     "bench_lzop": [
         (r"BM_Container(\w+)", ["BM_RawLzo{0}"]),
