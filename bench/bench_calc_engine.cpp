@@ -7,6 +7,7 @@
 #include <muParser.h>
 
 #include <cstdlib>
+#include <type_traits>
 
 namespace {
 
@@ -50,19 +51,14 @@ struct Lua {
     ~Lua() { lua_close(L); }
     // Integer work runs on Lua integers, as the engine's runs on Int: a
     // float argument would make Lua add floats and compare int with float.
-    int64_t CallInt(const char* name, int64_t n) {
+    // T is int64_t or double; the result comes back as the same type.
+    template <typename T>
+    T Call(const char* name, T x) {
         lua_getglobal(L, name);
-        lua_pushinteger(L, n);
+        if constexpr (std::is_integral_v<T>) lua_pushinteger(L, x);
+        else lua_pushnumber(L, x);
         lua_call(L, 1, 1);
-        const int64_t r = lua_tointeger(L, -1);
-        lua_pop(L, 1);
-        return r;
-    }
-    double Call(const char* name, double x) {
-        lua_getglobal(L, name);
-        lua_pushnumber(L, x);
-        lua_call(L, 1, 1);
-        const double r = lua_tonumber(L, -1);
+        const T r = std::is_integral_v<T> ? T(lua_tointeger(L, -1)) : T(lua_tonumber(L, -1));
         lua_pop(L, 1);
         return r;
     }
@@ -76,7 +72,7 @@ void BM_Engine_Sum(benchmark::State& st) {
 }
 void BM_Lua_Sum(benchmark::State& st) {
     Lua l;
-    for (auto _ : st) benchmark::DoNotOptimize(l.CallInt("sum", 10000000));
+    for (auto _ : st) benchmark::DoNotOptimize(l.Call<int64_t>("sum", 10000000));
 }
 void BM_Engine_Fib(benchmark::State& st) {
     Engine e;
@@ -84,7 +80,7 @@ void BM_Engine_Fib(benchmark::State& st) {
 }
 void BM_Lua_Fib(benchmark::State& st) {
     Lua l;
-    for (auto _ : st) benchmark::DoNotOptimize(l.CallInt("fib", 27));
+    for (auto _ : st) benchmark::DoNotOptimize(l.Call<int64_t>("fib", 27));
 }
 void BM_Engine_String(benchmark::State& st) {
     Engine e;
@@ -92,7 +88,7 @@ void BM_Engine_String(benchmark::State& st) {
 }
 void BM_Lua_String(benchmark::State& st) {
     Lua l;
-    for (auto _ : st) benchmark::DoNotOptimize(l.CallInt("build", 100000));
+    for (auto _ : st) benchmark::DoNotOptimize(l.Call<int64_t>("build", 100000));
 }
 void BM_Engine_Formula(benchmark::State& st) {
     Engine e;
@@ -113,7 +109,7 @@ void BM_Lua_Formula(benchmark::State& st) {
     Lua l;
     for (auto _ : st) {
         double sum = 0;
-        for (int i = 0; i < 1000000; ++i) sum += l.Call("f", i * 1e-6);
+        for (int i = 0; i < 1000000; ++i) sum += l.Call<double>("f", i * 1e-6);
         benchmark::DoNotOptimize(sum);
     }
 }

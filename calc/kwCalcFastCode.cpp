@@ -127,6 +127,27 @@ private:
         return true;
     }
 
+    // Operator op->op, instruction i + j, fused with what follows it: a
+    // comparison with a jump-if-false (kind jf), or a store and drop (kind
+    // store).  Returns how many instructions op then takes from i, or 0.
+    size_t FuseAfter(const std::vector<size_t>& starts, size_t i, size_t j, FastOp* op, uint8_t jf,
+                     uint8_t store) const {
+        size_t n = 0;
+        if (IsCompare(op->op) && Joinable(starts, i, j + 2) && code_[starts[i + j + 1]] == kOpJumpFalse) {
+            op->kind = jf;
+            op->jumpPc = uint32_t(Target(code_, starts[i + j + 1]));
+            n = j + 2;
+        } else if (Joinable(starts, i, j + 3) && IsStoreDrop(code_ + starts[i + j + 1])) {
+            op->kind = store;
+            op->to = Load<uint16_t>(code_ + starts[i + j + 1] + 1);
+            n = j + 3;
+        } else {
+            return 0;
+        }
+        op->steps = uint8_t(n);
+        return n;
+    }
+
     // Fills op from instruction i (and those it fuses); returns how many it took.
     size_t Decode(const std::vector<size_t>& starts, size_t i, FastOp* op) {
         const uint8_t* p = code_ + starts[i];
@@ -142,24 +163,13 @@ private:
                     op->constB = 1;
                     op->k = Literal(at(1));
                 }
-                if (IsCompare(op->op) && Joinable(starts, i, 4) && *at(3) == kOpJumpFalse) {
-                    op->kind = kCmpJf;
-                    op->steps = 4;
-                    op->jumpPc = uint32_t(Target(code_, starts[i + 3]));
-                    return 4;
-                }
+                if (const size_t n = FuseAfter(starts, i, 2, op, kCmpJf, kCalcStore)) return n;
                 if (Joinable(starts, i, 4) && *at(3) == calcl::kOpCall) {
                     op->kind = kArgCall;
                     op->steps = 4;
                     op->ext = Load<uint16_t>(at(3) + 1);
                     op->jumpPc = uint32_t(starts[i + 3]);
                     return 4;
-                }
-                if (Joinable(starts, i, 5) && IsStoreDrop(at(3))) {
-                    op->kind = kCalcStore;
-                    op->steps = 5;
-                    op->to = Load<uint16_t>(at(3) + 1);
-                    return 5;
                 }
                 op->kind = kCalcPush;
                 op->steps = 3;
@@ -233,18 +243,7 @@ private:
         }
         if (IsBinary(*p)) {
             op->op = *p;
-            if (IsCompare(*p) && Joinable(starts, i, 2) && *at(1) == kOpJumpFalse) {
-                op->kind = kBinJf;
-                op->steps = 2;
-                op->jumpPc = uint32_t(Target(code_, starts[i + 1]));
-                return 2;
-            }
-            if (Joinable(starts, i, 3) && IsStoreDrop(at(1))) {
-                op->kind = kBinStore;
-                op->steps = 3;
-                op->to = Load<uint16_t>(at(1) + 1);
-                return 3;
-            }
+            if (const size_t n = FuseAfter(starts, i, 0, op, kBinJf, kBinStore)) return n;
             op->kind = kBin;
             return 1;
         }
