@@ -17,7 +17,10 @@ for b in bench_*; do
   [ -x "$b" ] || continue
   [ -n "$only" ] && [ "$only" != "$b" ] && continue
   echo "== $b =="
+  # Repetitions of all cases run in a shuffled order, so that a slow spell of
+  # the machine lands on ours and on the peer alike instead of on one of them.
   ./"$b" --benchmark_repetitions=5 --benchmark_report_aggregates_only=true \
+         --benchmark_enable_random_interleaving=true \
          --benchmark_min_time=0.2 --benchmark_out="$json/$b.json" --benchmark_out_format=json "${@:2}"
 done
 if [ -z "$only" ] || [ "$only" = sock_soak ]; then
