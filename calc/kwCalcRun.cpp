@@ -1,5 +1,7 @@
 // Calls and the interpreter of compiled code, the one-call formula
 // evaluator, and the exported calling functions.
+#include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <new>
 #include <string>
@@ -559,39 +561,82 @@ int32_t FunProc(KWCalcStack* s) {
     return Run(s, s->entry);
 }
 
+// What PlanCall returns when no plan runs the call.
+constexpr int32_t kNoPlan = 1;
+
 // A call whose whole run a plan gives (kwCalcPlan.h): no hook would see it,
 // no memory rule applies, nothing stops it, depth, stack and budget suffice,
 // and the arguments' tags have a plan.  Leaves what a run through Run would
 // leave (the result in the first argument's slot, the same step count) and
-// returns true; false, with nothing changed, for everything else, which the
-// interpreter then runs.
-static bool PlanCall(KWCalcStack* s, KWCalcNameDef* e, int32_t nargs) {
+// returns 0; kNoPlan, with nothing changed, for everything else, which the
+// interpreter then runs from the start to the same outcome.  A plan that
+// passes the budget or the depth limit fails the call as the interpreter
+// would there (-50, -52: no hook sees those, no try catches them).
+static int32_t PlanCall(KWCalcStack* s, KWCalcNameDef* e, int32_t nargs) {
     const FastCode* fc = e->fast.get();
-    if (!fc || fc->plans.empty() || s->debugHook || e->fn != &KWFunProc) return false;
+    if (!fc || fc->plans.empty() || s->debugHook || e->fn != &KWFunProc) return kNoPlan;
     const KWCalcDef* c = s->calculator;
-    if (c && ((e->hook && c->callHook) || c->maxMemory > 0)) return false;
+    if (c && ((e->hook && c->callHook) || c->maxMemory > 0)) return kNoPlan;
     const KWFunDef* f = static_cast<const KWFunDef*>(e->data);
-    if (!f || nargs != f->paramCount || s->depth >= DepthLimit(s)) return false;
-    if (!(f->stackNeed + nargs < s->capacity - s->top)) return false;
-    if (s->flags.load(std::memory_order_relaxed) & kStopBit) return false;
+    const int32_t depthLimit = DepthLimit(s);
+    if (!f || nargs != f->paramCount || s->depth >= depthLimit) return kNoPlan;
+    if (!(f->stackNeed + nargs < s->capacity - s->top)) return kNoPlan;
+    if (s->flags.load(std::memory_order_relaxed) & kStopBit) return kNoPlan;
     CVar* const args = s->slots + s->top - nargs;
     const Plan* p = PlanFor(fc->plans, args, nargs);
-    if (!p) return false;
+    if (!p) return kNoPlan;
     const int64_t maxSteps = c ? c->maxSteps : 0;
-    const int64_t steps = (s->depth == 0 ? 0 : s->steps) + (maxSteps ? p->steps : 0);
-    if (maxSteps && steps > maxSteps) return false;
-    if (!RunPlan(*p, args)) return false;  // a zero divisor: the interpreter reports it
+    const int64_t base = s->depth == 0 ? 0 : s->steps;
+    int64_t steps;
+    if (!p->flow) {
+        steps = base + (maxSteps ? p->steps : 0);
+        if (maxSteps && steps > maxSteps) return kNoPlan;
+        if (!RunPlan(*p, args)) return kNoPlan;  // a zero divisor: the interpreter reports it
+    } else {
+        // A plan calls the function through its own externals: only while
+        // they still lead back to this entry (a relink or a deletion may
+        // have changed them since the plan was made).
+        for (const uint16_t x : fc->planSelf)
+            if (x >= e->externals.size() || e->externals[x] != e) return kNoPlan;
+        // Nested calls the interpreter could make: the depth limit, and the
+        // stack room each frame's test asks for (a frame starts at most
+        // stackNeed slots above its caller's; a bound, so the plan gives up
+        // there rather than fail).
+        const int64_t inc = f->stackNeed > 0 ? f->stackNeed : 1;
+        const int64_t room = int64_t(s->capacity) - 1 - (s->top - nargs) - 2 * int64_t(nargs) - f->stackNeed;
+        const int64_t byDepth = int64_t(depthLimit) - 1 - s->depth;
+        const int64_t byStack = std::max<int64_t>(room / inc, 0);
+        const int64_t nest = std::min(byDepth, byStack);
+        int64_t ran = 0;
+        const int64_t limit = maxSteps ? maxSteps - base : INT64_MAX;
+        switch (RunFlowPlan(fc->plans.data(), *p, args, s->flags, limit, int32_t(std::min<int64_t>(nest, INT32_MAX)),
+                            byDepth <= byStack, &ran)) {
+        case PlanEnd::kDone: break;
+        case PlanEnd::kGiveUp: return kNoPlan;
+        case PlanEnd::kSteps:
+            s->steps = maxSteps + 1;  // where the interpreter stops: at the first instruction beyond
+            DropTo(s, s->top - nargs);
+            return kStepLimit;
+        case PlanEnd::kDepth:
+            s->steps = base + (maxSteps ? ran : 0);
+            DropTo(s, s->top - nargs);
+            return kDepthLimit;
+        }
+        steps = base + (maxSteps ? ran : 0);
+    }
     s->steps = steps;
     for (int32_t i = 1; i < nargs; ++i) Wipe(args + i);  // numbers: nothing to free
     s->top -= nargs - 1;
-    return true;
+    return kOk;
 }
 
 // CallEntry for everything a plan does not run.
 static int32_t CallGeneral(KWCalcStack* s, KWCalcNameDef* e, int32_t nargs);
 
 int32_t CallEntry(KWCalcStack* s, KWCalcNameDef* e, int32_t nargs) {
-    if (s->top - nargs >= 0 && PlanCall(s, e, nargs)) return kOk;
+    if (s->top - nargs >= 0) {
+        if (const int32_t st = PlanCall(s, e, nargs); st != kNoPlan) return st;
+    }
     return CallGeneral(s, e, nargs);
 }
 

@@ -4,6 +4,7 @@
 
 #include <VomKwz.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <memory>
@@ -142,6 +143,22 @@ const char* const kDiffScripts[] = {
     // the last operation writes the result's slot itself
     "mulr(a,b){var t;t=a-b;Result=t*a;}",
     "lastnot(a,b){Result=a*b;Result=Result+0;b=a+1;}",
+    // jumps and calls of the function itself
+    "brk(n){var i,s;i=0;s=0;while(1){i=i+1;if(i>n){break;}if(i%3==0){continue;}s=s+i*i;}Result=s;}",
+    "nest(n){var i,j,s;i=0;s=0;while(i<n){j=0;while(j<i){s=s+i*j;j=j+1;if(j==5){break;}}i=i+1;}Result=s;}",
+    "chain(x){if(x<0){Result=-1;}elseif(x==0){Result=0;}elseif(x<10){Result=x*2;}else{Result=x\\2;}}",
+    "chaind(x){if(x<0){Result=-1.5;}elseif(x==0){Result=0.0;}elseif(x<10){Result=x*2.0;}else{Result=x/4;}}",
+    "retag(n){var x,i;x=0;i=0;while(i<n){x=x+0.5;i=i+1;}Result=x;}",  // x: Int, then Dbl
+    "cond(x){var s;s=0;Result=-1;while(x){s=s+1;x=x-0.75;if(s>9){exit;}}Result=s;}",
+    "ack(m,n){if(m==0){Result=n+1;exit;}if(n==0){Result=ack(m-1,1);exit;}Result=ack(m-1,ack(m,n-1));}",
+    "pw(x,n){if(n==0){Result=1.0;exit;}Result=x*pw(x,n-1);}",  // the result is Dbl whatever x is
+    "cm(x,n){if(n<=0){Result=x*1.0;exit;}Result=cm(x*1.5,n-1)+1;}",  // Int x calls the Dbl x plan
+    "ev(n){if(n==0){Result=1;exit;}Result=od(n-1);}",
+    "od(n){if(n==0){Result=0;exit;}Result=ev(n-1);}",
+    "deep(n){if(n==0){Result=0;exit;}Result=deep(n-1)+1;}",
+    "dz(n){if(n==0){Result=1\\n;exit;}Result=dz(n-1)+1;}",
+    "dzloop(n){var i;i=0;Result=0.0;while(i<9){Result=Result+100/(n-i);i=i+1;}}",
+    "noend(n){var i;i=0;while(1){i=i+n;}}",
 };
 
 // Compiled with debug points (instructions that only count).
@@ -153,6 +170,7 @@ const char* const kDiffDebugScripts[] = {
 struct DiffRow {
     const char* fn;
     std::vector<const char*> args;  // formulas giving the arguments
+    int32_t depth = 0;              // the call-depth limit (0: the default)
 };
 
 const DiffRow kDiffRows[] = {
@@ -175,6 +193,18 @@ const DiffRow kDiffRows[] = {
     {"csnest", {"0.3"}}, {"csnest", {"-4"}}, {"divk", {"7"}}, {"divk", {"0.1"}}, {"divk", {"sqrt(-1)"}},
     {"divk0", {"1"}}, {"divk0", {"2.5"}}, {"divkn", {"1.5"}}, {"divkn", {"0"}}, {"mulr", {"3", "0.5"}},
     {"mulr", {"2", "7"}}, {"lastnot", {"1.5", "2"}}, {"lastnot", {"3", "2"}},
+    {"brk", {"10"}}, {"brk", {"0"}}, {"brk", {"4.5"}}, {"nest", {"9"}}, {"nest", {"4.5"}},
+    {"chain", {"-3"}}, {"chain", {"0"}}, {"chain", {"7"}}, {"chain", {"25"}}, {"chain", {"2.5"}},
+    {"chaind", {"-3"}}, {"chaind", {"0"}}, {"chaind", {"7"}}, {"chaind", {"25"}}, {"chaind", {"sqrt(-1)"}},
+    {"retag", {"3"}}, {"cond", {"3"}}, {"cond", {"3.0"}}, {"cond", {"sqrt(-1)"}}, {"cond", {"30"}},
+    {"fib", {"12"}}, {"fib", {"6.5"}}, {"fib", {"-1"}}, {"ack", {"2", "3"}}, {"ack", {"1", "2.5"}},
+    {"pw", {"2", "10"}}, {"pw", {"1.5", "7"}}, {"pw", {"3", "0.5"}}, {"cm", {"2", "3"}}, {"cm", {"2.5", "3"}},
+    {"ev", {"6"}}, {"od", {"5"}},
+    // the depth limit and the stack's 64 slots, from both sides
+    {"deep", {"5"}, 6}, {"deep", {"6"}, 6}, {"deep", {"7"}, 6}, {"deep", {"12"}}, {"deep", {"13"}},
+    {"deep", {"14"}}, {"deep", {"15"}}, {"deep", {"16"}}, {"deep", {"17"}}, {"deep", {"40"}},
+    {"deep", {"3.5"}}, {"dz", {"6"}}, {"dz", {"0"}}, {"dzloop", {"5"}}, {"dzloop", {"5.0"}}, {"dzloop", {"20"}},
+    {"noend", {"1"}},  // ends with the budget
 };
 
 struct Outcome {
@@ -235,7 +265,7 @@ struct DiffEngine {
     Outcome Call(const DiffRow& r, int64_t budget) {
         EXPECT_EQ(KWCalcSetLimits(calc, 0, 0, 0), 0);
         for (const char* a : r.args) EXPECT_EQ(KWCalcFormula(a, KWCalcStackPush(s), calc, 0), 0) << a;
-        EXPECT_EQ(KWCalcSetLimits(calc, budget, memory, 0), 0);
+        EXPECT_EQ(KWCalcSetLimits(calc, budget, memory, r.depth), 0);
         gErrors.clear();
         Outcome o;
         o.status = KWCalcFun2(s, r.fn);
@@ -267,10 +297,43 @@ TEST(CalcEngineInternal, FastPathsMatchTheGeneralPath) {
     // The formula's sin and cos are one op: sincos, two products, the
     // quotient, the sum, the end.
     EXPECT_EQ(KWCalcNameFind(engines[0].calc, "f", nullptr)->fast->plans[1].ops.size(), 6u);
-    for (const char* fn : {"wide", "math", "sum", "strs"}) {
+    for (const char* fn : {"wide", "math", "strs", "retag", "ev", "od", "logic"}) {
         const KWCalcNameDef* e = KWCalcNameFind(engines[0].calc, fn, nullptr);
         ASSERT_TRUE(e && e->fast) << fn;
         EXPECT_TRUE(e->fast->plans.empty()) << fn;
+    }
+    // Loops and self-calls have flow plans for the tags that keep theirs.
+    struct Flow {
+        const char* fn;
+        std::vector<bool> plans;  // by the mask of Dbl arguments
+    };
+    const Flow flows[] = {
+        {"sum", {true, true}},       {"fib", {true, true}},        {"skip", {true, true}},
+        {"brk", {true, true}},       {"nest", {true, true}},       {"chain", {true, false}},
+        {"chaind", {true, true}},    {"cond", {false, true}},       {"ack", {true, true, false, false}},
+        {"pw", {true, true, true, true}}, {"cm", {true, true, true, true}},
+        {"deep", {true, true}},     {"dz", {true, false}},        {"dzloop", {true, true}},
+        {"noend", {true, false}},     {"half", {false, false}},     {"zeroin", {false, false}},
+        {"sumd", {true, true}},
+    };
+    for (const Flow& w : flows) {
+        const KWCalcNameDef* e = KWCalcNameFind(engines[0].calc, w.fn, nullptr);
+        ASSERT_TRUE(e && e->fast) << w.fn;
+        const auto& plans = e->fast->plans;
+        const bool any = std::find(w.plans.begin(), w.plans.end(), true) != w.plans.end();
+        ASSERT_EQ(plans.size(), any ? w.plans.size() : 0u) << w.fn;
+        for (size_t m = 0; m < plans.size(); ++m) {
+            EXPECT_EQ(plans[m].ok, bool(w.plans[m])) << w.fn << " mask " << m;
+            EXPECT_TRUE(!plans[m].ok || plans[m].flow) << w.fn << " mask " << m;
+        }
+    }
+    // The benchmark's loop is four ops a round: the fused test, two sums, the jump back.
+    {
+        const auto& ops = KWCalcNameFind(engines[0].calc, "sum", nullptr)->fast->plans[0].ops;
+        int back = 0;
+        for (size_t i = 0; i < ops.size(); ++i)
+            if (ops[i].code == kwz::calc::plan::kJmpBack) back += ops.size() > 4 && int(i) - ops[i].target == 3;
+        EXPECT_EQ(back, 1);
     }
     // The benchmark's shapes run whole in the pre-decoded loop: loops,
     // recursion with its calls, the formula.
