@@ -94,6 +94,56 @@ TEST(CalcEngineInternal, CompileAndRunUnderFailingAllocations) {
     }
 }
 
+// A plan that recurses deeper than its frames on the C stack hold takes
+// more from the heap; when that fails it gives up and the interpreter gives
+// the same value.
+TEST(CalcEngineInternal, PlanFramesUnderFailingAllocations) {
+    struct Row {
+        const char* text;
+        const char* fn;
+        const char* arg;  // a formula
+    };
+    const Row rows[] = {
+        {"down(n){if(n==0){Result=0;exit;}Result=down(n-1)+1;}", "down", "600"},
+        {"half(x,n){if(n<1){Result=x;exit;}Result=half(x/2,n-1)+x;}", "half", "[700.5,500]"},
+    };
+    for (const Row& r : rows) {
+        KWCalcDef* calc = nullptr;
+        ASSERT_EQ(KWCalcCreate(&calc, nullptr, nullptr), 0);
+        ASSERT_EQ(KWCalcFunAddI(calc, r.text, nullptr, 0, 0), 0);
+        ASSERT_FALSE(KWCalcNameFind(calc, r.fn, nullptr)->fast->plans.empty()) << r.fn;
+        ASSERT_EQ(KWCalcSetLimits(calc, 0, 0, 1000), 0);
+        KWCalcStack* s = nullptr;
+        ASSERT_EQ(KWCalcStackCreate(calc, &s, 8000), 0);
+        CVar arg{};
+        ASSERT_EQ(KWCalcFormula(r.arg, &arg, calc, 0), 0);
+        auto call = [&](CVar* out) {
+            if (arg.type == 4) {
+                for (int32_t i = 0; i < arg.count; ++i) CVarCopy(KWCalcStackPush(s), &arg.v.a[i]);
+            } else {
+                CVarCopy(KWCalcStackPush(s), &arg);
+            }
+            const int32_t st = KWCalcFun2(s, r.fn);
+            if (st == 0) KWCalcStackPop(s, out);
+            return st;
+        };
+        CVar want{};
+        ASSERT_EQ(call(&want), 0) << r.fn;
+        int32_t wrong = 0;
+        const int64_t failures = ForEachAllocationFailure([&](auto) {
+            CVar got{};
+            const int32_t st = call(&got);
+            if (st != 0 || got.type != want.type || std::memcmp(&got.v, &want.v, 8) != 0 || s->top != 0) ++wrong;
+            CVarSetEmpty(&got);
+        });
+        EXPECT_EQ(wrong, 0) << r.fn;
+        EXPECT_GE(failures, 1) << r.fn << ": the frames never left the C stack";
+        CVarSetEmpty(&arg);
+        KWCalcStackFree(s);
+        KWCalcDestroy(calc);
+    }
+}
+
 }  // namespace
 
 // The fast paths against the paths they shortcut.  Every row runs in four
