@@ -30,6 +30,9 @@ constexpr int32_t kMixed = -1;
 // Functions with jumps or calls longer than this get no plans: the decoder
 // may go over the code a few times for each combination of tags.
 constexpr size_t kMaxFlowCode = 16384;
+// Bytes of code all decodings of one function may go over together; what is
+// not decoded by then gets no plan, so adding a function stays quick.
+constexpr size_t kMaxDecodeWork = size_t(1) << 20;
 
 inline double D(uint64_t b) { return PlanDbl(b); }
 inline uint64_t B(double d) { return PlanBits(d); }
@@ -45,6 +48,7 @@ struct Shape {
     const uint8_t* code = nullptr;
     int32_t params = 0;
     bool flow = false;               // jumps or calls
+    size_t length = 0;               // bytes up to the end
     std::vector<uint8_t> target;     // by offset: 0, 1 a jump target, 2 a back edge's target
     std::vector<uint8_t> self;       // by external index: 1 when it is this function
     bool Make(const KWFunDef* f) {
@@ -63,8 +67,9 @@ struct Shape {
             if (o == kOpEnd) break;
             pc += n;
         }
+        length = start.size();
         if (!flow) return true;
-        if (start.size() > kMaxFlowCode) return false;
+        if (length > kMaxFlowCode) return false;
         target.assign(start.size(), 0);
         for (pc = 0; pc < start.size(); pc += OpLength(code + pc)) {
             const uint8_t o = code[pc];
@@ -544,7 +549,8 @@ std::vector<Plan> MakePlans(const KWFunDef* f, std::vector<uint16_t>* selfCalls)
     int32_t known[16];
     std::fill(known, known + 16, Decoder::kUnknown);
     bool any = false;
-    for (bool progress = true; progress;) {
+    size_t work = 0;
+    for (bool progress = true; progress && work <= kMaxDecodeWork;) {
         progress = false;
         for (uint32_t mask = 0; mask < count; ++mask) {
             if (known[mask] != Decoder::kUnknown) continue;
@@ -554,9 +560,14 @@ std::vector<Plan> MakePlans(const KWFunDef* f, std::vector<uint16_t>* selfCalls)
             for (const int32_t guess : {int32_t(kInt), int32_t(kDbl)}) {
                 Plan p;
                 std::vector<std::pair<size_t, int32_t>> mixed;
-                Outcome out;
+                Outcome out = Outcome::kNo;
                 bool guessed = false;
                 do {
+                    work += sh.length;
+                    if (work > kMaxDecodeWork) {
+                        out = Outcome::kNo;
+                        break;
+                    }
                     p = Plan();
                     Decoder d(sh, mask, &p, known, guess, &mixed);
                     out = d.Run();
