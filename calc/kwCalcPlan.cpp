@@ -1,8 +1,7 @@
-// Plans for pure-arithmetic functions: decoding (the operand stack followed
-// symbolically, so a load costs nothing and an operator names its operands'
-// registers) and the loop that runs them.  Each operation gives the bits the
-// operator module gives for those tags: Int wraps, "/" divides as doubles,
-// comparisons follow IEEE (NaN unordered), a zero divisor is a failure.
+// Decoding plans: the operand stack followed symbolically, so a load costs
+// nothing and an operator names its operands' registers, and the tags
+// followed along every edge of the code, so that each operation knows its
+// operands' tags.  The loops that run plans are in kwCalcPlanRun.cpp.
 #include "calc/kwCalcPlan.h"
 
 #include <algorithm>
@@ -11,15 +10,14 @@
 #include <map>
 #include <utility>
 
-#include "calc/kwCalcEngine.h"
 #include "base/kwSort.h"
+#include "calc/kwCalcEngine.h"
 #include "calc/kwCalcOps.h"
 
 namespace kwz::calc {
 namespace {
 
 using namespace plan;
-
 using namespace kwz::calcl;
 
 constexpr int kMaxVars = 24;
@@ -138,7 +136,8 @@ public:
             pc += len;
         }
         p_->resultType = types_[params_];
-        p_->constBase = uint8_t(kMaxVars + kMaxDepth);
+        static_assert(kMaxVars + kMaxDepth == kPlanConstBase, "the runner copies the literals there");
+        p_->constBase = uint8_t(kPlanConstBase);
         p_->regs = uint8_t(p_->constBase + p_->constCount);
         FuseSinCos();
         FuseReturn();

@@ -71,6 +71,9 @@ inline uint64_t PlanBits(double d) {
 
 // Literals a plan holds (more send the function to the interpreter).
 constexpr int kPlanConsts = 8;
+// The register of a straight plan's first literal (after 24 variables and
+// 16 temporaries).
+constexpr int kPlanConstBase = 40;
 
 struct Plan {
     bool ok = false;             // false: this combination of tags runs in the interpreter

@@ -102,14 +102,14 @@ bool RunPlan(const Plan& p, CVar* args) {
         &&addDR, &&subDR, &&mulDR, &&divDR, &&divDKR, &&done,
     };
     static_assert(sizeof kCode / sizeof kCode[0] == kDone + 1, "one label per operation");
-    uint64_t r[64];
+    uint64_t r[kPlanConstBase + kPlanConsts];
     switch (p.params) {  // one to four, unrolled: the loop costs more than the loads
     case 4: r[3] = uint64_t(NumOf(args + 3).bits); [[fallthrough]];
     case 3: r[2] = uint64_t(NumOf(args + 2).bits); [[fallthrough]];
     case 2: r[1] = uint64_t(NumOf(args + 1).bits); [[fallthrough]];
     default: r[0] = uint64_t(NumOf(args).bits);
     }
-    if (p.constCount) std::memcpy(r + p.constBase, p.consts, sizeof p.consts);
+    if (p.constCount) std::memcpy(r + kPlanConstBase, p.consts, sizeof p.consts);
     const PlanOp* o = p.ops.data();
 #define GIVE_UP return false
 #define A r[o->a]
