@@ -209,6 +209,12 @@ const char* const kDiffScripts[] = {
     "dz(n){if(n==0){Result=1\\n;exit;}Result=dz(n-1)+1;}",
     "dzloop(n){var i;i=0;Result=0.0;while(i<9){Result=Result+100/(n-i);i=i+1;}}",
     "noend(n){var i;i=0;while(1){i=i+n;}}",
+    // break outside a loop: a jump to itself, so no exit is reached (no plan)
+    "brkout(x){Result=x;break;Result=x+1;continue;Result=Result*2;}",
+    "ife(x){if(x>1){}elseif(x<-1){}else{x=-x;}Result=x;}",
+    "tri(n){var i,s;i=0;s=0;if(n<=0){Result=0;exit;}while(i<n){i=i+1;s=s+i;}Result=s+tri(n-1);}",
+    "fact(n){if(n<2){Result=1;exit;}Result=n*fact(n-1);}",
+    "nf(n){if(n<1){Result=0.5;exit;}n=n-1;Result=2+3*nf(n)-n;}",
 };
 
 // Compiled with debug points (instructions that only count).
@@ -255,6 +261,9 @@ const DiffRow kDiffRows[] = {
     {"deep", {"14"}}, {"deep", {"15"}}, {"deep", {"16"}}, {"deep", {"17"}}, {"deep", {"40"}},
     {"deep", {"3.5"}}, {"dz", {"6"}}, {"dz", {"0"}}, {"dzloop", {"5"}}, {"dzloop", {"5.0"}}, {"dzloop", {"20"}},
     {"noend", {"1"}},  // ends with the budget
+    {"brkout", {"3"}}, {"brkout", {"1.5"}}, {"ife", {"3"}}, {"ife", {"-3"}}, {"ife", {"0.5"}},
+    {"tri", {"6"}}, {"tri", {"4.5"}}, {"fact", {"10"}}, {"fact", {"25"}}, {"fact", {"10.0"}},
+    {"nf", {"5"}}, {"nf", {"3.25"}},
 };
 
 struct Outcome {
@@ -364,7 +373,8 @@ TEST(CalcEngineInternal, FastPathsMatchTheGeneralPath) {
         {"pw", {true, true, true, true}}, {"cm", {true, true, true, true}},
         {"deep", {true, true}},     {"dz", {true, false}},        {"dzloop", {true, true}},
         {"noend", {true, false}},     {"half", {false, false}},     {"zeroin", {false, false}},
-        {"sumd", {true, true}},
+        {"sumd", {true, true}},      {"brkout", {false, false}},     {"ife", {true, true}},
+        {"tri", {true, true}},       {"fact", {true, false}},      {"nf", {true, true}},
     };
     for (const Flow& w : flows) {
         const KWCalcNameDef* e = KWCalcNameFind(engines[0].calc, w.fn, nullptr);
