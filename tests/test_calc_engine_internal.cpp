@@ -367,14 +367,14 @@ TEST(CalcEngineInternal, FastPathsMatchTheGeneralPath) {
         std::vector<bool> plans;  // by the mask of Dbl arguments
     };
     const Flow flows[] = {
-        {"sum", {true, true}},       {"fib", {true, true}},        {"skip", {true, true}},
-        {"brk", {true, true}},       {"nest", {true, true}},       {"chain", {true, false}},
-        {"chaind", {true, true}},    {"cond", {false, true}},       {"ack", {true, true, false, false}},
+        {"sum", {true, true}},          {"fib", {true, true}},     {"skip", {true, true}},
+        {"brk", {true, true}},          {"nest", {true, true}},    {"chain", {true, false}},
+        {"chaind", {true, true}},       {"cond", {false, true}},   {"ack", {true, true, false, false}},
         {"pw", {true, true, true, true}}, {"cm", {true, true, true, true}},
-        {"deep", {true, true}},     {"dz", {true, false}},        {"dzloop", {true, true}},
-        {"noend", {true, false}},     {"half", {false, false}},     {"zeroin", {false, false}},
-        {"sumd", {true, true}},      {"brkout", {false, false}},     {"ife", {true, true}},
-        {"tri", {true, true}},       {"fact", {true, false}},      {"nf", {true, true}},
+        {"deep", {true, true}},         {"dz", {true, false}},     {"dzloop", {true, true}},
+        {"noend", {true, false}},       {"half", {false, false}},  {"zeroin", {false, false}},
+        {"sumd", {true, true}},         {"brkout", {false, false}}, {"ife", {true, true}},
+        {"tri", {true, true}},          {"fact", {true, false}},   {"nf", {true, true}},
     };
     for (const Flow& w : flows) {
         const KWCalcNameDef* e = KWCalcNameFind(engines[0].calc, w.fn, nullptr);
