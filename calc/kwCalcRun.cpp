@@ -573,8 +573,11 @@ inline void KeepFirst(KWCalcStack* s, CVar* args, int32_t nargs) {
 // PlanCall for a plan with jumps or calls, out of line so that the straight
 // plans' path stays small enough to be inlined into the host's call.
 static __attribute__((noinline)) int32_t FlowPlanCall(KWCalcStack* s, KWCalcNameDef* e, const Plan* p,
-                                                      CVar* args, int32_t nargs, int64_t maxSteps, int64_t base) {
+                                                      int32_t nargs) {
     const FastCode* fc = e->fast.get();
+    CVar* const args = s->slots + s->top - nargs;
+    const int64_t maxSteps = s->calculator ? s->calculator->maxSteps : 0;
+    const int64_t base = s->depth == 0 ? 0 : s->steps;
     const KWFunDef* f = static_cast<const KWFunDef*>(e->data);
     // A plan calls the function through its own externals: only while they
     // still lead back to this entry (a relink or a deletion may have changed
@@ -630,9 +633,9 @@ static int32_t PlanCall(KWCalcStack* s, KWCalcNameDef* e, int32_t nargs) {
     CVar* const args = s->slots + s->top - nargs;
     const Plan* p = PlanFor(fc->plans, args, nargs);
     if (!p) return kNoPlan;
+    if (__builtin_expect(p->flow, 0)) return FlowPlanCall(s, e, p, nargs);
     const int64_t maxSteps = c ? c->maxSteps : 0;
     const int64_t base = s->depth == 0 ? 0 : s->steps;
-    if (__builtin_expect(p->flow, 0)) return FlowPlanCall(s, e, p, args, nargs, maxSteps, base);
     const int64_t steps = base + (maxSteps ? p->steps : 0);
     if (maxSteps && steps > maxSteps) return kNoPlan;
     if (!RunPlan(*p, args)) return kNoPlan;  // a zero divisor: the interpreter reports it
