@@ -14,7 +14,11 @@
 #include <cstring>
 #include <new>
 
+#include <algorithm>
+#include <cstdint>
+
 #include "calc/kwCalcEngine.h"
+#include "calc/kwCalcFastCode.h"
 #include "calc/kwCalcPlan.h"
 
 namespace kwz::calc {
@@ -267,6 +271,45 @@ bad:  // the straight plans' fused returns: never in a flow plan
 #undef JUMP
 #undef BRANCH
 #undef GIVE_UP
+}
+
+__attribute__((noinline)) int32_t FlowPlanCall(KWCalcStack* s, KWCalcNameDef* e, const Plan& p, int32_t nargs,
+                                               int32_t depthLimit) {
+    const FastCode* fc = e->fast.get();
+    const KWFunDef* f = static_cast<const KWFunDef*>(e->data);
+    CVar* const args = s->slots + s->top - nargs;
+    const int64_t maxSteps = s->calculator ? s->calculator->maxSteps : 0;
+    const int64_t base = s->depth == 0 ? 0 : s->steps;  // the outermost call starts the count
+    // A plan calls the function through its own externals: only while they
+    // still lead back to this entry (a relink or a deletion may have changed
+    // them since the plan was made).
+    for (const uint16_t x : fc->planSelf)
+        if (x >= e->externals.size() || e->externals[x] != e) return kNoPlan;
+    // Nested calls the interpreter could make: the depth limit, and the
+    // stack room each frame's test asks for (a frame starts at most
+    // stackNeed slots above its caller's; a bound, so the plan gives up
+    // there rather than fail).
+    const int64_t inc = f->stackNeed > 0 ? f->stackNeed : 1;
+    const int64_t room = int64_t(s->capacity) - 1 - (s->top - nargs) - 2 * int64_t(nargs) - f->stackNeed;
+    const int64_t byDepth = int64_t(depthLimit) - 1 - s->depth;
+    const int64_t byStack = std::max<int64_t>(room / inc, 0);
+    const int64_t nest = std::min(byDepth, byStack);
+    int64_t ran = 0;
+    const int64_t limit = maxSteps ? maxSteps - base : INT64_MAX;
+    const PlanEnd end = RunFlowPlan(fc->plans.data(), p, args, s->flags, limit,
+                                    int32_t(std::min<int64_t>(nest, INT32_MAX)), byDepth <= byStack, &ran);
+    if (end == PlanEnd::kGiveUp) return kNoPlan;
+    if (end != PlanEnd::kDone) {
+        // -50 stops at the first instruction beyond the budget, -52 at the call.
+        s->steps = end == PlanEnd::kSteps ? maxSteps + 1 : base + (maxSteps ? ran : 0);
+        for (int32_t i = 0; i < nargs; ++i) Wipe(args + i);  // numbers: nothing to free
+        s->top -= nargs;
+        return end == PlanEnd::kSteps ? kStepLimit : kDepthLimit;
+    }
+    s->steps = base + (maxSteps ? ran : 0);
+    for (int32_t i = 1; i < nargs; ++i) Wipe(args + i);
+    s->top -= nargs - 1;
+    return kOk;
 }
 
 }  // namespace kwz::calc

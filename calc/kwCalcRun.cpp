@@ -561,56 +561,10 @@ int32_t FunProc(KWCalcStack* s) {
     return Run(s, s->entry);
 }
 
-// What PlanCall returns when no plan runs the call.
-constexpr int32_t kNoPlan = 1;
-
 // The result in the first argument's slot: the others are emptied.
 inline void KeepFirst(KWCalcStack* s, CVar* args, int32_t nargs) {
     for (int32_t i = 1; i < nargs; ++i) Wipe(args + i);  // numbers: nothing to free
     s->top -= nargs - 1;
-}
-
-// PlanCall for a plan with jumps or calls, out of line so that the straight
-// plans' path stays small enough to be inlined into the host's call.
-static __attribute__((noinline)) int32_t FlowPlanCall(KWCalcStack* s, KWCalcNameDef* e, const Plan* p,
-                                                      int32_t nargs) {
-    const FastCode* fc = e->fast.get();
-    CVar* const args = s->slots + s->top - nargs;
-    const int64_t maxSteps = s->calculator ? s->calculator->maxSteps : 0;
-    const int64_t base = s->depth == 0 ? 0 : s->steps;
-    const KWFunDef* f = static_cast<const KWFunDef*>(e->data);
-    // A plan calls the function through its own externals: only while they
-    // still lead back to this entry (a relink or a deletion may have changed
-    // them since the plan was made).
-    for (const uint16_t x : fc->planSelf)
-        if (x >= e->externals.size() || e->externals[x] != e) return kNoPlan;
-    // Nested calls the interpreter could make: the depth limit, and the
-    // stack room each frame's test asks for (a frame starts at most
-    // stackNeed slots above its caller's; a bound, so the plan gives up
-    // there rather than fail).
-    const int64_t inc = f->stackNeed > 0 ? f->stackNeed : 1;
-    const int64_t room = int64_t(s->capacity) - 1 - (s->top - nargs) - 2 * int64_t(nargs) - f->stackNeed;
-    const int64_t byDepth = int64_t(DepthLimit(s)) - 1 - s->depth;
-    const int64_t byStack = std::max<int64_t>(room / inc, 0);
-    const int64_t nest = std::min(byDepth, byStack);
-    int64_t ran = 0;
-    const int64_t limit = maxSteps ? maxSteps - base : INT64_MAX;
-    switch (RunFlowPlan(fc->plans.data(), *p, args, s->flags, limit, int32_t(std::min<int64_t>(nest, INT32_MAX)),
-                        byDepth <= byStack, &ran)) {
-    case PlanEnd::kDone: break;
-    case PlanEnd::kGiveUp: return kNoPlan;
-    case PlanEnd::kSteps:
-        s->steps = maxSteps + 1;  // where the interpreter stops: at the first instruction beyond
-        DropTo(s, s->top - nargs);
-        return kStepLimit;
-    case PlanEnd::kDepth:
-        s->steps = base + (maxSteps ? ran : 0);
-        DropTo(s, s->top - nargs);
-        return kDepthLimit;
-    }
-    s->steps = base + (maxSteps ? ran : 0);
-    KeepFirst(s, args, nargs);
-    return kOk;
 }
 
 // A call whose whole run a plan gives (kwCalcPlan.h): no hook would see it,
@@ -633,7 +587,7 @@ static int32_t PlanCall(KWCalcStack* s, KWCalcNameDef* e, int32_t nargs) {
     CVar* const args = s->slots + s->top - nargs;
     const Plan* p = PlanFor(fc->plans, args, nargs);
     if (!p) return kNoPlan;
-    if (__builtin_expect(p->flow, 0)) return FlowPlanCall(s, e, p, nargs);
+    if (__builtin_expect(p->flow, 0)) return FlowPlanCall(s, e, *p, nargs, DepthLimit(s));
     const int64_t maxSteps = c ? c->maxSteps : 0;
     const int64_t base = s->depth == 0 ? 0 : s->steps;
     const int64_t steps = base + (maxSteps ? p->steps : 0);
