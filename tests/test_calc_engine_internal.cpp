@@ -422,6 +422,44 @@ TEST(CalcEngineInternal, FastPathsMatchTheGeneralPath) {
     }
 }
 
+// A plan with self-calls runs only while the calls in the code still lead
+// back to the function: once the external is unlinked, the call goes to the
+// interpreter, which fails at the call as it must.
+TEST(CalcEngineInternal, StalePlanNeverRuns) {
+    struct Row {
+        const char* text;
+        const char* fn;
+        int64_t arg;
+        int32_t linked;    // the status while linked
+        int32_t unlinked;  // and once the self-call leads nowhere
+    };
+    const Row rows[] = {
+        {"fib(n){if(n<2){Result=n;exit;}Result=fib(n-1)+fib(n-2);}", "fib", 10, 0, -45},
+        {"fib(n){if(n<2){Result=n;exit;}Result=fib(n-1)+fib(n-2);}", "fib", 1, 0, 0},  // no call reached
+        {"sum(n){var i,s;i=0;s=0;while(i<n){i=i+1;s=s+i;}Result=s;}", "sum", 10, 0, 0},  // no self-call
+    };
+    for (const Row& r : rows) {
+        KWCalcDef* calc = nullptr;
+        ASSERT_EQ(KWCalcCreate(&calc, nullptr, nullptr), 0);
+        ASSERT_EQ(KWCalcFunAddI(calc, r.text, nullptr, 0, 0), 0);
+        KWCalcNameDef* e = KWCalcNameFind(calc, r.fn, nullptr);
+        ASSERT_FALSE(e->fast->plans.empty()) << r.fn;
+        KWCalcStack* s = nullptr;
+        ASSERT_EQ(KWCalcStackCreate(calc, &s, 256), 0);
+        for (const int32_t want : {r.linked, r.unlinked}) {
+            CVarSetInt(KWCalcStackPush(s), r.arg);
+            EXPECT_EQ(KWCalcFun2(s, r.fn), want) << r.fn << " " << r.arg;
+            if (want == 0) {
+                EXPECT_EQ(KWCalcStackPop(s, nullptr), 0);
+            }
+            EXPECT_EQ(s->top, 0) << r.fn;
+            for (KWCalcNameDef*& x : e->externals) x = nullptr;  // as an unlink leaves them
+        }
+        KWCalcStackFree(s);
+        KWCalcDestroy(calc);
+    }
+}
+
 // Plans compute sin and cos of one value with one sincos call: that must give
 // the bits of separate sin and cos calls everywhere, or plans would change
 // results.  Called through volatile pointers so that the compiler cannot
