@@ -118,17 +118,35 @@ enum class PlanEnd { kDone, kGiveUp, kSteps, kDepth };
 PlanEnd RunFlowPlan(const Plan* plans, const Plan& p, CVar* args, const std::atomic<uint32_t>& flags,
                     int64_t limit, int32_t maxNest, bool depthBound, int64_t* steps);
 
-// What FlowPlanCall returns when no plan runs the call.
+// What FlowPlanCall returns when no plan runs the call: none was tried, or
+// one gave up part of the way.
 constexpr int32_t kNoPlan = 1;
+constexpr int32_t kPlanGaveUp = 2;
 
 // Runs flow plan p of compiled entry e on the top nargs values of s (its
 // arguments, whose tags select p), under the stack's budget, stop bit and
 // depthLimit, as the interpreter would run the call: 0 with the result in
 // the first argument's slot, or -50 / -52 with the arguments gone and the
-// step count where the interpreter would stop; kNoPlan, with nothing
-// changed, when the plan gives up.  Out of line, so that the straight
+// step count where the interpreter would stop; kNoPlan or kPlanGaveUp, with
+// nothing changed, when no plan ran it.  Out of line, so that the straight
 // plans' path stays small enough to be inlined into the host's call.
 int32_t FlowPlanCall(KWCalcStack* s, KWCalcNameDef* e, const Plan& p, int32_t nargs, int32_t depthLimit);
+
+// While the interpreter runs a call whose plan gave up, the calls it makes
+// on that stack do not try flow plans: they would give up at the same point
+// again, once for every level of a recursion.  Marks s from its present
+// depth for the object's life (one thread: the marker is per thread).
+class FlowPlansOff {
+public:
+    explicit FlowPlansOff(const KWCalcStack* s);
+    ~FlowPlansOff();
+    FlowPlansOff(const FlowPlansOff&) = delete;
+    FlowPlansOff& operator=(const FlowPlansOff&) = delete;
+
+private:
+    const KWCalcStack* stack_;
+    int32_t depth_;
+};
 
 // The plan for these arguments, or null.
 inline const Plan* PlanFor(const std::vector<Plan>& plans, const CVar* args, int32_t params) {

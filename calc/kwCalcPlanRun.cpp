@@ -45,6 +45,10 @@ bool Compare(uint8_t op, T a, T b) {
 }
 
 constexpr int kFrameHeader = 3;
+
+// The stack and depth FlowPlansOff marks on this thread (none: null).
+thread_local const KWCalcStack* tOffStack = nullptr;
+thread_local int32_t tOffDepth = 0;
 constexpr size_t kInlineWords = 1024;  // the C stack's part: 8 KiB, used once, at the innermost call
 
 }  // namespace
@@ -273,8 +277,19 @@ bad:  // the straight plans' fused returns: never in a flow plan
 #undef GIVE_UP
 }
 
+FlowPlansOff::FlowPlansOff(const KWCalcStack* s) : stack_(tOffStack), depth_(tOffDepth) {
+    tOffStack = s;
+    tOffDepth = s->depth;
+}
+
+FlowPlansOff::~FlowPlansOff() {
+    tOffStack = stack_;
+    tOffDepth = depth_;
+}
+
 __attribute__((noinline)) int32_t FlowPlanCall(KWCalcStack* s, KWCalcNameDef* e, const Plan& p, int32_t nargs,
                                                int32_t depthLimit) {
+    if (tOffStack == s && s->depth > tOffDepth) return kNoPlan;
     const FastCode* fc = e->fast.get();
     const KWFunDef* f = static_cast<const KWFunDef*>(e->data);
     CVar* const args = s->slots + s->top - nargs;
@@ -298,7 +313,7 @@ __attribute__((noinline)) int32_t FlowPlanCall(KWCalcStack* s, KWCalcNameDef* e,
     const int64_t limit = maxSteps ? maxSteps - base : INT64_MAX;
     const PlanEnd end = RunFlowPlan(fc->plans.data(), p, args, s->flags, limit,
                                     int32_t(std::min<int64_t>(nest, INT32_MAX)), byDepth <= byStack, &ran);
-    if (end == PlanEnd::kGiveUp) return kNoPlan;
+    if (end == PlanEnd::kGiveUp) return kPlanGaveUp;
     if (end != PlanEnd::kDone) {
         // -50 stops at the first instruction beyond the budget, -52 at the call.
         s->steps = end == PlanEnd::kSteps ? maxSteps + 1 : base + (maxSteps ? ran : 0);

@@ -571,8 +571,8 @@ inline void KeepFirst(KWCalcStack* s, CVar* args, int32_t nargs) {
 // no memory rule applies, nothing stops it, depth, stack and budget suffice,
 // and the arguments' tags have a plan.  Leaves what a run through Run would
 // leave (the result in the first argument's slot, the same step count) and
-// returns 0; kNoPlan, with nothing changed, for everything else, which the
-// interpreter then runs from the start to the same outcome.  A plan that
+// returns 0; kNoPlan or kPlanGaveUp, with nothing changed, for everything
+// else, which the interpreter then runs from the start to the same outcome.  A plan that
 // passes the budget or the depth limit fails the call as the interpreter
 // would there (-50, -52: no hook sees those, no try catches them).
 static int32_t PlanCall(KWCalcStack* s, KWCalcNameDef* e, int32_t nargs) {
@@ -603,7 +603,12 @@ static int32_t CallGeneral(KWCalcStack* s, KWCalcNameDef* e, int32_t nargs);
 
 int32_t CallEntry(KWCalcStack* s, KWCalcNameDef* e, int32_t nargs) {
     if (s->top - nargs >= 0) {
-        if (const int32_t st = PlanCall(s, e, nargs); st != kNoPlan) return st;
+        const int32_t st = PlanCall(s, e, nargs);
+        if (st <= kOk) return st;
+        if (st == kPlanGaveUp) {
+            FlowPlansOff off(s);
+            return CallGeneral(s, e, nargs);
+        }
     }
     return CallGeneral(s, e, nargs);
 }

@@ -215,6 +215,9 @@ const char* const kDiffScripts[] = {
     "tri(n){var i,s;i=0;s=0;if(n<=0){Result=0;exit;}while(i<n){i=i+1;s=s+i;}Result=s+tri(n-1);}",
     "fact(n){if(n<2){Result=1;exit;}Result=n*fact(n-1);}",
     "nf(n){if(n<1){Result=0.5;exit;}n=n-1;Result=2+3*nf(n)-n;}",
+    // a zero divisor after the recursion's work: the plan gives up at the
+    // top, and the interpreter's calls below run without plans
+    "late(n){if(n==0){Result=1;exit;}Result=late(n-1)+late(n-1);if(n==3){Result=Result\\(n-3);}}",
 };
 
 // Compiled with debug points (instructions that only count).
@@ -263,7 +266,7 @@ const DiffRow kDiffRows[] = {
     {"noend", {"1"}},  // ends with the budget
     {"brkout", {"3"}}, {"brkout", {"1.5"}}, {"ife", {"3"}}, {"ife", {"-3"}}, {"ife", {"0.5"}},
     {"tri", {"6"}}, {"tri", {"4.5"}}, {"fact", {"10"}}, {"fact", {"25"}}, {"fact", {"10.0"}},
-    {"nf", {"5"}}, {"nf", {"3.25"}},
+    {"nf", {"5"}}, {"nf", {"3.25"}}, {"late", {"3"}}, {"late", {"5"}}, {"late", {"2"}},
 };
 
 struct Outcome {
@@ -375,6 +378,7 @@ TEST(CalcEngineInternal, FastPathsMatchTheGeneralPath) {
         {"noend", {true, false}},       {"half", {false, false}},  {"zeroin", {false, false}},
         {"sumd", {true, true}},         {"brkout", {false, false}}, {"ife", {true, true}},
         {"tri", {true, true}},          {"fact", {true, false}},   {"nf", {true, true}},
+        {"late", {true, false}},
     };
     for (const Flow& w : flows) {
         const KWCalcNameDef* e = KWCalcNameFind(engines[0].calc, w.fn, nullptr);
