@@ -267,7 +267,7 @@ std::shared_ptr<const FastCode> MakeFastCode(const KWFunDef* f) {
     try {
         auto fc = std::make_shared<FastCode>();
         if (!Builder(f->code).Build(fc.get())) return nullptr;
-        fc->plans = MakePlans(f->code, f->paramCount);
+        fc->plans = MakePlans(f, &fc->planSelf);
         while (f->code[fc->prologue] == kOpEmpty) ++fc->prologue;
         return fc;
     } catch (const std::bad_alloc&) {

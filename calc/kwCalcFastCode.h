@@ -44,6 +44,9 @@ struct FastCode {
     // By the mask of Dbl arguments (kwCalcPlan.h); empty when the body is
     // not pure arithmetic.
     std::vector<Plan> plans;
+    // The externals the plans call as the function itself: a plan runs only
+    // while each is still linked to the function's own entry.
+    std::vector<uint16_t> planSelf;
     int32_t Index(size_t pc) const { return pc < at.size() ? at[pc] : -1; }
 };
 

@@ -1,65 +1,94 @@
-// Plans for pure-arithmetic functions: decoding (the operand stack followed
-// symbolically, so a load costs nothing and an operator names its operands'
-// registers) and the loop that runs them.  Each operation gives the bits the
-// operator module gives for those tags: Int wraps, "/" divides as doubles,
-// comparisons follow IEEE (NaN unordered), a zero divisor is a failure.
+// Decoding plans: the operand stack followed symbolically, so a load costs
+// nothing and an operator names its operands' registers, and the tags
+// followed along every edge of the code, so that each operation knows its
+// operands' tags.  The loops that run plans are in kwCalcPlanRun.cpp.
 #include "calc/kwCalcPlan.h"
 
-#include <cmath>
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
+#include <map>
+#include <utility>
 
+#include "base/kwSort.h"
 #include "calc/kwCalcEngine.h"
 #include "calc/kwCalcOps.h"
 
 namespace kwz::calc {
 namespace {
 
+using namespace plan;
 using namespace kwz::calcl;
-
-enum PlanCode : uint8_t {
-    kAddI, kSubI, kMulI, kDivII, kDiviI, kModI, kCmpI,
-    kAddD, kSubD, kMulD, kDivD, kCmpD,
-    kI2D, kNegI, kNegD, kMath, kMov,
-    kSin, kCos, kSqrt,  // the commonest built-ins without the second dispatch
-    kSinCos,            // sin into dst, cos into b, of the same a
-    kDivDK,             // "/" by a literal other than zero: no divisor check
-    // The last operation of a plan whose value is the Dbl result: it goes
-    // straight into the result's slot, without the end's dispatch.
-    kAddDR, kSubDR, kMulDR, kDivDR, kDivDKR,
-    kDone,              // ends every plan
-};
 
 constexpr int kMaxVars = 24;
 constexpr int kMaxDepth = 16;
 constexpr int kMaxConsts = kPlanConsts;
-constexpr int kMaxRegs = kMaxVars + kMaxDepth + kMaxConsts;
+// A variable whose tags disagree where paths meet: it may not be read.
+constexpr int32_t kMixed = -1;
+// Functions with jumps or calls longer than this get no plans: the decoder
+// may go over the code a few times for each combination of tags.
+constexpr size_t kMaxFlowCode = 16384;
+// Bytes of code all decodings of one function may go over together; what is
+// not decoded by then gets no plan, so adding a function stays quick.
+constexpr size_t kMaxDecodeWork = size_t(1) << 20;
 
-inline double D(uint64_t b) {
-    double d;
-    std::memcpy(&d, &b, 8);
-    return d;
+inline double D(uint64_t b) { return PlanDbl(b); }
+inline uint64_t B(double d) { return PlanBits(d); }
+
+inline size_t JumpTarget(const uint8_t* code, size_t pc) {
+    return size_t(int64_t(pc + 1) + Load<int32_t>(code + pc + 1));
 }
-inline uint64_t B(double d) {
-    uint64_t b;
-    std::memcpy(&b, &d, 8);
-    return b;
-}
 
-// The registers hold doubles as their bits; sincos writes them through this.
-using AliasDbl = double __attribute__((may_alias));
-
-template <typename T>
-bool Compare(uint8_t op, T a, T b) {
-    switch (op) {
-    case 65: return a == b;
-    case 66: return a != b;
-    case 67: return a < b;
-    case 68: return a <= b;
-    case 69: return a > b;
-    default: return a >= b;  // 70
+// What the decoder learns of a function once, for all combinations of tags:
+// where instructions start, which offsets jumps reach (2: from a later
+// jump), which externals are the function itself.
+struct Shape {
+    const uint8_t* code = nullptr;
+    int32_t params = 0;
+    bool flow = false;               // jumps or calls
+    size_t length = 0;               // bytes up to the end
+    std::vector<uint8_t> target;     // by offset: 0, 1 a jump target, 2 a back edge's target
+    std::vector<uint8_t> self;       // by external index: 1 when it is this function
+    bool Make(const KWFunDef* f) {
+        code = f->code;
+        params = f->paramCount;
+        size_t pc = 0;
+        std::vector<uint8_t> start;
+        for (;;) {
+            const size_t n = OpLength(code + pc);
+            if (n == 0) return false;
+            if (start.size() < pc + n) start.resize(pc + n, 0);
+            start[pc] = 1;
+            const uint8_t o = code[pc];
+            if (o == kOpJump || o == kOpJumpFalse || o == kOpCall) flow = true;
+            if (o == kOpAndTest || o == kOpOrTest || o == kOpTry) return false;  // values kept across jumps
+            if (o == kOpEnd) break;
+            pc += n;
+        }
+        length = start.size();
+        if (!flow) return true;
+        if (length > kMaxFlowCode) return false;
+        target.assign(start.size(), 0);
+        for (pc = 0; pc < start.size(); pc += OpLength(code + pc)) {
+            const uint8_t o = code[pc];
+            if (o != kOpJump && o != kOpJumpFalse) continue;
+            const size_t t = JumpTarget(code, pc);
+            if (t >= start.size() || !start[t]) return false;
+            target[t] = std::max<uint8_t>(target[t], t <= pc ? 2 : 1);
+        }
+        const auto* ext = static_cast<const KWFunExtern*>(f->externNames);
+        self.assign(size_t(std::max(f->externCount, 0)), 0);
+        for (size_t i = 0; i < self.size(); ++i)
+            self[i] = ext && ext[i].name && f->name && StrICmpRus(ext[i].name, f->name) == 0 &&
+                      ext[i].argCount == params;
+        return true;
     }
-}
+};
+
+// Why a decoding failed: for good, or for want of another plan's result
+// tag (it may be known on a later pass), or for a loop whose back edge
+// brings a variable with another tag (decoded again with it mixed there).
+enum class Outcome { kOk, kNo, kLater, kAgain };
 
 // One value of the symbolic operand stack: the register holding it, its tag,
 // and whether that register is a variable's (which a later store changes).
@@ -71,10 +100,19 @@ struct Slot {
 
 class Decoder {
 public:
-    Decoder(const uint8_t* code, int32_t params, uint32_t mask, Plan* p)
-        : code_(code), params_(params), mask_(mask), p_(p) {}
+    // known: the result tag of each combination's plan (kUnknown: not yet
+    // known, kMixed: none); guess: the result tag assumed for a call of this
+    // same combination; mixed: (offset, variable) pairs taken as mixed at a
+    // jump target, which Run extends when it returns kAgain.
+    static constexpr int32_t kUnknown = -2;
+    Decoder(const Shape& sh, uint32_t mask, Plan* p, const int32_t* known, int32_t guess,
+            std::vector<std::pair<size_t, int32_t>>* mixed)
+        : code_(sh.code), params_(sh.params), mask_(mask), p_(p), sh_(sh), known_(known), guess_(guess),
+          mixed_(mixed) {}
 
-    bool Run() {
+    bool usedGuess() const { return usedGuess_; }
+
+    Outcome Run() {
         size_t pc = 0;
         int32_t locals = 0;
         while (code_[pc] == kOpEmpty) {  // the prologue: "result" and the vars
@@ -82,28 +120,222 @@ public:
             ++pc;
         }
         vars_ = params_ + locals;
-        if (locals < 1 || vars_ > kMaxVars) return false;
+        if (locals < 1 || vars_ > kMaxVars) return Outcome::kNo;
         for (int32_t i = 0; i < vars_; ++i) types_[i] = i < params_ ? ((mask_ >> i) & 1 ? kDbl : kInt) : kEmpty;
+        p_->params = uint8_t(params_);
+        p_->result = uint8_t(params_);
+        if (sh_.flow) return RunFlow(pc, locals);
         p_->steps = locals;
         for (;;) {
             const uint8_t o = code_[pc];
             const size_t len = OpLength(code_ + pc);
-            if (len == 0) return false;
+            if (len == 0) return Outcome::kNo;
             ++p_->steps;
-            if (!Step(o, code_ + pc)) return false;
+            if (!Step(o, code_ + pc)) return Outcome::kNo;
             if (o == kOpExit || o == kOpEnd) break;
             pc += len;
         }
-        p_->params = uint8_t(params_);
-        p_->result = uint8_t(params_);
         p_->resultType = types_[params_];
-        p_->constBase = uint8_t(kMaxVars + kMaxDepth);
+        static_assert(kMaxVars + kMaxDepth == kPlanConstBase, "the runner copies the literals there");
+        p_->constBase = uint8_t(kPlanConstBase);
         p_->regs = uint8_t(p_->constBase + p_->constCount);
         FuseSinCos();
         FuseReturn();
         Emit(kDone, 0, 0);
         p_->ok = true;
+        return Outcome::kOk;
+    }
+
+private:
+    // The tags where paths meet at offset pc: each variable keeps its tag
+    // when every edge brings the same one, and is mixed otherwise.
+    struct Edges {
+        bool any = false;
+        int32_t types[kMaxVars];
+    };
+    void Meet(Edges* e) const {
+        if (!e->any) {
+            std::copy(types_, types_ + vars_, e->types);
+            e->any = true;
+            return;
+        }
+        for (int32_t i = 0; i < vars_; ++i)
+            if (e->types[i] != types_[i]) e->types[i] = kMixed;
+    }
+
+    // The body with jumps and calls: the instructions in order, the tags
+    // carried along each edge.  Every block counts its instructions at the
+    // op that ends it (a jump, a call, the end) or at a kSteps op where it
+    // falls into a jump target.
+    Outcome RunFlow(size_t pc, int32_t locals) {
+        pending_ = locals;
+        int32_t exitType = kUnknown;
+        std::map<size_t, Edges> ahead;                       // forward edges by target
+        std::map<size_t, std::vector<int32_t>> loopEntry;    // tags where a back edge lands
+        std::map<size_t, int32_t> opAt;                      // op index of each reached target
+        std::vector<std::pair<size_t, size_t>> patches;      // forward jump op, target offset
+        bool live = true;
+        for (;;) {
+            const uint8_t o = code_[pc];
+            const size_t len = OpLength(code_ + pc);
+            if (pc < sh_.target.size() && sh_.target[pc]) {
+                if (live && !stack_.empty()) return Outcome::kNo;
+                if (live && pending_ > 0) EmitCount(kSteps);
+                Edges in;
+                if (live) Meet(&in);
+                if (auto it = ahead.find(pc); it != ahead.end()) {
+                    if (!in.any) in = it->second;
+                    else
+                        for (int32_t i = 0; i < vars_; ++i)
+                            if (in.types[i] != it->second.types[i]) in.types[i] = kMixed;
+                }
+                live = in.any;
+                if (live) {
+                    std::copy(in.types, in.types + vars_, types_);
+                    for (const auto& m : *mixed_)
+                        if (m.first == pc) types_[m.second] = kMixed;
+                    opAt[pc] = int32_t(p_->ops.size());
+                    if (sh_.target[pc] == 2) loopEntry[pc].assign(types_, types_ + vars_);
+                }
+            }
+            if (!live) {  // nothing reaches it: left out
+                if (o == kOpEnd) break;
+                pc += len;
+                continue;
+            }
+            ++pending_;
+            if (o == kOpJump || o == kOpJumpFalse) {
+                const size_t t = JumpTarget(code_, pc);
+                if (o == kOpJumpFalse) {
+                    if (stack_.size() != 1) return Outcome::kNo;
+                    if (t <= pc) return Outcome::kNo;
+                    EmitBranch();
+                } else {
+                    if (!stack_.empty()) return Outcome::kNo;
+                    EmitCount(t <= pc ? kJmpBack : kJmp);
+                }
+                if (t > pc) {
+                    Meet(&ahead[t]);
+                    patches.emplace_back(p_->ops.size() - 1, t);
+                } else {
+                    // A back edge must bring the tags the loop started with;
+                    // where it does not, the variable is mixed there.
+                    const auto it = loopEntry.find(t);
+                    if (it == loopEntry.end()) return Outcome::kNo;
+                    bool again = false;
+                    for (int32_t i = 0; i < vars_; ++i) {
+                        if (it->second[size_t(i)] != kMixed && it->second[size_t(i)] != types_[i]) {
+                            mixed_->emplace_back(t, i);
+                            again = true;
+                        }
+                    }
+                    if (again) return mixed_->size() > 64 ? Outcome::kNo : Outcome::kAgain;
+                    p_->ops.back().target = opAt[t];
+                }
+                live = o == kOpJumpFalse;
+            } else if (o == kOpCall) {
+                if (!Call(Load<uint16_t>(code_ + pc + 1))) return why_;
+            } else if (o == kOpExit || o == kOpEnd) {
+                const int32_t t = types_[params_];
+                if (t == kMixed || (exitType != kUnknown && exitType != t)) return Outcome::kNo;
+                exitType = t;
+                EmitCount(kRet);
+                p_->ops.back().a = uint8_t(params_);
+                live = false;
+                if (o == kOpEnd) break;
+            } else if (!Step(o, code_ + pc)) {
+                return Outcome::kNo;
+            }
+            pc += len;
+        }
+        if (exitType == kUnknown) return Outcome::kNo;
+        for (const auto& [op, t] : patches) {
+            const auto it = opAt.find(t);
+            if (it == opAt.end()) return Outcome::kNo;
+            p_->ops[op].target = it->second;
+        }
+        p_->flow = true;
+        p_->resultType = exitType;
+        Renumber();
+        p_->ok = true;
+        return Outcome::kOk;
+    }
+
+    // An op that ends a block: it adds the block's instructions.
+    void EmitCount(uint8_t code) {
+        Emit(code, 0, 0);
+        p_->ops.back().steps = pending_;
+        pending_ = 0;
+    }
+
+    // jf on the one value left: a comparison made just before fuses with it.
+    void EmitBranch() {
+        const Slot c = stack_.back();
+        stack_.pop_back();
+        PlanOp* last = p_->ops.empty() ? nullptr : &p_->ops.back();
+        if (!c.var && last && last->dst == c.reg && c.reg == Temp(0) && (last->code == kCmpI || last->code == kCmpD)) {
+            last->code = last->code == kCmpI ? uint8_t(kEqJfI + (last->op - 65)) : uint8_t(kCmpJfD);
+            last->dst = 0;
+            last->steps = pending_;
+            pending_ = 0;
+            return;
+        }
+        EmitCount(c.type == kInt ? kJfI : kJfD);
+        p_->ops.back().a = c.reg;
+    }
+
+    // A call of external ext: the function itself with its own argument
+    // count, on arguments whose tags select a plan with a known result tag.
+    bool Call(uint16_t ext) {
+        why_ = Outcome::kNo;
+        if (ext >= sh_.self.size() || !sh_.self[ext] || stack_.size() < size_t(params_)) return false;
+        const size_t d = stack_.size() - size_t(params_);
+        uint32_t mask = 0;
+        uint8_t regs[4] = {};
+        for (int32_t i = 0; i < params_; ++i) {
+            const Slot& a = stack_[d + size_t(i)];
+            if (a.type == kDbl) mask |= 1u << i;
+            regs[i] = a.reg;
+        }
+        int32_t type = known_[mask];
+        if (mask == mask_) {
+            type = guess_;
+            usedGuess_ = true;
+        }
+        if (type == kUnknown) why_ = Outcome::kLater;
+        if (type != kInt && type != kDbl) return false;
+        EmitCount(kCall);
+        PlanOp& op = p_->ops.back();
+        op.dst = Temp(d);
+        op.a = regs[0];
+        op.b = regs[1];
+        op.c = regs[2];
+        op.d = regs[3];
+        op.target = int32_t(mask);
+        stack_.resize(d);
+        stack_.push_back(Slot{Temp(d), type, false});
         return true;
+    }
+
+    // A frame holds only what its plan uses: the variables, then the
+    // temporaries up to the deepest, then the literals.
+    void Renumber() {
+        int32_t temps = 0;
+        auto seen = [&](uint8_t r) {
+            if (r >= kMaxVars && r < kMaxVars + kMaxDepth) temps = std::max(temps, r - kMaxVars + 1);
+        };
+        for (const PlanOp& o : p_->ops) {
+            seen(o.dst), seen(o.a), seen(o.b), seen(o.c), seen(o.d);
+        }
+        auto map = [&](uint8_t& r) {
+            if (r >= kMaxVars + kMaxDepth) r = uint8_t(vars_ + temps + (r - kMaxVars - kMaxDepth));
+            else if (r >= kMaxVars) r = uint8_t(vars_ + (r - kMaxVars));
+        };
+        for (PlanOp& o : p_->ops) {
+            map(o.dst), map(o.a), map(o.b), map(o.c), map(o.d);
+        }
+        p_->constBase = uint8_t(vars_ + temps);
+        p_->window = p_->regs = uint8_t(p_->constBase + p_->constCount);
     }
 
 private:
@@ -130,7 +362,7 @@ private:
                     if (free) {
                         const uint8_t s = ops[i].code == kSin ? ops[i].dst : q.dst;
                         const uint8_t c = ops[i].code == kSin ? q.dst : ops[i].dst;
-                        ops[i] = PlanOp{kSinCos, 0, s, x, c};
+                        ops[i] = PlanOp{kSinCos, 0, s, x, c, 0, 0, 0, 0, 0};
                         ops.erase(ops.begin() + std::ptrdiff_t(j));
                     }
                     break;
@@ -157,23 +389,30 @@ private:
     }
 
     uint8_t Temp(size_t depth) const { return uint8_t(kMaxVars + depth); }
-    bool Const(uint64_t bits, int32_t type) {
-        if (p_->constCount >= kMaxConsts) return false;
+    // The register of a literal: one for equal bits.
+    int ConstReg(uint64_t bits) {
+        for (int i = 0; i < p_->constCount; ++i)
+            if (p_->consts[i] == bits) return kMaxVars + kMaxDepth + i;
+        if (p_->constCount >= kMaxConsts) return -1;
         p_->consts[p_->constCount++] = bits;
-        stack_.push_back(Slot{uint8_t(kMaxVars + kMaxDepth + p_->constCount - 1), type, false});
+        return kMaxVars + kMaxDepth + p_->constCount - 1;
+    }
+    bool Const(uint64_t bits, int32_t type) {
+        const int reg = ConstReg(bits);
+        if (reg < 0) return false;
+        stack_.push_back(Slot{uint8_t(reg), type, false});
         return true;
     }
     void Emit(uint8_t code, uint8_t dst, uint8_t a, uint8_t b = 0, uint8_t op = 0) {
-        p_->ops.push_back(PlanOp{code, op, dst, a, b});
+        p_->ops.push_back(PlanOp{code, op, dst, a, b, 0, 0, 0, 0, 0});
     }
     // The slot at depth d as a Dbl: a literal is converted now, anything else
     // by an operation into the temporary of its depth.
     Slot AsDbl(Slot v, size_t d) {
         if (v.type == kDbl) return v;
-        if (v.reg >= kMaxVars + kMaxDepth && p_->constCount < kMaxConsts) {
-            const double x = double(int64_t(p_->consts[v.reg - kMaxVars - kMaxDepth]));
-            p_->consts[p_->constCount++] = B(x);
-            return Slot{uint8_t(kMaxVars + kMaxDepth + p_->constCount - 1), kDbl, false};
+        if (v.reg >= kMaxVars + kMaxDepth) {
+            const int reg = ConstReg(B(double(int64_t(p_->consts[v.reg - kMaxVars - kMaxDepth]))));
+            if (reg >= 0) return Slot{uint8_t(reg), kDbl, false};
         }
         Emit(kI2D, Temp(d), v.reg);
         return Slot{Temp(d), kDbl, false};
@@ -283,6 +522,13 @@ private:
     int32_t params_;
     uint32_t mask_;
     Plan* p_;
+    const Shape& sh_;
+    const int32_t* known_;
+    int32_t guess_;
+    std::vector<std::pair<size_t, int32_t>>* mixed_;
+    bool usedGuess_ = false;
+    int32_t pending_ = 0;  // instructions not yet counted by an op
+    Outcome why_ = Outcome::kNo;
     int32_t vars_ = 0;
     int32_t types_[kMaxVars] = {};
     std::vector<Slot> stack_;
@@ -290,104 +536,61 @@ private:
 
 }  // namespace
 
-std::vector<Plan> MakePlans(const uint8_t* code, int32_t params) {
+std::vector<Plan> MakePlans(const KWFunDef* f, std::vector<uint16_t>* selfCalls) {
     std::vector<Plan> plans;
-    if (!code || params < 1 || params > 4) return plans;
-    plans.resize(size_t(1) << params);
+    selfCalls->clear();
+    Shape sh;
+    if (!f || !f->code || f->paramCount < 1 || f->paramCount > 4 || !sh.Make(f)) return plans;
+    const uint32_t count = 1u << f->paramCount;
+    plans.resize(count);
+    // A plan calling another combination needs that one's result tag: the
+    // combinations are decoded in passes until no more become known.
+    int32_t known[16];
+    std::fill(known, known + 16, Decoder::kUnknown);
     bool any = false;
-    for (uint32_t mask = 0; mask < plans.size(); ++mask) {
-        Plan p;
-        if (Decoder(code, params, mask, &p).Run()) {
-            plans[mask] = std::move(p);
-            any = true;
+    size_t work = 0;
+    for (bool progress = true; progress && work <= kMaxDecodeWork;) {
+        progress = false;
+        for (uint32_t mask = 0; mask < count; ++mask) {
+            if (known[mask] != Decoder::kUnknown) continue;
+            bool later = false;
+            // A call of this same combination: its result tag is guessed,
+            // and the guess holds when the plan's own result has that tag.
+            for (const int32_t guess : {int32_t(kInt), int32_t(kDbl)}) {
+                Plan p;
+                std::vector<std::pair<size_t, int32_t>> mixed;
+                Outcome out = Outcome::kNo;
+                bool guessed = false;
+                do {
+                    work += sh.length;
+                    if (work > kMaxDecodeWork) {
+                        out = Outcome::kNo;
+                        break;
+                    }
+                    p = Plan();
+                    Decoder d(sh, mask, &p, known, guess, &mixed);
+                    out = d.Run();
+                    guessed = d.usedGuess();
+                } while (out == Outcome::kAgain);
+                if (out == Outcome::kLater) later = true;
+                if (out == Outcome::kOk && (!guessed || p.resultType == guess)) {
+                    known[mask] = p.resultType;
+                    plans[mask] = std::move(p);
+                    any = progress = true;
+                    break;
+                }
+                if (!guessed) break;  // the guess played no part: another gives the same
+            }
+            if (known[mask] == Decoder::kUnknown && !later) known[mask] = kMixed;
         }
     }
-    if (!any) plans.clear();
-    return plans;
-}
-
-bool RunPlan(const Plan& p, CVar* args) {
-    // Threaded: every operation jumps to the next one's code itself, so
-    // each has its own place in the branch predictor.  In PlanCode order.
-    static void* const kCode[] = {
-        &&addI, &&subI, &&mulI, &&divII, &&diviI, &&modI, &&cmpI,
-        &&addD, &&subD, &&mulD, &&divD, &&cmpD,
-        &&i2d, &&negI, &&negD, &&math, &&mov,
-        &&sin, &&cos, &&sqrt, &&sincos, &&divDK,
-        &&addDR, &&subDR, &&mulDR, &&divDR, &&divDKR, &&done,
-    };
-    static_assert(sizeof kCode / sizeof kCode[0] == kDone + 1, "one label per operation");
-    uint64_t r[kMaxRegs];
-    switch (p.params) {  // one to four, unrolled: the loop costs more than the loads
-    case 4: r[3] = uint64_t(NumOf(args + 3).bits); [[fallthrough]];
-    case 3: r[2] = uint64_t(NumOf(args + 2).bits); [[fallthrough]];
-    case 2: r[1] = uint64_t(NumOf(args + 1).bits); [[fallthrough]];
-    default: r[0] = uint64_t(NumOf(args).bits);
+    if (!any) {
+        plans.clear();
+        return plans;
     }
-    if (p.constCount) std::memcpy(r + kMaxVars + kMaxDepth, p.consts, sizeof p.consts);
-    const PlanOp* o = p.ops.data();
-#define A r[o->a]
-#define BB r[o->b]
-#define X r[o->dst]
-#define NEXT() goto* kCode[(++o)->code]
-    goto* kCode[o->code];
-addI: X = A + BB; NEXT();
-subI: X = A - BB; NEXT();
-mulI: X = A * BB; NEXT();
-divII:
-    if (BB == 0) return false;
-    X = B(double(int64_t(A)) / double(int64_t(BB)));
-    NEXT();
-diviI:
-    if (BB == 0) return false;
-    X = int64_t(BB) == -1 ? 0 - A : uint64_t(int64_t(A) / int64_t(BB));  // INT64_MIN \ -1 wraps
-    NEXT();
-modI:
-    if (BB == 0) return false;
-    X = int64_t(BB) == -1 ? 0 : uint64_t(int64_t(A) % int64_t(BB));
-    NEXT();
-cmpI: X = Compare(o->op, int64_t(A), int64_t(BB)); NEXT();
-addD: X = B(D(A) + D(BB)); NEXT();
-subD: X = B(D(A) - D(BB)); NEXT();
-mulD: X = B(D(A) * D(BB)); NEXT();
-divD:
-    if (D(BB) == 0) return false;
-divDK:
-    X = B(D(A) / D(BB));
-    NEXT();
-cmpD: X = Compare(o->op, D(A), D(BB)); NEXT();
-i2d: X = B(double(int64_t(A))); NEXT();
-negI: X = 0 - A; NEXT();
-negD: X = B(-D(A)); NEXT();
-math: {
-    double y = 0;
-    MathOne(o->op, D(A), y);
-    X = B(y);
-    NEXT();
-}
-mov: X = A; NEXT();
-sin: X = B(std::sin(D(A))); NEXT();
-cos: X = B(std::cos(D(A))); NEXT();
-sqrt: X = B(std::sqrt(D(A))); NEXT();
-sincos:  // straight into the registers: no copy between the call and its users
-    ::sincos(D(A), reinterpret_cast<AliasDbl*>(&X), reinterpret_cast<AliasDbl*>(&BB));
-    NEXT();
-addDR: PutDbl(args, D(A) + D(BB)); return true;
-subDR: PutDbl(args, D(A) - D(BB)); return true;
-mulDR: PutDbl(args, D(A) * D(BB)); return true;
-divDR:
-    if (D(BB) == 0) return false;
-divDKR:
-    PutDbl(args, D(A) / D(BB));
-    return true;
-done:
-#undef A
-#undef BB
-#undef X
-#undef NEXT
-    if (p.resultType == kEmpty) Wipe(args);
-    else PutBits(args, p.resultType, r[p.result]);
-    return true;
+    for (size_t i = 0; i < sh.self.size(); ++i)
+        if (sh.self[i]) selfCalls->push_back(uint16_t(i));
+    return plans;
 }
 
 }  // namespace kwz::calc

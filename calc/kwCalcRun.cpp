@@ -1,5 +1,7 @@
 // Calls and the interpreter of compiled code, the one-call formula
 // evaluator, and the exported calling functions.
+#include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <new>
 #include <string>
@@ -559,39 +561,55 @@ int32_t FunProc(KWCalcStack* s) {
     return Run(s, s->entry);
 }
 
+// The result in the first argument's slot: the others are emptied.
+inline void KeepFirst(KWCalcStack* s, CVar* args, int32_t nargs) {
+    for (int32_t i = 1; i < nargs; ++i) Wipe(args + i);  // numbers: nothing to free
+    s->top -= nargs - 1;
+}
+
 // A call whose whole run a plan gives (kwCalcPlan.h): no hook would see it,
 // no memory rule applies, nothing stops it, depth, stack and budget suffice,
 // and the arguments' tags have a plan.  Leaves what a run through Run would
 // leave (the result in the first argument's slot, the same step count) and
-// returns true; false, with nothing changed, for everything else, which the
-// interpreter then runs.
-static bool PlanCall(KWCalcStack* s, KWCalcNameDef* e, int32_t nargs) {
+// returns 0; kNoPlan or kPlanGaveUp, with nothing changed, for everything
+// else, which the interpreter then runs from the start to the same outcome.  A plan that
+// passes the budget or the depth limit fails the call as the interpreter
+// would there (-50, -52: no hook sees those, no try catches them).
+static int32_t PlanCall(KWCalcStack* s, KWCalcNameDef* e, int32_t nargs) {
     const FastCode* fc = e->fast.get();
-    if (!fc || fc->plans.empty() || s->debugHook || e->fn != &KWFunProc) return false;
+    if (!fc || fc->plans.empty() || s->debugHook || e->fn != &KWFunProc) return kNoPlan;
     const KWCalcDef* c = s->calculator;
-    if (c && ((e->hook && c->callHook) || c->maxMemory > 0)) return false;
+    if (c && ((e->hook && c->callHook) || c->maxMemory > 0)) return kNoPlan;
     const KWFunDef* f = static_cast<const KWFunDef*>(e->data);
-    if (!f || nargs != f->paramCount || s->depth >= DepthLimit(s)) return false;
-    if (!(f->stackNeed + nargs < s->capacity - s->top)) return false;
-    if (s->flags.load(std::memory_order_relaxed) & kStopBit) return false;
+    if (!f || nargs != f->paramCount || s->depth >= DepthLimit(s)) return kNoPlan;
+    if (!(f->stackNeed + nargs < s->capacity - s->top)) return kNoPlan;
+    if (s->flags.load(std::memory_order_relaxed) & kStopBit) return kNoPlan;
     CVar* const args = s->slots + s->top - nargs;
     const Plan* p = PlanFor(fc->plans, args, nargs);
-    if (!p) return false;
+    if (!p) return kNoPlan;
+    if (__builtin_expect(p->flow, 0)) return FlowPlanCall(s, e, *p, nargs, DepthLimit(s));
     const int64_t maxSteps = c ? c->maxSteps : 0;
-    const int64_t steps = (s->depth == 0 ? 0 : s->steps) + (maxSteps ? p->steps : 0);
-    if (maxSteps && steps > maxSteps) return false;
-    if (!RunPlan(*p, args)) return false;  // a zero divisor: the interpreter reports it
+    const int64_t base = s->depth == 0 ? 0 : s->steps;
+    const int64_t steps = base + (maxSteps ? p->steps : 0);
+    if (maxSteps && steps > maxSteps) return kNoPlan;
+    if (!RunPlan(*p, args)) return kNoPlan;  // a zero divisor: the interpreter reports it
     s->steps = steps;
-    for (int32_t i = 1; i < nargs; ++i) Wipe(args + i);  // numbers: nothing to free
-    s->top -= nargs - 1;
-    return true;
+    KeepFirst(s, args, nargs);
+    return kOk;
 }
 
 // CallEntry for everything a plan does not run.
 static int32_t CallGeneral(KWCalcStack* s, KWCalcNameDef* e, int32_t nargs);
 
 int32_t CallEntry(KWCalcStack* s, KWCalcNameDef* e, int32_t nargs) {
-    if (s->top - nargs >= 0 && PlanCall(s, e, nargs)) return kOk;
+    if (s->top - nargs >= 0) {
+        const int32_t st = PlanCall(s, e, nargs);
+        if (st <= kOk) return st;
+        if (st == kPlanGaveUp) {
+            FlowPlansOff off(s);
+            return CallGeneral(s, e, nargs);
+        }
+    }
     return CallGeneral(s, e, nargs);
 }
 

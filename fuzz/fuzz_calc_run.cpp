@@ -44,10 +44,16 @@ bool Same(const CVar* a, const CVar* b, int depth) {
     }
 }
 
-// Calls e with the arguments 5, 6, 7; its status, and its result in *out.
-int32_t Call(KWCalcStack* s, KWCalcNameDef* e, CVar* out) {
-    for (int32_t i = 0; i < 3; ++i)
-        if (CVar* a = KWCalcStackPush(s)) CVarSetInt(a, 5 + i);
+// Calls e with the arguments 5, 6, 7 (as Dbl 5.5, 6.25, -7.5 when dbl); its
+// status, and its result in *out.
+int32_t Call(KWCalcStack* s, KWCalcNameDef* e, bool dbl, CVar* out) {
+    static const double kDbls[] = {5.5, 6.25, -7.5};
+    for (int32_t i = 0; i < 3; ++i) {
+        if (CVar* a = KWCalcStackPush(s)) {
+            if (dbl) CVarSetDbl(a, kDbls[i]);
+            else CVarSetInt(a, 5 + i);
+        }
+    }
     const int32_t st = KWCalcFun1(s, e);
     if (st == 0) KWCalcStackPop(s, out);
     KWCalcStackClear(s);
@@ -78,16 +84,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             const std::string name = p.substr(0, p.find_first_of("({"));
             KWCalcNameDef* e = KWCalcNameFind(calc, name.c_str(), nullptr);
             if (!e) continue;
-            CVar full{}, fast{};
-            const int32_t fullSt = Call(s, e, &full);
-            if (fullSt != -51) {  // (a run that ran out of memory is not repeated without the budget)
-                KWCalcSetLimits(calc, 20000, 0, 40);
-                const int32_t fastSt = Call(s, e, &fast);
-                KWCalcSetLimits(calc, 20000, 1 << 20, 40);
-                if (fullSt != fastSt || !Same(&full, &fast, 0)) std::abort();
+            for (const bool dbl : {false, true}) {
+                CVar full{}, fast{};
+                const int32_t fullSt = Call(s, e, dbl, &full);
+                if (fullSt != -51) {  // (a run that ran out of memory is not repeated without the budget)
+                    KWCalcSetLimits(calc, 20000, 0, 40);
+                    const int32_t fastSt = Call(s, e, dbl, &fast);
+                    KWCalcSetLimits(calc, 20000, 1 << 20, 40);
+                    if (fullSt != fastSt || !Same(&full, &fast, 0)) std::abort();
+                }
+                CVarSetEmpty(&full);
+                CVarSetEmpty(&fast);
             }
-            CVarSetEmpty(&full);
-            CVarSetEmpty(&fast);
         }
         KWCalcStackFree(s);
     }

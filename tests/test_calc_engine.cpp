@@ -700,6 +700,18 @@ void* DeepOnSmallThread(void* arg) {
     CVar v{};
     result->push_back(KWCalcFormula("deep(0)", &v, c.c, 0));
     result->push_back(KWCalcFormula("ping(0)", &v, c.c, 0));
+    // A plan recurses on frames of its own, not on the C stack: once the
+    // host allows it, far deeper than the interpreter could on this thread.
+    EXPECT_EQ(KWCalcFunAddI(c.c, "down(n){if(n==0){Result=0;exit;}Result=down(n-1)+1;}", nullptr, 0, 0), 0);
+    EXPECT_EQ(KWCalcSetLimits(c.c, 0, 0, 60000), 0);
+    KWCalcStack* s = nullptr;
+    EXPECT_EQ(KWCalcStackCreate(c.c, &s, 250000), 0);
+    CVarSetInt(KWCalcStackPush(s), 50000);
+    result->push_back(KWCalcFun2(s, "down"));
+    CVar out{};
+    KWCalcStackPop(s, &out);
+    result->push_back(int32_t(out.v.i));
+    KWCalcStackFree(s);
     return nullptr;
 }
 
@@ -712,7 +724,7 @@ TEST(CalcEngine, DepthOnOneMebibyteThread) {
     ASSERT_EQ(pthread_create(&t, &attr, &DeepOnSmallThread, &result), 0);
     pthread_join(t, nullptr);
     pthread_attr_destroy(&attr);
-    EXPECT_EQ(result, (std::vector<int32_t>{-52, -52}));
+    EXPECT_EQ(result, (std::vector<int32_t>{-52, -52, 0, 50000}));
 }
 
 }  // namespace

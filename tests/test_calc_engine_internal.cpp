@@ -4,6 +4,7 @@
 
 #include <VomKwz.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <memory>
@@ -93,6 +94,56 @@ TEST(CalcEngineInternal, CompileAndRunUnderFailingAllocations) {
     }
 }
 
+// A plan that recurses deeper than its frames on the C stack hold takes
+// more from the heap; when that fails it gives up and the interpreter gives
+// the same value.
+TEST(CalcEngineInternal, PlanFramesUnderFailingAllocations) {
+    struct Row {
+        const char* text;
+        const char* fn;
+        const char* arg;  // a formula
+    };
+    const Row rows[] = {
+        {"down(n){if(n==0){Result=0;exit;}Result=down(n-1)+1;}", "down", "600"},
+        {"half(x,n){if(n<1){Result=x;exit;}Result=half(x/2,n-1)+x;}", "half", "[700.5,500]"},
+    };
+    for (const Row& r : rows) {
+        KWCalcDef* calc = nullptr;
+        ASSERT_EQ(KWCalcCreate(&calc, nullptr, nullptr), 0);
+        ASSERT_EQ(KWCalcFunAddI(calc, r.text, nullptr, 0, 0), 0);
+        ASSERT_FALSE(KWCalcNameFind(calc, r.fn, nullptr)->fast->plans.empty()) << r.fn;
+        ASSERT_EQ(KWCalcSetLimits(calc, 0, 0, 1000), 0);
+        KWCalcStack* s = nullptr;
+        ASSERT_EQ(KWCalcStackCreate(calc, &s, 8000), 0);
+        CVar arg{};
+        ASSERT_EQ(KWCalcFormula(r.arg, &arg, calc, 0), 0);
+        auto call = [&](CVar* out) {
+            if (arg.type == 4) {
+                for (int32_t i = 0; i < arg.count; ++i) CVarCopy(KWCalcStackPush(s), &arg.v.a[i]);
+            } else {
+                CVarCopy(KWCalcStackPush(s), &arg);
+            }
+            const int32_t st = KWCalcFun2(s, r.fn);
+            if (st == 0) KWCalcStackPop(s, out);
+            return st;
+        };
+        CVar want{};
+        ASSERT_EQ(call(&want), 0) << r.fn;
+        int32_t wrong = 0;
+        const int64_t failures = ForEachAllocationFailure([&](auto) {
+            CVar got{};
+            const int32_t st = call(&got);
+            if (st != 0 || got.type != want.type || std::memcmp(&got.v, &want.v, 8) != 0 || s->top != 0) ++wrong;
+            CVarSetEmpty(&got);
+        });
+        EXPECT_EQ(wrong, 0) << r.fn;
+        EXPECT_GE(failures, 1) << r.fn << ": the frames never left the C stack";
+        CVarSetEmpty(&arg);
+        KWCalcStackFree(s);
+        KWCalcDestroy(calc);
+    }
+}
+
 }  // namespace
 
 // The fast paths against the paths they shortcut.  Every row runs in four
@@ -142,6 +193,31 @@ const char* const kDiffScripts[] = {
     // the last operation writes the result's slot itself
     "mulr(a,b){var t;t=a-b;Result=t*a;}",
     "lastnot(a,b){Result=a*b;Result=Result+0;b=a+1;}",
+    // jumps and calls of the function itself
+    "brk(n){var i,s;i=0;s=0;while(1){i=i+1;if(i>n){break;}if(i%3==0){continue;}s=s+i*i;}Result=s;}",
+    "nest(n){var i,j,s;i=0;s=0;while(i<n){j=0;while(j<i){s=s+i*j;j=j+1;if(j==5){break;}}i=i+1;}Result=s;}",
+    "chain(x){if(x<0){Result=-1;}elseif(x==0){Result=0;}elseif(x<10){Result=x*2;}else{Result=x\\2;}}",
+    "chaind(x){if(x<0){Result=-1.5;}elseif(x==0){Result=0.0;}elseif(x<10){Result=x*2.0;}else{Result=x/4;}}",
+    "retag(n){var x,i;x=0;i=0;while(i<n){x=x+0.5;i=i+1;}Result=x;}",  // x: Int, then Dbl
+    "cond(x){var s;s=0;Result=-1;while(x){s=s+1;x=x-0.75;if(s>9){exit;}}Result=s;}",
+    "ack(m,n){if(m==0){Result=n+1;exit;}if(n==0){Result=ack(m-1,1);exit;}Result=ack(m-1,ack(m,n-1));}",
+    "pw(x,n){if(n==0){Result=1.0;exit;}Result=x*pw(x,n-1);}",  // the result is Dbl whatever x is
+    "cm(x,n){if(n<=0){Result=x*1.0;exit;}Result=cm(x*1.5,n-1)+1;}",  // Int x calls the Dbl x plan
+    "ev(n){if(n==0){Result=1;exit;}Result=od(n-1);}",
+    "od(n){if(n==0){Result=0;exit;}Result=ev(n-1);}",
+    "deep(n){if(n==0){Result=0;exit;}Result=deep(n-1)+1;}",
+    "dz(n){if(n==0){Result=1\\n;exit;}Result=dz(n-1)+1;}",
+    "dzloop(n){var i;i=0;Result=0.0;while(i<9){Result=Result+100/(n-i);i=i+1;}}",
+    "noend(n){var i;i=0;while(1){i=i+n;}}",
+    // break outside a loop: a jump to itself, so no exit is reached (no plan)
+    "brkout(x){Result=x;break;Result=x+1;continue;Result=Result*2;}",
+    "ife(x){if(x>1){}elseif(x<-1){}else{x=-x;}Result=x;}",
+    "tri(n){var i,s;i=0;s=0;if(n<=0){Result=0;exit;}while(i<n){i=i+1;s=s+i;}Result=s+tri(n-1);}",
+    "fact(n){if(n<2){Result=1;exit;}Result=n*fact(n-1);}",
+    "nf(n){if(n<1){Result=0.5;exit;}n=n-1;Result=2+3*nf(n)-n;}",
+    // a zero divisor after the recursion's work: the plan gives up at the
+    // top, and the interpreter's calls below run without plans
+    "late(n){if(n==0){Result=1;exit;}Result=late(n-1)+late(n-1);if(n==3){Result=Result\\(n-3);}}",
 };
 
 // Compiled with debug points (instructions that only count).
@@ -153,6 +229,7 @@ const char* const kDiffDebugScripts[] = {
 struct DiffRow {
     const char* fn;
     std::vector<const char*> args;  // formulas giving the arguments
+    int32_t depth = 0;              // the call-depth limit (0: the default)
 };
 
 const DiffRow kDiffRows[] = {
@@ -175,6 +252,21 @@ const DiffRow kDiffRows[] = {
     {"csnest", {"0.3"}}, {"csnest", {"-4"}}, {"divk", {"7"}}, {"divk", {"0.1"}}, {"divk", {"sqrt(-1)"}},
     {"divk0", {"1"}}, {"divk0", {"2.5"}}, {"divkn", {"1.5"}}, {"divkn", {"0"}}, {"mulr", {"3", "0.5"}},
     {"mulr", {"2", "7"}}, {"lastnot", {"1.5", "2"}}, {"lastnot", {"3", "2"}},
+    {"brk", {"10"}}, {"brk", {"0"}}, {"brk", {"4.5"}}, {"nest", {"9"}}, {"nest", {"4.5"}},
+    {"chain", {"-3"}}, {"chain", {"0"}}, {"chain", {"7"}}, {"chain", {"25"}}, {"chain", {"2.5"}},
+    {"chaind", {"-3"}}, {"chaind", {"0"}}, {"chaind", {"7"}}, {"chaind", {"25"}}, {"chaind", {"sqrt(-1)"}},
+    {"retag", {"3"}}, {"cond", {"3"}}, {"cond", {"3.0"}}, {"cond", {"sqrt(-1)"}}, {"cond", {"30"}},
+    {"fib", {"12"}}, {"fib", {"6.5"}}, {"fib", {"-1"}}, {"ack", {"2", "3"}}, {"ack", {"1", "2.5"}},
+    {"pw", {"2", "10"}}, {"pw", {"1.5", "7"}}, {"pw", {"3", "0.5"}}, {"cm", {"2", "3"}}, {"cm", {"2.5", "3"}},
+    {"ev", {"6"}}, {"od", {"5"}},
+    // the depth limit and the stack's 64 slots, from both sides
+    {"deep", {"5"}, 6}, {"deep", {"6"}, 6}, {"deep", {"7"}, 6}, {"deep", {"12"}}, {"deep", {"13"}},
+    {"deep", {"14"}}, {"deep", {"15"}}, {"deep", {"16"}}, {"deep", {"17"}}, {"deep", {"40"}},
+    {"deep", {"3.5"}}, {"dz", {"6"}}, {"dz", {"0"}}, {"dzloop", {"5"}}, {"dzloop", {"5.0"}}, {"dzloop", {"20"}},
+    {"noend", {"1"}},  // ends with the budget
+    {"brkout", {"3"}}, {"brkout", {"1.5"}}, {"ife", {"3"}}, {"ife", {"-3"}}, {"ife", {"0.5"}},
+    {"tri", {"6"}}, {"tri", {"4.5"}}, {"fact", {"10"}}, {"fact", {"25"}}, {"fact", {"10.0"}},
+    {"nf", {"5"}}, {"nf", {"3.25"}}, {"late", {"3"}}, {"late", {"5"}}, {"late", {"2"}},
 };
 
 struct Outcome {
@@ -235,7 +327,7 @@ struct DiffEngine {
     Outcome Call(const DiffRow& r, int64_t budget) {
         EXPECT_EQ(KWCalcSetLimits(calc, 0, 0, 0), 0);
         for (const char* a : r.args) EXPECT_EQ(KWCalcFormula(a, KWCalcStackPush(s), calc, 0), 0) << a;
-        EXPECT_EQ(KWCalcSetLimits(calc, budget, memory, 0), 0);
+        EXPECT_EQ(KWCalcSetLimits(calc, budget, memory, r.depth), 0);
         gErrors.clear();
         Outcome o;
         o.status = KWCalcFun2(s, r.fn);
@@ -267,10 +359,45 @@ TEST(CalcEngineInternal, FastPathsMatchTheGeneralPath) {
     // The formula's sin and cos are one op: sincos, two products, the
     // quotient, the sum, the end.
     EXPECT_EQ(KWCalcNameFind(engines[0].calc, "f", nullptr)->fast->plans[1].ops.size(), 6u);
-    for (const char* fn : {"wide", "math", "sum", "strs"}) {
+    for (const char* fn : {"wide", "math", "strs", "retag", "ev", "od", "logic"}) {
         const KWCalcNameDef* e = KWCalcNameFind(engines[0].calc, fn, nullptr);
         ASSERT_TRUE(e && e->fast) << fn;
         EXPECT_TRUE(e->fast->plans.empty()) << fn;
+    }
+    // Loops and self-calls have flow plans for the tags that keep theirs.
+    struct Flow {
+        const char* fn;
+        std::vector<bool> plans;  // by the mask of Dbl arguments
+    };
+    const Flow flows[] = {
+        {"sum", {true, true}},          {"fib", {true, true}},     {"skip", {true, true}},
+        {"brk", {true, true}},          {"nest", {true, true}},    {"chain", {true, false}},
+        {"chaind", {true, true}},       {"cond", {false, true}},   {"ack", {true, true, false, false}},
+        {"pw", {true, true, true, true}}, {"cm", {true, true, true, true}},
+        {"deep", {true, true}},         {"dz", {true, false}},     {"dzloop", {true, true}},
+        {"noend", {true, false}},       {"half", {false, false}},  {"zeroin", {false, false}},
+        {"sumd", {true, true}},         {"brkout", {false, false}}, {"ife", {true, true}},
+        {"tri", {true, true}},          {"fact", {true, false}},   {"nf", {true, true}},
+        {"late", {true, false}},
+    };
+    for (const Flow& w : flows) {
+        const KWCalcNameDef* e = KWCalcNameFind(engines[0].calc, w.fn, nullptr);
+        ASSERT_TRUE(e && e->fast) << w.fn;
+        const auto& plans = e->fast->plans;
+        const bool any = std::find(w.plans.begin(), w.plans.end(), true) != w.plans.end();
+        ASSERT_EQ(plans.size(), any ? w.plans.size() : 0u) << w.fn;
+        for (size_t m = 0; m < plans.size(); ++m) {
+            EXPECT_EQ(plans[m].ok, bool(w.plans[m])) << w.fn << " mask " << m;
+            EXPECT_TRUE(!plans[m].ok || plans[m].flow) << w.fn << " mask " << m;
+        }
+    }
+    // The benchmark's loop is four ops a round: the fused test, two sums, the jump back.
+    {
+        const auto& ops = KWCalcNameFind(engines[0].calc, "sum", nullptr)->fast->plans[0].ops;
+        int back = 0;
+        for (size_t i = 0; i < ops.size(); ++i)
+            if (ops[i].code == kwz::calc::plan::kJmpBack) back += ops.size() > 4 && int(i) - ops[i].target == 3;
+        EXPECT_EQ(back, 1);
     }
     // The benchmark's shapes run whole in the pre-decoded loop: loops,
     // recursion with its calls, the formula.
@@ -296,6 +423,44 @@ TEST(CalcEngineInternal, FastPathsMatchTheGeneralPath) {
                 EXPECT_TRUE(engines[m].Call(r, budget) == full) << r.fn << " " << r.args[0] << " engine " << m
                                                                  << " budget " << budget;
         }
+    }
+}
+
+// A plan with self-calls runs only while the calls in the code still lead
+// back to the function: once the external is unlinked, the call goes to the
+// interpreter, which fails at the call as it must.
+TEST(CalcEngineInternal, StalePlanNeverRuns) {
+    struct Row {
+        const char* text;
+        const char* fn;
+        int64_t arg;
+        int32_t linked;    // the status while linked
+        int32_t unlinked;  // and once the self-call leads nowhere
+    };
+    const Row rows[] = {
+        {"fib(n){if(n<2){Result=n;exit;}Result=fib(n-1)+fib(n-2);}", "fib", 10, 0, -45},
+        {"fib(n){if(n<2){Result=n;exit;}Result=fib(n-1)+fib(n-2);}", "fib", 1, 0, 0},  // no call reached
+        {"sum(n){var i,s;i=0;s=0;while(i<n){i=i+1;s=s+i;}Result=s;}", "sum", 10, 0, 0},  // no self-call
+    };
+    for (const Row& r : rows) {
+        KWCalcDef* calc = nullptr;
+        ASSERT_EQ(KWCalcCreate(&calc, nullptr, nullptr), 0);
+        ASSERT_EQ(KWCalcFunAddI(calc, r.text, nullptr, 0, 0), 0);
+        KWCalcNameDef* e = KWCalcNameFind(calc, r.fn, nullptr);
+        ASSERT_FALSE(e->fast->plans.empty()) << r.fn;
+        KWCalcStack* s = nullptr;
+        ASSERT_EQ(KWCalcStackCreate(calc, &s, 256), 0);
+        for (const int32_t want : {r.linked, r.unlinked}) {
+            CVarSetInt(KWCalcStackPush(s), r.arg);
+            EXPECT_EQ(KWCalcFun2(s, r.fn), want) << r.fn << " " << r.arg;
+            if (want == 0) {
+                EXPECT_EQ(KWCalcStackPop(s, nullptr), 0);
+            }
+            EXPECT_EQ(s->top, 0) << r.fn;
+            for (KWCalcNameDef*& x : e->externals) x = nullptr;  // as an unlink leaves them
+        }
+        KWCalcStackFree(s);
+        KWCalcDestroy(calc);
     }
 }
 
