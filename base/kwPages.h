@@ -35,7 +35,7 @@ constexpr bool kPagesFromHeap = false;
 #endif
 
 // Slots of one size (rounded up to 64 bytes, at most a chunk less 64 bytes),
-// 64-byte aligned.  Thread-safe.  Each Take counts as one allocation for the
+// 64-byte aligned (as malloc aligns when they are heap blocks).  Thread-safe.  Each Take counts as one allocation for the
 // fault injection of base/kwMem.h.  A slot's content is undefined when taken.
 class PageSlots {
 public:

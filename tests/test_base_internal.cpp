@@ -88,7 +88,7 @@ TEST(pages, SlotsFillChunksAndChunksGoBack) {
         for (size_t k = 0; k < count; ++k) {
             void* p = pool.Take();
             ASSERT_TRUE(p) << row.asked;
-            EXPECT_TRUE(Aligned(p, 64));
+            EXPECT_TRUE(Aligned(p, kwz::kPagesFromHeap ? alignof(std::max_align_t) : 64));
             std::memset(p, int(k & 0xFF), row.slot < 256 ? row.slot : 256);
             std::memset(static_cast<char*>(p) + row.slot - 8, int(k & 0xFF), 8);
             slots.push_back(p);
