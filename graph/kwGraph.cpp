@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "base/kwMem.h"
+#include "base/kwPages.h"
 #include "graph/kwGraph.h"
 
 namespace {
@@ -231,7 +232,7 @@ void TGraphItem::Clear() {
         linkHeaps = block->next;
         heap->PutLinkHeap(block);
     }
-    kwz::MemFree(hashTable);
+    kwz::LargeFree(hashTable, size_t(hashSize) * sizeof(TGraphNode*));
     hashTable = nullptr;
     hashSize = hashLimit = nodeCount = linkCount = 0;
     freeNodes = nodeFirst = nullptr;
@@ -264,7 +265,16 @@ TGraphNode* TGraphItem::FindNode(unsigned int id) const {
     return FindNode(id, bucket);
 }
 
+// Walks the shorter of the two lists.  Two nodes are linked at most once and
+// every link is a pair of halves, one in each list, so b's half toward a,
+// when there is one, is the pair of a's half toward b: the answer (a's half)
+// is the same whichever list is read.
 TGraphLink* TGraphItem::FindLink(TGraphNode const& a, TGraphNode const& b) const {
+    if (b.linkCount < a.linkCount) {
+        for (TGraphLink* h = b.linkFirst; h; h = h->next)
+            if (h->pair->owner == &a) return h->pair;
+        return nullptr;
+    }
     for (TGraphLink* h = a.linkFirst; h; h = h->next)
         if (h->pair->owner == &b) return h;
     return nullptr;
@@ -478,10 +488,10 @@ unsigned int TGraphItem::SetHashSize(unsigned int n) {
     if (size < kMinHashSize) size = kMinHashSize;
     if (size > 0xFFFFFF00u) size = 0xFFFFFF00u;
     if (size == hashSize) return hashSize;
-    auto* table = static_cast<TGraphNode**>(kwz::MemAlloc(size * sizeof(TGraphNode*)));
+    auto* table = static_cast<TGraphNode**>(kwz::LargeAlloc(size * sizeof(TGraphNode*)));
     if (!table) return hashSize;  // the old hash stays in force
     std::memset(static_cast<void*>(table), 0, size * sizeof(TGraphNode*));
-    kwz::MemFree(hashTable);
+    kwz::LargeFree(hashTable, size_t(hashSize) * sizeof(TGraphNode*));
     hashTable = table;
     for (TGraphNode* node = nodeFirst; node; node = node->nodeNext) {
         TGraphNode*& head = table[node->id % size];

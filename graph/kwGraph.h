@@ -5,6 +5,7 @@
 
 #include <VomKwz.h>
 
+#include "base/kwPages.h"
 #include "graph/kwGraphGather.h"
 
 #include <cstdint>
@@ -62,11 +63,16 @@ struct TGraphHeap {
 // the touched nodes.
 // The frontiers and the gathered lists of BuildPathCut live here too, so that
 // searches in a row reuse their room.
+// Arrays of a search on a large graph reach megabytes: from 2 MB on they
+// are mapped on huge pages (base/kwPages.h).
+using ScratchNodes = std::vector<TGraphNode*, kwz::LargeAllocator<TGraphNode*>>;
+using ScratchLinks = std::vector<TGraphLink*, kwz::LargeAllocator<TGraphLink*>>;
+
 struct TGraphScratch {
-    std::vector<TGraphNode*> touched;
-    std::vector<TGraphLink*> links;
+    ScratchNodes touched;
+    ScratchLinks links;
     bool allExpanded = false;
-    std::vector<TGraphNode*> first, second, wave, expanded;
+    ScratchNodes first, second, wave, expanded;
     kwz::graph::LinkGather gather;
     void Reset() {
         touched.clear();

@@ -1,19 +1,29 @@
 // The storage pool of the graphs: blocks of 1,024 node or half-link records,
-// handed out and taken back under the pool's mutex.
+// handed out and taken back under the pool's mutex.  The blocks themselves
+// are slots on huge pages (base/kwPages.h), one slot pool per block size
+// shared by every graph pool; a block freed here goes back to its slot pool,
+// which returns a chunk to the system once its last block is back.
 #include <cstring>
 #include <new>
 
-#include "base/kwMem.h"
+#include "base/kwPages.h"
 #include "graph/kwGraph.h"
 
 namespace {
+
+// Made on first use and never destroyed, as the shared graph pool.
+template <typename Block>
+kwz::PageSlots& SlotsOf() {
+    static kwz::PageSlots* slots = new kwz::PageSlots(sizeof(Block));
+    return *slots;
+}
 
 // Spare count up to which a block handed back is kept rather than freed.
 constexpr uint32_t kSpareKept = 128;
 
 template <typename Block>
 Block* NewBlock() {
-    auto* block = static_cast<Block*>(kwz::MemAlloc(sizeof(Block)));
+    auto* block = static_cast<Block*>(SlotsOf<Block>().Take());
     if (!block) throw std::bad_alloc();
     block->Init();
     return block;
@@ -23,7 +33,7 @@ template <typename Block>
 void FreeChain(Block*& head) {
     while (Block* block = head) {
         head = block->next;
-        kwz::MemFree(block);
+        SlotsOf<Block>().Give(block);
     }
 }
 
@@ -55,7 +65,7 @@ void Give(std::mutex& mutex, Block* block, Block*& spare, uint32_t& count, Block
         retired = block;
         ++count;
     } else {
-        kwz::MemFree(block);
+        SlotsOf<Block>().Give(block);
     }
 }
 

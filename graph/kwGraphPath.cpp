@@ -15,7 +15,7 @@
 namespace {
 
 using kwz::graph::SharedHeap;
-using Nodes = std::vector<TGraphNode*>;
+using Nodes = ScratchNodes;
 
 constexpr uint32_t kSpent = 0xFFFFFFFFu;
 
@@ -183,7 +183,7 @@ constexpr uint32_t Mark(uint32_t side, uint32_t level) { return side | (level <<
 struct CutSearch {
     TGraphItem& g;
     Marker marker;
-    std::vector<TGraphLink*>& links;  // each half marked 1 (pair 2), for the next search to clear
+    ScratchLinks& links;  // each half marked 1 (pair 2), for the next search to clear
     TGraphItem& r;
     Nodes& scratch;
     Nodes& expanded;  // the nodes whose level was written, and the meeting nodes

@@ -74,6 +74,37 @@ TEST(graph_model, NodesAndLinks) {
     EXPECT_EQ(Broken(g.get()), "");
 }
 
+TEST(graph_model, FindLinkFromEitherEnd) {
+    // A hub 1 linked to 2..41, node 2 also linked to 50, and 60-61 apart; the
+    // search reads the shorter list, so a lookup whose ends differ greatly in
+    // length must still give a's half, or null.
+    std::string links = "2-50 60-61";
+    for (int k = 2; k <= 41; ++k) links += " 1-" + std::to_string(k);
+    Graph g = Make(links.c_str());
+    struct Row {
+        uint32_t a, b;
+        bool linked;
+    };
+    const Row rows[] = {
+        {1, 2, true},  {2, 1, true},   {1, 41, true}, {41, 1, true},  {1, 50, false},
+        {50, 1, false}, {2, 50, true}, {50, 2, true}, {1, 60, false}, {61, 60, true},
+    };
+    for (const Row& row : rows) {
+        TGraphNode* a = GraphFindNode(g.get(), row.a);
+        TGraphNode* b = GraphFindNode(g.get(), row.b);
+        TGraphLink* h = GraphFindLink(g.get(), a, b);
+        ASSERT_EQ(h != nullptr, row.linked) << row.a << "-" << row.b;
+        if (!h) continue;
+        EXPECT_EQ(GraphLinkOwner(h), a) << row.a << "-" << row.b;
+        EXPECT_EQ(GraphLinkPair(h), b) << row.a << "-" << row.b;
+        // An existing link is found, not made again, from either side.
+        EXPECT_EQ(GraphAppendLink(g.get(), a, b), h);
+        EXPECT_EQ(GraphAppendLink(g.get(), b, a), GraphLinkLinkPair(h));
+    }
+    EXPECT_EQ(GraphLinkCount(g.get()), 42u);
+    EXPECT_EQ(Broken(g.get()), "");
+}
+
 TEST(graph_model, LinkOrderKeepsTheFirstLink) {
     // operations on node 1 -> its neighbours in list order
     struct Row {

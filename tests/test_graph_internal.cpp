@@ -8,7 +8,9 @@
 #include <functional>
 #include <iterator>
 #include <random>
+#include <vector>
 
+#include "base/kwPages.h"
 #include "fault_harness.h"
 #include "graph/kwGraph.h"
 #include "test_graph_util.h"
@@ -54,6 +56,51 @@ TEST(graph_internal, PoolCountsBlocksHandedBackButDoesNotReuseThem) {
     pool.Clear(true);
     EXPECT_EQ(pool.spareNodeCount, 0u);
     EXPECT_EQ(pool.spareLinkCount, 0u);
+}
+
+TEST(graph_internal, BlocksFreedByThePoolGoBackToTheSystem) {
+    // Graphs on a pool of their own; whatever they mapped (blocks, a large
+    // hash) is unmapped once the graph is gone and the pool cleared.
+    struct Row {
+        uint32_t nodes, linksPerNode, hashSize;
+    };
+    const Row rows[] = {
+        {1500, 1, 0},
+        {20000, 4, 0},
+        {5000, 2, 300000},  // a 2.4 MB bucket array
+    };
+    for (const Row& row : rows) {
+        const size_t before = kwz::PagesMappedBytes();
+        TGraphHeap pool;
+        {
+            TGraphItem g(pool);
+            if (row.hashSize) g.SetHashSize(row.hashSize);
+            for (uint32_t id = 0; id < row.nodes; ++id) {
+                TGraphNode* a = g.AppendNode(id);
+                for (uint32_t k = 1; k <= row.linksPerNode; ++k) g.AppendLink(*a, *g.AppendNode((id * 31 + k) % row.nodes));
+            }
+            if (!kwz::kPagesFromHeap) {
+                EXPECT_GT(kwz::PagesMappedBytes(), before) << row.nodes;
+            }
+        }
+        pool.Clear(true);
+        EXPECT_EQ(kwz::PagesMappedBytes(), before) << row.nodes;
+    }
+
+    // Past the 129 blocks a pool keeps, a block handed back is freed, and a
+    // chunk whose blocks are all freed is unmapped at once.
+    const size_t before = kwz::PagesMappedBytes();
+    TGraphHeap pool;
+    std::vector<TNodeHeap*> blocks;
+    for (int i = 0; i < 250; ++i) blocks.push_back(pool.GetNodeHeap());
+    const size_t peak = kwz::PagesMappedBytes();
+    for (TNodeHeap* block : blocks) pool.PutNodeHeap(block);
+    EXPECT_EQ(pool.spareNodeCount, 129u);
+    if (!kwz::kPagesFromHeap) {
+        EXPECT_LT(kwz::PagesMappedBytes(), peak);
+    }
+    pool.Clear(true);
+    EXPECT_EQ(kwz::PagesMappedBytes(), before);
 }
 
 TEST(graph_internal, ClassMethods) {
