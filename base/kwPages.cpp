@@ -16,10 +16,10 @@ std::atomic<size_t> g_mappedBytes{0};
 
 constexpr size_t RoundUp(size_t n, size_t to) { return (n + to - 1) / to * to; }
 
-// bytes (a multiple of 2 MB) at a 2 MB boundary, advised for huge pages; null
-// when the system refuses.  The mapping is made 2 MB larger and trimmed at
-// both ends.
-void* MapAligned(size_t bytes) {
+// bytes (a multiple of 2 MB) at a 2 MB boundary, advised for huge pages when
+// `huge`; null when the system refuses.  The mapping is made 2 MB larger and
+// trimmed at both ends.
+void* MapAligned(size_t bytes, bool huge = true) {
     const size_t span = bytes + kwz::kPageChunkBytes;
     void* raw = mmap(nullptr, span, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (raw == MAP_FAILED) return nullptr;
@@ -30,7 +30,7 @@ void* MapAligned(size_t bytes) {
     if (base + span > tail) munmap(reinterpret_cast<void*>(tail), base + span - tail);
     void* p = reinterpret_cast<void*>(start);
     // Only advice: without huge pages the mapping works the same.
-    (void)madvise(p, bytes, MADV_HUGEPAGE);
+    if (huge) (void)madvise(p, bytes, MADV_HUGEPAGE);
     g_mappedBytes.fetch_add(bytes, std::memory_order_relaxed);
     return p;
 }
@@ -91,7 +91,10 @@ void PageSlots::Close(Chunk* c) {
 }
 
 PageSlots::Chunk* PageSlots::NewChunk() {
-    auto* c = static_cast<Chunk*>(MapAligned(kPageChunkBytes));
+    // A pool's first chunk stays on small pages: a program with a few small
+    // graphs keeps only the pages it touches, instead of a whole huge page
+    // per pool.  Chunks beyond it serve large graphs, where huge pages pay.
+    auto* c = static_cast<Chunk*>(MapAligned(kPageChunkBytes, chunks_ > 0));
     if (!c) return nullptr;
     // A fresh mapping is zero: no free slot, none cut yet.
     ++chunks_;

@@ -2,7 +2,8 @@
 // arrays, both taken from the system with mmap, aligned to 2 MB and advised
 // with MADV_HUGEPAGE so that the kernel backs them with huge pages where it
 // can.  Records that a search reads at random (the graph blocks, the node
-// hash) then cost one TLB entry per 2 MB instead of one per 4 KB.
+// hash) then cost one TLB entry per 2 MB instead of one per 4 KB.  A slot
+// pool's first chunk is not advised: small users keep small pages.
 //
 // A chunk goes back to the system as soon as its last slot is given back, and
 // a large array as soon as it is freed: nothing is kept in reserve.
