@@ -592,8 +592,7 @@ static int32_t PlanCall(KWCalcStack* s, KWCalcNameDef* e, int32_t nargs) {
     const int64_t base = s->depth == 0 ? 0 : s->steps;
     const int64_t steps = base + (maxSteps ? p->steps : 0);
     if (maxSteps && steps > maxSteps) return kNoPlan;
-    if (!RunPlan(*p, args)) return kNoPlan;  // a zero divisor: the interpreter reports it
-    s->steps = steps;
+    if (RunPlan(*p, args, s, steps) != kOk) return kNoPlan;  // a zero divisor: the interpreter reports it
     KeepFirst(s, args, nargs);
     return kOk;
 }
@@ -671,11 +670,58 @@ static __attribute__((noinline)) int32_t CallGeneral(KWCalcStack* s, KWCalcNameD
     return st;
 }
 
+// PlanCall for a host's call of a one-parameter entry, with what it reads
+// gathered on few cache lines (FastCode's head) and nothing kept across the
+// plan's run: the same conditions (no hook, no memory rule, no stop request,
+// depth, stack room and budget suffice, a straight plan for the argument's
+// tag) and the same outcome; kNoPlan, with nothing changed, otherwise.
+static inline int32_t StraightHostCall(KWCalcStack* s, KWCalcNameDef* e) {
+    const FastCode* fc = e->fast.get();
+    if (!fc || e->fn != &KWFunProc || s->debugHook) return kNoPlan;
+    const int32_t top = s->top;
+    if (top < 1 || !(fc->stackNeed + 1 < s->capacity - top)) return kNoPlan;
+    CVar* const arg = s->slots + top - 1;
+    const uint32_t tag = uint32_t(arg->type) - uint32_t(kInt);  // 0 Int, 1 Dbl
+    if (tag > 1 || !((fc->straight >> tag) & 1)) return kNoPlan;
+    const Plan* p = fc->plans.data() + tag;
+    const KWCalcDef* c = s->calculator;
+    int32_t depthLimit = kDefaultDepth;
+    int64_t maxSteps = 0;
+    if (c) {
+        if ((e->hook && c->callHook) || c->maxMemory > 0) return kNoPlan;
+        if (c->maxDepth > 0) depthLimit = c->maxDepth;
+        maxSteps = c->maxSteps;
+    }
+    if (s->depth >= depthLimit || (s->flags.load(std::memory_order_relaxed) & kStopBit)) return kNoPlan;
+    int64_t steps = s->depth == 0 ? 0 : s->steps;  // the outermost call starts the count
+    if (maxSteps) {
+        steps += p->steps;
+        if (steps > maxSteps) return kNoPlan;
+    }
+    return RunPlan(*p, arg, s, steps);
+}
+
+// HostCall's straight plan first: its code then keeps no register across
+// the plan's run, the general path being out of line.
+static int32_t HostCallGeneral(KWCalcStack* s);
+static inline int32_t HostCallEntry(KWCalcStack* s, KWCalcNameDef* e) {
+    if (e->argc == 1) {
+        const int32_t st = StraightHostCall(s, e);
+        if (st != kNoPlan) return st;
+    }
+    return HostCallGeneral(s);
+}
+
 // Calls the stack's current entry with its arguments on the top; an entry
 // without parameters gets the one empty value that calls pass then.
 static int32_t HostCall(KWCalcStack* s) {
     KWCalcNameDef* e = s->entry;
     if (!e) return kUnknownFun;
+    return HostCallEntry(s, e);
+}
+
+static __attribute__((noinline)) int32_t HostCallGeneral(KWCalcStack* s) {
+    KWCalcNameDef* e = s->entry;
     if (e->argc == 0) {
         if (s->top >= s->capacity) return kStackSmall;
         SetEmpty(&s->slots[s->top++]);
@@ -753,7 +799,7 @@ KWZ_API int32_t KWCalcFun1(KWCalcStack* stack, KWCalcNameDef* entry) {
         if (!stack || !entry) return kNotSupported;
         stack->entry = entry;
         stack->data = entry->data;
-        return HostCall(stack);
+        return HostCallEntry(stack, entry);
     });
 }
 
@@ -764,7 +810,7 @@ KWZ_API int32_t KWCalcFun2(KWCalcStack* stack, const char* name) {
         if (!e) return kUnknownFun;
         stack->entry = e;
         stack->data = e->data;
-        return HostCall(stack);
+        return HostCallEntry(stack, e);
     });
 }
 
