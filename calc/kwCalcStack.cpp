@@ -43,6 +43,14 @@ __attribute__((noinline)) CVar* EmptiedSlot(CVar* v) {
     return v;
 }
 
+// The pop of a value that may hold a block (or into none), out of line like
+// EmptiedSlot: 0.
+__attribute__((noinline)) int32_t PopHeld(CVar* out, CVar* v) {
+    if (out) Move(out, v);
+    else SetEmpty(v);
+    return kOk;
+}
+
 // Header rounded up so that the slots start on an 8-byte boundary.
 constexpr size_t kHeader = (sizeof(KWCalcStack) + 7) & ~size_t(7);
 
@@ -212,14 +220,9 @@ KWZ_API int32_t KWCalcStackPop(KWCalcStack* stack, CVar* out) {
     return kwz::CEdge("Kwz.kwCalc.KWCalcStackPop", kNoMem, kStackSmall, [&] {
         if (!stack || stack->top <= stack->base) return kStackSmall;
         CVar* v = stack->slots + --stack->top;
-        if (out && Plain(v) && Plain(out)) {
-            PopNum(out, v);  // numbers on both sides: nothing to free
-            Wipe(v);
-        } else if (out) {
-            Move(out, v);
-        } else {
-            SetEmpty(v);
-        }
+        if (!out || !Plain(v) || !Plain(out)) return PopHeld(out, v);
+        PopNum(out, v);  // numbers on both sides: nothing to free
+        Wipe(v);
         return kOk;
     });
 }
