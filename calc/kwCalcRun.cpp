@@ -683,7 +683,8 @@ static inline int32_t StraightHostCall(KWCalcStack* s, KWCalcNameDef* e) {
     CVar* const arg = s->slots + top - 1;
     const uint32_t tag = uint32_t(arg->type) - uint32_t(kInt);  // 0 Int, 1 Dbl
     if (tag > 1 || !((fc->straight >> tag) & 1)) return kNoPlan;
-    const Plan* p = fc->plans.data() + tag;
+    const Plan* p = fc->plans.data();
+    if (tag) ++p;  // a select, not a multiply by the plan's size
     const KWCalcDef* c = s->calculator;
     int32_t depthLimit = kDefaultDepth;
     int64_t maxSteps = 0;
