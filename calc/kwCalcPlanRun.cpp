@@ -110,7 +110,13 @@ int32_t RunPlan(const Plan& p, CVar* args, KWCalcStack* s, int64_t steps) noexce
         &&addDR, &&subDR, &&mulDR, &&divDR, &&divDKR, &&done,
     };
     static_assert(sizeof kCode / sizeof kCode[0] == kDone + 1, "one label per operation");
-    uint64_t r[kPlanConstBase + kPlanConsts];
+    // The registers, then the stack, the count and the slot the end stores:
+    // in memory, as they are needed only there, and a register kept across
+    // the math calls costs a save and a restore.
+    uint64_t r[kPlanConstBase + kPlanConsts + 3];
+    r[kPlanConstBase + kPlanConsts] = reinterpret_cast<uintptr_t>(s);
+    r[kPlanConstBase + kPlanConsts + 1] = uint64_t(steps);
+    r[kPlanConstBase + kPlanConsts + 2] = reinterpret_cast<uintptr_t>(args);
     r[0] = uint64_t(NumOf(args).bits);
     if (p.params > 1) {  // two to four, unrolled: the loop costs more than the loads
         switch (p.params) {
@@ -128,25 +134,28 @@ int32_t RunPlan(const Plan& p, CVar* args, KWCalcStack* s, int64_t steps) noexce
 #define BB r[o->b]
 #define X r[o->dst]
 #define NEXT() goto* kCode[(++o)->code]
-#define DONE_OK           \
-    do {                  \
-        s->steps = steps; \
-        return kOk;       \
+#define RESULT_SLOT reinterpret_cast<CVar*>(r[kPlanConstBase + kPlanConsts + 2])
+#define DONE_OK                                                                                \
+    do {                                                                                       \
+        reinterpret_cast<KWCalcStack*>(r[kPlanConstBase + kPlanConsts])->steps =               \
+            int64_t(r[kPlanConstBase + kPlanConsts + 1]);                                      \
+        return kOk;                                                                            \
     } while (0)
     goto* kCode[o->code];
     KW_PLAN_ARITH
-addDR: PutDbl(args, D(A) + D(BB)); DONE_OK;
-subDR: PutDbl(args, D(A) - D(BB)); DONE_OK;
-mulDR: PutDbl(args, D(A) * D(BB)); DONE_OK;
+addDR: PutDbl(RESULT_SLOT, D(A) + D(BB)); DONE_OK;
+subDR: PutDbl(RESULT_SLOT, D(A) - D(BB)); DONE_OK;
+mulDR: PutDbl(RESULT_SLOT, D(A) * D(BB)); DONE_OK;
 divDR:
     if (D(BB) == 0) return kNoPlan;
 divDKR:
-    PutDbl(args, D(A) / D(BB));
+    PutDbl(RESULT_SLOT, D(A) / D(BB));
     DONE_OK;
 done:  // op: the result's tag, a: its register
-    if (o->op == kEmpty) Wipe(args);
-    else PutBits(args, o->op, A);
+    if (o->op == kEmpty) Wipe(RESULT_SLOT);
+    else PutBits(RESULT_SLOT, o->op, A);
     DONE_OK;
+#undef RESULT_SLOT
 #undef DONE_OK
 #undef NEXT
 #undef GIVE_UP
