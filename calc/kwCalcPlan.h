@@ -97,7 +97,6 @@ struct Plan {
 // function's own entry.  Never throws but bad_alloc.
 std::vector<Plan> MakePlans(const KWFunDef* f, std::vector<uint16_t>* selfCalls);
 
-
 // How a flow plan ended.  A plan that passes the budget or the depth limit
 // knows the interpreter would end the run there too (nothing else can fail
 // in between: a zero divisor gives up at once), so the call fails without
