@@ -83,6 +83,10 @@ int32_t FunDel(KWCalcDef* calc, const char* name);
 // result is the one value left in their place; on failure they are gone.
 int32_t CallEntry(KWCalcStack* s, KWCalcNameDef* entry, int32_t nargs);
 int32_t FunProc(KWCalcStack* s);
+// Calls the stack's current entry with its arguments on the top, as the
+// host's KWCalcFun0 does.
+int32_t HostCall(KWCalcStack* s);
+// KWCalcFormula without the C edge (kwCalcFormula.cpp).
 int32_t Formula(const char* text, CVar* result, KWCalcDef* calc, int32_t debug);
 
 // --- operators (kwCalcArith.cpp) ---------------------------------------------

@@ -268,6 +268,10 @@ std::shared_ptr<const FastCode> MakeFastCode(const KWFunDef* f) {
         auto fc = std::make_shared<FastCode>();
         if (!Builder(f->code).Build(fc.get())) return nullptr;
         fc->plans = MakePlans(f, &fc->planSelf);
+        fc->stackNeed = f->stackNeed;
+        if (f->paramCount == 1 && fc->plans.size() == 2)
+            for (int t = 0; t < 2; ++t)
+                if (fc->plans[t].ok && !fc->plans[t].flow) fc->straight |= uint8_t(1u << t);
         while (f->code[fc->prologue] == kOpEmpty) ++fc->prologue;
         return fc;
     } catch (const std::bad_alloc&) {

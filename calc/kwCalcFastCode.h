@@ -38,16 +38,28 @@ struct FastOp {
 constexpr uint8_t kFastLeave = 0;
 
 struct FastCode {
-    std::vector<FastOp> ops;
-    std::vector<int32_t> at;  // byte offset -> index of the op starting there, or -1
-    int32_t prologue = 0;     // the empties ("result" and the vars) the code starts with
+    // What the host's call of a one-parameter function reads first, on one
+    // cache line: which of plans[0] (Int argument) and plans[1] (Dbl) is a
+    // straight plan (bit 0, bit 1; none for other parameter counts), the
+    // stack room its code needs, and the plans.
+    uint8_t straight = 0;
+    int32_t stackNeed = 0;
     // By the mask of Dbl arguments (kwCalcPlan.h); empty when the body is
     // not pure arithmetic.
     std::vector<Plan> plans;
+    std::vector<FastOp> ops;
+    std::vector<int32_t> at;  // byte offset -> index of the op starting there, or -1
+    int32_t prologue = 0;     // the empties ("result" and the vars) the code starts with
     // The externals the plans call as the function itself: a plan runs only
     // while each is still linked to the function's own entry.
     std::vector<uint16_t> planSelf;
     int32_t Index(size_t pc) const { return pc < at.size() ? at[pc] : -1; }
+    // No plans from now on (the straight bits go with them).
+    void DropPlans() {
+        plans.clear();
+        planSelf.clear();
+        straight = 0;
+    }
 };
 
 // The form of f's code, or null when it has none (memory runs out, or the

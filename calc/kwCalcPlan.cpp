@@ -141,7 +141,9 @@ public:
         p_->regs = uint8_t(p_->constBase + p_->constCount);
         FuseSinCos();
         FuseReturn();
-        Emit(kDone, 0, 0);
+        // The end carries the result's register and tag itself: the runner
+        // then needs nothing of the plan once it has started.
+        Emit(kDone, 0, p_->result, 0, uint8_t(p_->resultType));
         p_->ok = true;
         return Outcome::kOk;
     }

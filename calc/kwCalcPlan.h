@@ -97,11 +97,6 @@ struct Plan {
 // function's own entry.  Never throws but bad_alloc.
 std::vector<Plan> MakePlans(const KWFunDef* f, std::vector<uint16_t>* selfCalls);
 
-// Runs a straight plan on the arguments (Int or Dbl, as the plan's tags) and
-// puts the result into the first argument's slot; false on a zero divisor,
-// with nothing changed.
-bool RunPlan(const Plan& p, CVar* args);
-
 // How a flow plan ended.  A plan that passes the budget or the depth limit
 // knows the interpreter would end the run there too (nothing else can fail
 // in between: a zero divisor gives up at once), so the call fails without
@@ -122,6 +117,13 @@ PlanEnd RunFlowPlan(const Plan* plans, const Plan& p, CVar* args, const std::ato
 // one gave up part of the way.
 constexpr int32_t kNoPlan = 1;
 constexpr int32_t kPlanGaveUp = 2;
+
+// Runs straight plan p on the arguments args of a call on s (Int or Dbl, as
+// the plan's tags): 0 with the result in the first argument's slot and
+// s->steps set to steps (stored here, so that callers keep nothing across
+// the run), or kNoPlan with nothing changed (a zero divisor, which the
+// interpreter then reports).
+int32_t RunPlan(const Plan& p, CVar* args, KWCalcStack* s, int64_t steps) noexcept;
 
 // Runs flow plan p of compiled entry e on the top nargs values of s (its
 // arguments, whose tags select p), under the stack's budget, stop bit and

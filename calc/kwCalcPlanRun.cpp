@@ -98,7 +98,7 @@ constexpr size_t kInlineWords = 1024;  // the C stack's part: 8 KiB, used once, 
         ::sincos(D(A), reinterpret_cast<AliasDbl*>(&X), reinterpret_cast<AliasDbl*>(&BB)); \
         NEXT();
 
-bool RunPlan(const Plan& p, CVar* args) {
+int32_t RunPlan(const Plan& p, CVar* args, KWCalcStack* s, int64_t steps) noexcept {
     // Threaded: every operation jumps to the next one's code itself, so
     // each has its own place in the branch predictor.  In PlanCode order;
     // the flow plans' codes never occur here.
@@ -110,40 +110,63 @@ bool RunPlan(const Plan& p, CVar* args) {
         &&addDR, &&subDR, &&mulDR, &&divDR, &&divDKR, &&done,
     };
     static_assert(sizeof kCode / sizeof kCode[0] == kDone + 1, "one label per operation");
-    uint64_t r[kPlanConstBase + kPlanConsts];
-    switch (p.params) {  // one to four, unrolled: the loop costs more than the loads
-    case 4: r[3] = uint64_t(NumOf(args + 3).bits); [[fallthrough]];
-    case 3: r[2] = uint64_t(NumOf(args + 2).bits); [[fallthrough]];
-    case 2: r[1] = uint64_t(NumOf(args + 1).bits); [[fallthrough]];
-    default: r[0] = uint64_t(NumOf(args).bits);
+    // The registers, then the stack, the count and the slot the end stores:
+    // in memory, as they are needed only there, and a register kept across
+    // the math calls costs a save and a restore.
+    uint64_t r[kPlanConstBase + kPlanConsts + 3];
+    r[kPlanConstBase + kPlanConsts] = reinterpret_cast<uintptr_t>(s);
+    r[kPlanConstBase + kPlanConsts + 1] = uint64_t(steps);
+    r[kPlanConstBase + kPlanConsts + 2] = reinterpret_cast<uintptr_t>(args);
+    r[0] = uint64_t(NumOf(args).bits);
+    if (p.params > 1) {  // two to four, unrolled: the loop costs more than the loads
+        switch (p.params) {
+        case 4: r[3] = uint64_t(NumOf(args + 3).bits); [[fallthrough]];
+        case 3: r[2] = uint64_t(NumOf(args + 2).bits); [[fallthrough]];
+        default: r[1] = uint64_t(NumOf(args + 1).bits);
+        }
     }
-    if (p.constCount) std::memcpy(r + kPlanConstBase, p.consts, sizeof p.consts);
+    // The literals: two words in one copy, the common case, else all.
+    if (p.constCount > 2) std::memcpy(r + kPlanConstBase, p.consts, sizeof p.consts);
+    else if (p.constCount) std::memcpy(r + kPlanConstBase, p.consts, 2 * sizeof p.consts[0]);
     const PlanOp* o = p.ops.data();
-#define GIVE_UP return false
+#define GIVE_UP return kNoPlan
 #define A r[o->a]
 #define BB r[o->b]
 #define X r[o->dst]
 #define NEXT() goto* kCode[(++o)->code]
+#define RESULT_SLOT reinterpret_cast<CVar*>(r[kPlanConstBase + kPlanConsts + 2])
+#define DONE_OK                                                                                \
+    do {                                                                                       \
+        reinterpret_cast<KWCalcStack*>(r[kPlanConstBase + kPlanConsts])->steps =               \
+            int64_t(r[kPlanConstBase + kPlanConsts + 1]);                                      \
+        return kOk;                                                                            \
+    } while (0)
     goto* kCode[o->code];
     KW_PLAN_ARITH
-addDR: PutDbl(args, D(A) + D(BB)); return true;
-subDR: PutDbl(args, D(A) - D(BB)); return true;
-mulDR: PutDbl(args, D(A) * D(BB)); return true;
+addDR: PutDbl(RESULT_SLOT, D(A) + D(BB)); DONE_OK;
+subDR: PutDbl(RESULT_SLOT, D(A) - D(BB)); DONE_OK;
+mulDR: PutDbl(RESULT_SLOT, D(A) * D(BB)); DONE_OK;
 divDR:
-    if (D(BB) == 0) return false;
+    if (D(BB) == 0) return kNoPlan;
 divDKR:
-    PutDbl(args, D(A) / D(BB));
-    return true;
-done:
-    if (p.resultType == kEmpty) Wipe(args);
-    else PutBits(args, p.resultType, r[p.result]);
-    return true;
+    PutDbl(RESULT_SLOT, D(A) / D(BB));
+    DONE_OK;
+done:  // op: the result's tag, a: its register
+    if (o->op == kEmpty) Wipe(RESULT_SLOT);
+    else PutBits(RESULT_SLOT, o->op, A);
+    DONE_OK;
+#undef RESULT_SLOT
+#undef DONE_OK
 #undef NEXT
 #undef GIVE_UP
 }
 
-PlanEnd RunFlowPlan(const Plan* plans, const Plan& first, CVar* args, const std::atomic<uint32_t>& flags,
-                    int64_t limit, int32_t maxNest, bool depthBound, int64_t* stepsOut) {
+// Aligned, so that the timing of its loops does not depend on the size of
+// the code before it (a shift of the threaded code by a few bytes changed a
+// loop's speed by a third).
+__attribute__((aligned(64))) PlanEnd RunFlowPlan(const Plan* plans, const Plan& first, CVar* args,
+                                                 const std::atomic<uint32_t>& flags, int64_t limit,
+                                                 int32_t maxNest, bool depthBound, int64_t* stepsOut) {
     static void* const kCode[] = {
         &&addI, &&subI, &&mulI, &&divII, &&diviI, &&modI, &&cmpI,
         &&addD, &&subD, &&mulD, &&divD, &&cmpD,

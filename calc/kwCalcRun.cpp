@@ -1,5 +1,5 @@
-// Calls and the interpreter of compiled code, the one-call formula
-// evaluator, and the exported calling functions.
+// Calls and the interpreter of compiled code, and the exported calling
+// functions.
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
@@ -592,8 +592,7 @@ static int32_t PlanCall(KWCalcStack* s, KWCalcNameDef* e, int32_t nargs) {
     const int64_t base = s->depth == 0 ? 0 : s->steps;
     const int64_t steps = base + (maxSteps ? p->steps : 0);
     if (maxSteps && steps > maxSteps) return kNoPlan;
-    if (!RunPlan(*p, args)) return kNoPlan;  // a zero divisor: the interpreter reports it
-    s->steps = steps;
+    if (RunPlan(*p, args, s, steps) != kOk) return kNoPlan;  // a zero divisor: the interpreter reports it
     KeepFirst(s, args, nargs);
     return kOk;
 }
@@ -671,11 +670,59 @@ static __attribute__((noinline)) int32_t CallGeneral(KWCalcStack* s, KWCalcNameD
     return st;
 }
 
+// PlanCall for a host's call of a one-parameter entry, with what it reads
+// gathered on few cache lines (FastCode's head) and nothing kept across the
+// plan's run: the same conditions (no hook, no memory rule, no stop request,
+// depth, stack room and budget suffice, a straight plan for the argument's
+// tag) and the same outcome; kNoPlan, with nothing changed, otherwise.
+static inline int32_t StraightHostCall(KWCalcStack* s, KWCalcNameDef* e) {
+    const FastCode* fc = e->fast.get();
+    if (!fc || e->fn != &KWFunProc || s->debugHook) return kNoPlan;
+    const int32_t top = s->top;
+    if (top < 1 || !(fc->stackNeed + 1 < s->capacity - top)) return kNoPlan;
+    CVar* const arg = s->slots + top - 1;
+    const uint32_t tag = uint32_t(arg->type) - uint32_t(kInt);  // 0 Int, 1 Dbl
+    if (tag > 1 || !((fc->straight >> tag) & 1)) return kNoPlan;
+    const Plan* p = fc->plans.data();
+    if (tag) ++p;  // a select, not a multiply by the plan's size
+    const KWCalcDef* c = s->calculator;
+    int32_t depthLimit = kDefaultDepth;
+    int64_t maxSteps = 0;
+    if (c) {
+        if ((e->hook && c->callHook) || c->maxMemory > 0) return kNoPlan;
+        if (c->maxDepth > 0) depthLimit = c->maxDepth;
+        maxSteps = c->maxSteps;
+    }
+    if (s->depth >= depthLimit || (s->flags.load(std::memory_order_relaxed) & kStopBit)) return kNoPlan;
+    int64_t steps = s->depth == 0 ? 0 : s->steps;  // the outermost call starts the count
+    if (maxSteps) {
+        steps += p->steps;
+        if (steps > maxSteps) return kNoPlan;
+    }
+    return RunPlan(*p, arg, s, steps);
+}
+
+// HostCall's straight plan first: its code then keeps no register across
+// the plan's run, the general path being out of line.
+static int32_t HostCallGeneral(KWCalcStack* s);
+static inline int32_t HostCallEntry(KWCalcStack* s, KWCalcNameDef* e) {
+    if (e->argc == 1) {
+        const int32_t st = StraightHostCall(s, e);
+        if (st != kNoPlan) return st;
+    }
+    return HostCallGeneral(s);
+}
+
 // Calls the stack's current entry with its arguments on the top; an entry
 // without parameters gets the one empty value that calls pass then.
-static int32_t HostCall(KWCalcStack* s) {
+int32_t HostCall(KWCalcStack* s) {
     KWCalcNameDef* e = s->entry;
     if (!e) return kUnknownFun;
+    return HostCallEntry(s, e);
+}
+
+static __attribute__((noinline)) int32_t HostCallGeneral(KWCalcStack* s) {
+    KWCalcNameDef* e = s->entry;
     if (e->argc == 0) {
         if (s->top >= s->capacity) return kStackSmall;
         SetEmpty(&s->slots[s->top++]);
@@ -683,63 +730,9 @@ static int32_t HostCall(KWCalcStack* s) {
     return CallEntry(s, e, e->argc > 0 ? e->argc : 1);
 }
 
-int32_t Formula(const char* text, CVar* result, KWCalcDef* calc, int32_t debug) {
-    if (result) SetEmpty(result);
-    if (!text) return kNotSupported;
-    std::unique_ptr<KWCalcDef, void (*)(KWCalcDef*)> temp(nullptr, &CalcDestroy);
-    if (!calc) {
-        try {
-            temp.reset(CalcCreate(nullptr, nullptr).release());
-        } catch (const std::bad_alloc&) {
-            return kNoMem;
-        }
-        calc = temp.get();
-    }
-    std::string source;
-    try {
-        source.reserve(std::strlen(text) + 100);
-        source = "___formula___(){Result=";
-        source += text;
-        source += ";}";
-    } catch (const std::bad_alloc&) {
-        return kNoMemRun;
-    }
-    KWCalcNameDef* e = nullptr;
-    if (const int32_t st = FunAddI(calc, source.c_str(), &e, debug); st != kOk) return st;
-    struct Guard {
-        KWCalcDef* c;
-        KWCalcStack* s = nullptr;
-        ~Guard() {
-            StackFree(s);
-            FunDel(c, "___formula___");
-        }
-    } guard{calc};
-    if (const int32_t st = StackCreate(calc, &guard.s, 512); st != kOk) return st;
-    guard.s->entry = e;
-    const int32_t st = HostCall(guard.s);
-    if (st == kOk && result) Move(result, &guard.s->slots[guard.s->top - 1]);
-    return st;
-}
-
 }  // namespace kwz::calc
 
 using namespace kwz::calc;
-
-namespace {
-
-// A formula's value cast to one scalar tag; *out is 0 unless it succeeds.
-template <typename T>
-int32_t FormulaAs(const char* text, int32_t tag, T* out) {
-    if (out) *out = 0;
-    CVar v{};
-    int32_t st = Formula(text, &v, nullptr, 0);
-    if (st == kOk && v.type != tag) st = Cast(&v, tag);
-    if (st == kOk && out) *out = tag == kInt ? static_cast<T>(v.v.i) : static_cast<T>(v.v.d);
-    SetEmpty(&v);
-    return st;
-}
-
-}  // namespace
 
 extern "C" {
 
@@ -753,7 +746,7 @@ KWZ_API int32_t KWCalcFun1(KWCalcStack* stack, KWCalcNameDef* entry) {
         if (!stack || !entry) return kNotSupported;
         stack->entry = entry;
         stack->data = entry->data;
-        return HostCall(stack);
+        return HostCallEntry(stack, entry);
     });
 }
 
@@ -764,28 +757,13 @@ KWZ_API int32_t KWCalcFun2(KWCalcStack* stack, const char* name) {
         if (!e) return kUnknownFun;
         stack->entry = e;
         stack->data = e->data;
-        return HostCall(stack);
+        return HostCallEntry(stack, e);
     });
 }
 
 KWZ_API int32_t KWFunProc(KWCalcStack* stack) {
     return kwz::CEdge("Kwz.kwCalc.KWFunProc", kNoMemRun, kHostThrew,
                       [&] { return FunProc(stack); });
-}
-
-KWZ_API int32_t KWCalcFormula(const char* text, CVar* result, KWCalcDef* calculator, int32_t debug) {
-    return kwz::CEdge("Kwz.kwCalc.KWCalcFormula", kNoMemRun, kHostThrew,
-                      [&] { return Formula(text, result, calculator, debug); });
-}
-
-KWZ_API int32_t KWCalcFormulaInt(const char* text, int64_t* out) {
-    return kwz::CEdge("Kwz.kwCalc.KWCalcFormulaInt", kNoMemRun, kHostThrew,
-                      [&] { return FormulaAs(text, kInt, out); });
-}
-
-KWZ_API int32_t KWCalcFormulaDbl(const char* text, double* out) {
-    return kwz::CEdge("Kwz.kwCalc.KWCalcFormulaDbl", kNoMemRun, kHostThrew,
-                      [&] { return FormulaAs(text, kDbl, out); });
 }
 
 }  // extern "C"

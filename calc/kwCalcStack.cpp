@@ -22,15 +22,33 @@ namespace {
 // value is written as 16 + 8 bytes, so that a read of the payload at byte 4
 // (v.d, v.i) lies within one store and is forwarded from it.
 void PopNum(CVar* out, const CVar* v) {
-    const char* p = reinterpret_cast<const char*>(v);
-    uint64_t w0, w1, w2;
-    std::memcpy(&w0, p, 8);
-    std::memcpy(&w1, p + 8, 8);
-    std::memcpy(&w2, p + 16, 8);
-    asm("" : "+r"(w0), "+r"(w1));  // keeps the compiler from merging the two loads
+    using AliasDbl = double __attribute__((may_alias));
+    const AliasDbl* p = reinterpret_cast<const AliasDbl*>(v);
+    // Two 8-byte loads straight into the low and high halves of one register
+    // (the empty asm keeps the compiler from merging them into one).
+    __m128d w0 = _mm_set_sd(p[0]);
+    asm("" : "+x"(w0));
+    const __m128d w01 = _mm_loadh_pd(w0, p + 1);
+    uint64_t w2;
+    std::memcpy(&w2, p + 2, 8);
     char* d = reinterpret_cast<char*>(out);
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm_set_epi64x(int64_t(w1), int64_t(w0)));
+    _mm_storeu_pd(reinterpret_cast<double*>(d), w01);
     std::memcpy(d + 16, &w2, 8);
+}
+
+// A slot that still holds a block, emptied; out of line, so that the push of
+// a slot holding a number keeps no register.
+__attribute__((noinline)) CVar* EmptiedSlot(CVar* v) {
+    SetEmpty(v);
+    return v;
+}
+
+// The pop of a value that may hold a block (or into none), out of line like
+// EmptiedSlot: 0.
+__attribute__((noinline)) int32_t PopHeld(CVar* out, CVar* v) {
+    if (out) Move(out, v);
+    else SetEmpty(v);
+    return kOk;
 }
 
 // Header rounded up so that the slots start on an 8-byte boundary.
@@ -192,8 +210,8 @@ KWZ_API CVar* KWCalcStackPush(KWCalcStack* stack) {
                       static_cast<CVar*>(nullptr), [&]() -> CVar* {
                           if (!stack || stack->top >= stack->capacity) return nullptr;
                           CVar* v = stack->slots + stack->top++;
-                          if (Plain(v)) Wipe(v);  // a number needs no freeing
-                          else SetEmpty(v);
+                          if (!Plain(v)) return EmptiedSlot(v);
+                          Wipe(v);  // a number needs no freeing
                           return v;
                       });
 }
@@ -202,14 +220,9 @@ KWZ_API int32_t KWCalcStackPop(KWCalcStack* stack, CVar* out) {
     return kwz::CEdge("Kwz.kwCalc.KWCalcStackPop", kNoMem, kStackSmall, [&] {
         if (!stack || stack->top <= stack->base) return kStackSmall;
         CVar* v = stack->slots + --stack->top;
-        if (out && Plain(v) && Plain(out)) {
-            PopNum(out, v);  // numbers on both sides: nothing to free
-            Wipe(v);
-        } else if (out) {
-            Move(out, v);
-        } else {
-            SetEmpty(v);
-        }
+        if (!out || !Plain(v) || !Plain(out)) return PopHeld(out, v);
+        PopNum(out, v);  // numbers on both sides: nothing to free
+        Wipe(v);
         return kOk;
     });
 }

@@ -403,6 +403,10 @@ void LogNoMem(const char* tag, int32_t status) {
 
 }  // namespace
 
+// SetDbl out of line, for a value that may hold a block: the setting of a
+// number then keeps no register.
+static __attribute__((noinline)) void SetDblHeld(CVar* v, double d) { SetDbl(v, d); }
+
 extern "C" {
 
 KWZ_API void CVarInit(CVar* values, int32_t count) {
@@ -450,7 +454,9 @@ KWZ_API void CVarSetInt(CVar* value, int64_t i) {
 
 KWZ_API void CVarSetDbl(CVar* value, double d) {
     kwz::CEdgeVoid("Kwz.kwCalc.CVarSetDbl", [&] {
-        if (value) SetDbl(value, d);
+        if (!value) return;
+        if (Plain(value)) PutDbl(value, d);  // the host's argument: a number needs no freeing
+        else SetDblHeld(value, d);
     });
 }
 

@@ -412,6 +412,52 @@ TEST(CalcEngine, HostProtocolAndStack) {
     KWCalcStackFree(s);
 }
 
+// The host's push, set and pop on slots and values that hold blocks or
+// numbers: what comes out, and (under the leak checker) that every block
+// replaced or dropped is freed.
+TEST(CalcEngine, PushSetPopWithBlocksAndNumbers) {
+    struct Row {
+        const char* pushed;  // formula of the value pushed
+        const char* before;  // formula of the host's value before the pop; null: pop into none
+        const char* want;    // the host's value after the pop
+    };
+    const Row rows[] = {
+        {"2.5", "1", "d:2.5"},
+        {"7", "null()", "i:7"},
+        {"\"ab\"", "1.5", "s:\"ab\""},      // a block into a number
+        {"1.5", "\"old\"", "d:1.5"},          // a number over a block
+        {"[1,\"x\"]", "[2]", "[i:1,s:\"x\"]"},
+        {"\"ab\"", nullptr, "e"},           // dropped
+        {"3", nullptr, "e"},
+    };
+    Calc c;
+    KWCalcStack* s = nullptr;
+    ASSERT_EQ(KWCalcStackCreate(c.c, &s, 4), 0);
+    for (const Row& r : rows) {
+        CVar* slot = KWCalcStackPush(s);
+        ASSERT_NE(slot, nullptr);
+        ASSERT_EQ(KWCalcFormula(r.pushed, slot, c.c, 0), 0) << r.pushed;
+        CVar out{};
+        if (r.before) {
+            ASSERT_EQ(KWCalcFormula(r.before, &out, c.c, 0), 0) << r.before;
+        }
+        EXPECT_EQ(KWCalcStackPop(s, r.before ? &out : nullptr), 0) << r.pushed;
+        EXPECT_EQ(Show(&out), r.want) << r.pushed;
+        // The slot is empty again, and a number set into a block frees it.
+        CVar* again = KWCalcStackPush(s);
+        EXPECT_EQ(again, slot);
+        EXPECT_EQ(again->type, 0) << r.pushed;
+        CVarSetDbl(&out, 0.25);
+        EXPECT_EQ(Show(&out), "d:0.25");
+        CVarSetDbl(again, -1.0);
+        EXPECT_EQ(KWCalcStackPop(s, &out), 0);
+        EXPECT_EQ(Show(&out), "d:-1");
+    }
+    CVarSetDbl(nullptr, 1.0);  // ignored
+    EXPECT_EQ(KWCalcStackPop(s, nullptr), -47);
+    KWCalcStackFree(s);
+}
+
 // The loop statements run as fused groups (load, load or literal, operator,
 // then jf or store and drop) in the fast loop, with and without an
 // instruction budget, and one by one in the full loop (under a memory

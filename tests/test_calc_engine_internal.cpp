@@ -311,7 +311,7 @@ struct DiffEngine {
         for (auto& e : calc->names) {
             if (mode == 1 && e->fast) {
                 auto copy = std::make_shared<kwz::calc::FastCode>(*e->fast);
-                copy->plans.clear();
+                copy->DropPlans();
                 e->fast = copy;
             }
             if (mode >= 2) e->fast.reset();
@@ -504,4 +504,141 @@ TEST(CalcEngineInternal, SinCosGivesTheBitsOfSinAndCos) {
     }
     EXPECT_EQ(differ, 0) << "sincos differs from sin and cos, first at " << first
                          << ": plans must call sin and cos apart on this C library";
+}
+
+// The host's call of a one-parameter function takes its straight plan under
+// exactly the conditions the general path allows it, and ends the same way
+// under each of them: status, value, step count, stack top, hook calls and
+// error reports, with plans and without.
+namespace {
+
+int gHookCalls = 0;
+int32_t CountingDebugHook(KWCalcStack*) {
+    ++gHookCalls;
+    return 0;
+}
+int32_t CountingCallHook(KWCalcStack* s) {
+    ++gHookCalls;
+    return KWFunProc(s);
+}
+
+// inner(x): g(x) through the host protocol, from inside a run (depth 1).
+int32_t HostInner(KWCalcStack* s) {
+    KWCalcNameDef* g = KWCalcNameFind(s->calculator, "g", nullptr);
+    CVar* a = KWCalcStackPush(s);
+    if (!a) return -47;
+    CVarCopy(a, KWCalcStackArg(s, 0));
+    const int32_t st = KWCalcFun1(s, g);
+    if (st != 0) return st;
+    CVar out{};
+    KWCalcStackPop(s, &out);
+    CVarMove(KWCalcStackArg(s, 0), &out);
+    return 0;
+}
+
+enum class Setup { kNone, kStop, kDebugHook, kCallHook, kSteps, kMemory, kDepth, kSmallStack, kEmptyStack };
+
+struct HostRow {
+    const char* fn;
+    const char* arg;  // formula of the argument; null: none pushed
+    Setup setup;
+    int64_t steps;    // kSteps: the budget
+    int32_t status;   // what the call gives
+};
+
+const HostRow kHostRows[] = {
+    {"g", "3", Setup::kNone, 0, 0},
+    {"g", "2.5", Setup::kNone, 0, 0},
+    {"g", "sqrt(-1)", Setup::kNone, 0, 0},
+    {"g", "\"s\"", Setup::kNone, 0, -44},
+    {"g", "null()", Setup::kNone, 0, -44},
+    {"z", "0", Setup::kNone, 0, -43},      // the plan gives up at the zero divisor
+    {"z", "0.0", Setup::kNone, 0, -43},
+    {"z", "4", Setup::kNone, 0, 0},
+    {"g", "2.5", Setup::kStop, 0, -46},
+    {"g", "2.5", Setup::kDebugHook, 0, 0},
+    {"g", "2.5", Setup::kCallHook, 0, 0},
+    {"g", "2.5", Setup::kSteps, 1, -50},
+    {"g", "2.5", Setup::kSteps, 10, -50},  // g runs 11 instructions
+    {"g", "2.5", Setup::kSteps, 11, 0},
+    {"g", "3", Setup::kMemory, 0, 0},
+    {"h", "2.5", Setup::kNone, 0, 0},      // nested: the count goes on from the caller's
+    {"h", "2.5", Setup::kSteps, 9, -50},   // within g
+    {"h", "2.5", Setup::kSteps, 18, -50},  // h and g run 19
+    {"h", "2.5", Setup::kSteps, 19, 0},
+    {"h", "2.5", Setup::kDepth, 0, -52},
+    {"g", "2.5", Setup::kSmallStack, 0, -47},
+    {"g", nullptr, Setup::kEmptyStack, 0, -47},
+};
+
+struct HostEngine {
+    KWCalcDef* calc = nullptr;
+    KWCalcStack* s = nullptr;
+    explicit HostEngine(bool plans) {
+        EXPECT_EQ(KWCalcCreate(&calc, nullptr, nullptr), 0);
+        EXPECT_EQ(KWCalcFunAdd(calc, "inner", 1, &HostInner, nullptr, nullptr), 0);
+        for (const char* text : {"g(x){Result=x*x/4+1;}", "z(x){Result=1/x;}", "h(x){Result=inner(x)+1;}"})
+            EXPECT_EQ(KWCalcFunAddI(calc, text, nullptr, 0, 0), 0) << text;
+        if (!plans)
+            for (auto& e : calc->names)
+                if (e->fast) {
+                    auto copy = std::make_shared<kwz::calc::FastCode>(*e->fast);
+                    copy->DropPlans();
+                    e->fast = copy;
+                }
+    }
+    ~HostEngine() { KWCalcDestroy(calc); }
+    Outcome Call(const HostRow& r, int32_t* top) {
+        EXPECT_EQ(KWCalcStackCreate(calc, &s, r.setup == Setup::kSmallStack ? 3 : 64), 0);
+        KWCalcStackSetHooks(s, r.setup == Setup::kDebugHook ? &CountingDebugHook : nullptr, &RecordError);
+        KWCalcSetCallHook(calc, r.setup == Setup::kCallHook ? &CountingCallHook : nullptr);
+        EXPECT_EQ(KWCalcFunSetHook(calc, r.fn, r.setup == Setup::kCallHook), 0);
+        EXPECT_EQ(KWCalcSetLimits(calc, 0, 0, 0), 0);
+        if (r.arg) {
+            EXPECT_EQ(KWCalcFormula(r.arg, KWCalcStackPush(s), calc, 0), 0) << r.arg;
+        }
+        EXPECT_EQ(KWCalcSetLimits(calc, r.setup == Setup::kSteps ? r.steps : 0,
+                                  r.setup == Setup::kMemory ? 1 << 20 : 0, r.setup == Setup::kDepth ? 1 : 0),
+                  0);
+        if (r.setup == Setup::kStop) KWCalcStackStop(s);
+        gErrors.clear();
+        gHookCalls = 0;
+        Outcome o;
+        o.status = KWCalcFun1(s, KWCalcNameFind(calc, r.fn, nullptr));
+        o.steps = s->steps;
+        o.errors = gErrors + "hooks " + std::to_string(gHookCalls);
+        *top = s->top;
+        if (o.status == 0 && s->top > 0) {
+            CVar out{};
+            EXPECT_EQ(KWCalcStackPop(s, &out), 0);
+            o.value = Text(&out);
+            CVarSetEmpty(&out);
+        }
+        KWCalcStackFree(s);
+        s = nullptr;
+        return o;
+    }
+};
+
+}  // namespace
+
+TEST(CalcEngineInternal, HostCallsMatchTheGeneralPath) {
+    HostEngine withPlans(true), without(false);
+    // The straight plans the host's call may take: g and z for both tags; h
+    // calls a host function, so it has none.
+    for (const auto& [fn, bits] : {std::pair<const char*, int>{"g", 3}, {"z", 3}, {"h", 0}})
+        EXPECT_EQ(KWCalcNameFind(withPlans.calc, fn, nullptr)->fast->straight, bits) << fn;
+    for (const HostRow& r : kHostRows) {
+        int32_t topWith = -1, topWithout = -1;
+        const Outcome got = withPlans.Call(r, &topWith);
+        const Outcome want = without.Call(r, &topWithout);
+        const std::string row = std::string(r.fn) + " " + (r.arg ? r.arg : "-") + " setup " +
+                                std::to_string(int(r.setup)) + " " + std::to_string(r.steps);
+        EXPECT_EQ(got.status, r.status) << row;
+        EXPECT_TRUE(got == want) << row << ": " << got.status << " " << got.value << " " << got.steps << " "
+                                 << got.errors << " want " << want.status << " " << want.value << " "
+                                 << want.steps << " " << want.errors;
+        EXPECT_EQ(topWith, topWithout) << row;
+        EXPECT_EQ(topWith, r.status == 0 ? 1 : 0) << row;
+    }
 }
