@@ -572,9 +572,11 @@ inline void KeepFirst(KWCalcStack* s, CVar* args, int32_t nargs) {
 // and the arguments' tags have a plan.  Leaves what a run through Run would
 // leave (the result in the first argument's slot, the same step count) and
 // returns 0; kNoPlan or kPlanGaveUp, with nothing changed, for everything
-// else, which the interpreter then runs from the start to the same outcome.  A plan that
-// passes the budget or the depth limit fails the call as the interpreter
-// would there (-50, -52: no hook sees those, no try catches them).
+// else, which the interpreter then runs from the start to the same outcome.
+// A plan that passes the budget or the depth limit fails the call as the
+// interpreter would there (-50, -52: no hook sees those, no try catches
+// them).  StraightHostCall below makes the same checks for a host's call of
+// one argument: a new condition belongs in both.
 static int32_t PlanCall(KWCalcStack* s, KWCalcNameDef* e, int32_t nargs) {
     const FastCode* fc = e->fast.get();
     if (!fc || fc->plans.empty() || s->debugHook || e->fn != &KWFunProc) return kNoPlan;
