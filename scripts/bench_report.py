@@ -73,7 +73,11 @@ def load(path):
     with open(path) as f:
         data = json.load(f)
     runs, medians = {}, {}
-    for b in data.get("benchmarks", []):
+    # Shuffled repetitions come out in run order: put the cases back in the
+    # order the program declares them.
+    cases = sorted(data.get("benchmarks", []),
+                   key=lambda b: (b.get("family_index", 0), b.get("per_family_instance_index", 0)))
+    for b in cases:
         ns = float(b["real_time"]) * UNIT_NS.get(b.get("time_unit", "ns"), 1.0)
         if b.get("run_type") == "aggregate":
             if b.get("aggregate_name") == "median":
