@@ -4,6 +4,11 @@
 //
 //   + - *      Int,Int -> Int (64-bit, wrapping); a Dbl side -> Dbl;
 //              Str + Str -> Str (both texts)
+//   NaN        + - * / with two NaN operands give the left one's NaN,
+//              quieted (sign and payload kept); with one, that NaN quieted.
+//              "-" and "/" get it from the hardware as they are written;
+//              "+" and "*" through AddDbl/MulDbl (kwCalcEngine.h), which
+//              every path uses, as the compiler may swap their operands.
 //   /          as doubles -> Dbl
 //   \          Int by Int truncating (a Dbl is cast to Int); INT64_MIN \ -1 wraps
 //   %          Int by Int truncating; a Dbl side -> fmod, Dbl
@@ -69,7 +74,7 @@ int32_t Arith(int32_t op, CVar* a) {
         a->v.i = Wrap(op == 49 ? x + y : op == 50 ? x - y : x * y);
     } else {
         const double x = AsDbl(a), y = AsDbl(b);
-        SetDbl(a, op == 49 ? x + y : op == 50 ? x - y : x * y);
+        SetDbl(a, op == 49 ? AddDbl(x, y) : op == 50 ? x - y : MulDbl(x, y));
     }
     SetEmpty(b);
     return kOk;

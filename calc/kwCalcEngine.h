@@ -6,6 +6,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -93,6 +94,29 @@ int32_t Formula(const char* text, CVar* result, KWCalcDef* calc, int32_t debug);
 // Applies operator `op` (49..90) to the value(s) at `a` (a[1] is the right
 // operand of a binary one); the result replaces a[0], a[1] is emptied.
 int32_t Operate(int32_t op, CVar* a);
+// Dbl "+" and "*" for every path that computes them (the operators, the
+// fast loops, the plans, the scalar object types), so that a NaN comes out
+// the same everywhere: with two NaN operands, the left one's NaN, quieted.
+// The sum or product first, then one branch that is taken only on an
+// unordered result; the compiler may swap the operands of x + y, so the
+// hardware's own pick between two NaNs is not kept.
+inline double NanOfLeft(double x, double r) {
+    if (x != x) {
+        uint64_t b;
+        std::memcpy(&b, &x, 8);
+        b |= uint64_t(1) << 51;  // the quiet bit; sign and payload stay
+        std::memcpy(&r, &b, 8);
+    }
+    return r;
+}
+inline double AddDbl(double x, double y) {
+    const double r = x + y;
+    return __builtin_expect(r != r, 0) ? NanOfLeft(x, r) : r;
+}
+inline double MulDbl(double x, double y) {
+    const double r = x * y;
+    return __builtin_expect(r != r, 0) ? NanOfLeft(x, r) : r;
+}
 bool IsUnary(int32_t op);
 // The truth of a value for jumps and "!": Int cast non-zero.
 int32_t Truth(const CVar* v, bool* out);

@@ -130,9 +130,9 @@ inline bool Compute(uint8_t op, Num x, Num y, Num* out) {
     if ((x.type != kInt && x.type != kDbl) || (y.type != kInt && y.type != kDbl)) return false;
     const double a = AsDouble(x), b = AsDouble(y);
     switch (op) {
-    case 49: *out = DblNum(a + b); break;
+    case 49: *out = DblNum(AddDbl(a, b)); break;
     case 50: *out = DblNum(a - b); break;
-    case 51: *out = DblNum(a * b); break;
+    case 51: *out = DblNum(MulDbl(a, b)); break;
     case 52:
         if (b == 0) return false;
         *out = DblNum(a / b);

@@ -58,9 +58,9 @@ int32_t IntOp(Op op, int64_t x, int64_t y, uint8_t flags, int64_t* r) {
 int32_t DblOp(Op op, double x, double y, uint8_t flags, double* r) {
     if ((flags & kZeroDiv) && y == 0) return kDivZero;
     switch (op) {
-    case Op::kAdd: *r = x + y; return kOk;
+    case Op::kAdd: *r = AddDbl(x, y); return kOk;
     case Op::kSub: *r = x - y; return kOk;
-    case Op::kMul: *r = x * y; return kOk;
+    case Op::kMul: *r = MulDbl(x, y); return kOk;
     case Op::kDiv:
     case Op::kDivI: *r = x / y; return kOk;
     case Op::kMod: *r = std::fmod(x, y); return kOk;

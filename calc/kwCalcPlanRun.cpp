@@ -72,9 +72,9 @@ constexpr size_t kInlineWords = 1024;  // the C stack's part: 8 KiB, used once, 
         X = int64_t(BB) == -1 ? 0 : uint64_t(int64_t(A) % int64_t(BB));        \
         NEXT();                                                                \
     cmpI: X = Compare(o->op, int64_t(A), int64_t(BB)); NEXT();                 \
-    addD: X = B(D(A) + D(BB)); NEXT();                                         \
+    addD: X = B(AddDbl(D(A), D(BB))); NEXT();                                  \
     subD: X = B(D(A) - D(BB)); NEXT();                                         \
-    mulD: X = B(D(A) * D(BB)); NEXT();                                         \
+    mulD: X = B(MulDbl(D(A), D(BB))); NEXT();                                  \
     divD:                                                                      \
         if (D(BB) == 0) GIVE_UP;                                               \
     divDK:                                                                     \
@@ -143,9 +143,9 @@ int32_t RunPlan(const Plan& p, CVar* args, KWCalcStack* s, int64_t steps) noexce
     } while (0)
     goto* kCode[o->code];
     KW_PLAN_ARITH
-addDR: PutDbl(RESULT_SLOT, D(A) + D(BB)); DONE_OK;
+addDR: PutDbl(RESULT_SLOT, AddDbl(D(A), D(BB))); DONE_OK;
 subDR: PutDbl(RESULT_SLOT, D(A) - D(BB)); DONE_OK;
-mulDR: PutDbl(RESULT_SLOT, D(A) * D(BB)); DONE_OK;
+mulDR: PutDbl(RESULT_SLOT, MulDbl(D(A), D(BB))); DONE_OK;
 divDR:
     if (D(BB) == 0) return kNoPlan;
 divDKR:

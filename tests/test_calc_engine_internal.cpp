@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <set>
@@ -218,6 +219,20 @@ const char* const kDiffScripts[] = {
     // a zero divisor after the recursion's work: the plan gives up at the
     // top, and the interpreter's calls below run without plans
     "late(n){if(n==0){Result=1;exit;}Result=late(n-1)+late(n-1);if(n==3){Result=Result\\(n-3);}}",
+    // Two NaNs: the left one's, quieted, in every engine and every op form
+    // (fused returns, ops in the middle, loops, call arguments).
+    "nadd(a,b){Result=a+b;}",
+    "nmul(a,b){Result=a*b;}",
+    "nsub(a,b){Result=a-b;}",
+    "ndiv(a,b){Result=a/b;}",
+    "nmid(a,b){var t;t=a+b;Result=t*0.5;}",
+    "nmidm(a,b){var t;t=b*a;Result=t-1;}",
+    "nneg(a){Result=(-a)+sin(a);}",
+    "nnegm(a){Result=sqrt(a)*(-a);}",
+    "nloop(a,b){var i,s;i=0;s=a;while(i<3){i=i+1;s=s+b;}Result=s;}",
+    "nloopm(a,b){var i,s;i=0;s=b;while(i<3){i=i+1;s=a*s;}Result=s;}",
+    "nid(x){Result=x;}",
+    "narg(a,b){Result=nid(b*a)+nid(a+b);}",
 };
 
 // Compiled with debug points (instructions that only count).
@@ -228,9 +243,18 @@ const char* const kDiffDebugScripts[] = {
 
 struct DiffRow {
     const char* fn;
-    std::vector<const char*> args;  // formulas giving the arguments
+    std::vector<const char*> args;  // formulas giving the arguments, or "#" and a Dbl's bits in hex
     int32_t depth = 0;              // the call-depth limit (0: the default)
+    uint64_t want = 0;              // when not 0: the bits of the Dbl every engine must give
 };
+
+// NaNs of both signs, quiet and signalling, each with its own payload.
+#define QP "#7FF8000000000001"  // +quiet, payload 1
+#define QN "#FFF8000000000002"  // -quiet, payload 2
+#define SP "#7FF0000000000003"  // +signalling, payload 3
+#define SN "#FFF0000000000004"  // -signalling, payload 4
+constexpr uint64_t kQP = 0x7FF8000000000001, kQN = 0xFFF8000000000002;
+constexpr uint64_t kSPq = 0x7FF8000000000003, kSNq = 0xFFF8000000000004;  // quieted
 
 const DiffRow kDiffRows[] = {
     {"f", {"0.5"}}, {"f", {"3"}}, {"f", {"sqrt(-1)"}}, {"f", {"\"s\""}},
@@ -267,7 +291,25 @@ const DiffRow kDiffRows[] = {
     {"brkout", {"3"}}, {"brkout", {"1.5"}}, {"ife", {"3"}}, {"ife", {"-3"}}, {"ife", {"0.5"}},
     {"tri", {"6"}}, {"tri", {"4.5"}}, {"fact", {"10"}}, {"fact", {"25"}}, {"fact", {"10.0"}},
     {"nf", {"5"}}, {"nf", {"3.25"}}, {"late", {"3"}}, {"late", {"5"}}, {"late", {"2"}},
+    // Two NaNs give the left one's, quieted; one NaN gives that one.
+    {"nadd", {QP, QN}, 0, kQP}, {"nadd", {QN, QP}, 0, kQN}, {"nadd", {SP, SN}, 0, kSPq},
+    {"nadd", {SN, QP}, 0, kSNq}, {"nadd", {QP, SN}, 0, kQP}, {"nadd", {"1", SN}, 0, kSNq},
+    {"nadd", {SP, "2.5"}, 0, kSPq}, {"nadd", {"sqrt(-1)", "-sqrt(-1)"}, 0, 0xFFF8000000000000},
+    {"nmul", {QP, QN}, 0, kQP}, {"nmul", {QN, QP}, 0, kQN}, {"nmul", {SN, SP}, 0, kSNq},
+    {"nmul", {QN, SP}, 0, kQN}, {"nmul", {"0.5", SP}, 0, kSPq}, {"nmul", {"1e308*10", "0.0"}},
+    {"nsub", {QP, QN}, 0, kQP}, {"nsub", {QN, SP}, 0, kQN}, {"nsub", {SN, QP}, 0, kSNq},
+    {"ndiv", {QN, QP}, 0, kQN}, {"ndiv", {SP, QN}, 0, kSPq}, {"ndiv", {QP, SN}, 0, kQP},
+    {"nmid", {QP, QN}, 0, kQP}, {"nmid", {SN, QP}, 0, kSNq}, {"nmidm", {QP, QN}, 0, kQN},
+    {"nmidm", {SN, SP}, 0, kSPq}, {"nneg", {"sqrt(-1)"}, 0, kQP - 1}, {"nneg", {SN}, 0, kSPq + 1},
+    {"nnegm", {"sqrt(-1)"}, 0, 0xFFF8000000000000}, {"nnegm", {QP}, 0, kQP},
+    {"nloop", {QP, QN}, 0, kQP}, {"nloop", {QN, SP}, 0, kQN}, {"nloop", {"1.5", QN}, 0, kQN},
+    {"nloopm", {QP, QN}, 0, kQP}, {"nloopm", {SN, QP}, 0, kSNq}, {"nloopm", {"2", SP}, 0, kSPq},
+    {"narg", {QP, QN}, 0, kQN}, {"narg", {SP, SN}, 0, kSNq},
 };
+#undef QP
+#undef QN
+#undef SP
+#undef SN
 
 struct Outcome {
     int32_t status = 0;
@@ -326,7 +368,16 @@ struct DiffEngine {
     }
     Outcome Call(const DiffRow& r, int64_t budget) {
         EXPECT_EQ(KWCalcSetLimits(calc, 0, 0, 0), 0);
-        for (const char* a : r.args) EXPECT_EQ(KWCalcFormula(a, KWCalcStackPush(s), calc, 0), 0) << a;
+        for (const char* a : r.args) {
+            if (a[0] == '#') {
+                const uint64_t bits = std::strtoull(a + 1, nullptr, 16);
+                double d;
+                std::memcpy(&d, &bits, 8);
+                kwz::calc::PutDbl(KWCalcStackPush(s), d);
+                continue;
+            }
+            EXPECT_EQ(KWCalcFormula(a, KWCalcStackPush(s), calc, 0), 0) << a;
+        }
         EXPECT_EQ(KWCalcSetLimits(calc, budget, memory, r.depth), 0);
         gErrors.clear();
         Outcome o;
@@ -351,7 +402,8 @@ TEST(CalcEngineInternal, FastPathsMatchTheGeneralPath) {
     DiffEngine engines[] = {DiffEngine(0), DiffEngine(1), DiffEngine(2), DiffEngine(3)};
     // The plans exist for the pure-arithmetic bodies, not for the others.
     for (const char* fn : {"f", "div", "idiv", "poly", "alias", "fd", "cs", "csmove", "csself", "csnest",
-                           "divk", "divk0", "divkn", "mulr", "lastnot"}) {
+                           "divk", "divk0", "divkn", "mulr", "lastnot", "nadd", "nmul", "nsub", "ndiv",
+                           "nmid", "nmidm", "nneg", "nnegm"}) {
         const KWCalcNameDef* e = KWCalcNameFind(engines[0].calc, fn, nullptr);
         ASSERT_TRUE(e && e->fast) << fn;
         EXPECT_FALSE(e->fast->plans.empty()) << fn;
@@ -378,7 +430,8 @@ TEST(CalcEngineInternal, FastPathsMatchTheGeneralPath) {
         {"noend", {true, false}},       {"half", {false, false}},  {"zeroin", {false, false}},
         {"sumd", {true, true}},         {"brkout", {false, false}}, {"ife", {true, true}},
         {"tri", {true, true}},          {"fact", {true, false}},   {"nf", {true, true}},
-        {"late", {true, false}},
+        {"late", {true, false}},        {"nloop", {true, true, false, true}},
+        {"nloopm", {true, false, true, true}},
     };
     for (const Flow& w : flows) {
         const KWCalcNameDef* e = KWCalcNameFind(engines[0].calc, w.fn, nullptr);
@@ -409,6 +462,9 @@ TEST(CalcEngineInternal, FastPathsMatchTheGeneralPath) {
     }
     for (const DiffRow& r : kDiffRows) {
         const Outcome want = engines[3].Call(r, 1000000);
+        if (r.want) {
+            EXPECT_EQ(want.value, "d" + std::to_string(r.want)) << r.fn << " " << r.args[0] << " " << r.args.back();
+        }
         for (int m = 0; m < 3; ++m) {
             const Outcome got = engines[m].Call(r, 1000000);
             EXPECT_TRUE(got == want) << r.fn << " " << r.args[0] << " engine " << m << ": " << got.status << " "

@@ -270,6 +270,12 @@ TEST_F(calcObjs, OperatorsByPromotionTable) {
         {0, "==", Dbl(2), DS(1, 0), 0, "Int 0"},  // Dbl == DblS is B > A
         {0, "==", Dbl(0.5), DS(1, 0), 0, "Int 1"},
         {0, "!=", DS(1, 0), Dbl(kNaN), 0, "Int 1"},
+        // Two NaNs in + and *: the left one's, whichever side is the object.
+        {0, "+", DS(kNaN, 1), Dbl(-kNaN), 0, "DblS(nan,1)"},
+        {0, "+", Dbl(-kNaN), DS(kNaN, 1), 0, "DblS(-nan,1)"},
+        {0, "*", DS(-kNaN, 2), DS(kNaN, 1), 0, "DblS(-nan,3)"},
+        {0, "*", Dbl(kNaN), DS(-kNaN, 1), 0, "DblS(nan,1)"},
+        {0, "-", DS(-kNaN, 0), Dbl(kNaN), 0, "DblS(-nan,0)"},
         {0, "<", DS(1, 0), Int(2), 0, "Int 1"},
         {0, ">=", Dbl(3), DS(2, 0), 0, "Int 1"},
         {0, "<=", DS(1, 0), Str("x"), -44, "DblS(1,0)"},
