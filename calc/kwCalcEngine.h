@@ -110,7 +110,18 @@ inline double NanOfLeft(double x, double r) {
     }
     return r;
 }
-#if defined(__x86_64__) && defined(__SSE2__)
+#if defined(__x86_64__) && defined(__AVX__)
+inline double AddDbl(double x, double y) {
+    double r;
+    asm("vaddsd %2, %1, %0" : "=x"(r) : "x"(x), "xm"(y));
+    return r;
+}
+inline double MulDbl(double x, double y) {
+    double r;
+    asm("vmulsd %2, %1, %0" : "=x"(r) : "x"(x), "xm"(y));
+    return r;
+}
+#elif defined(__x86_64__) && defined(__SSE2__)
 inline double AddDbl(double x, double y) {
     asm("addsd %1, %0" : "+x"(x) : "xm"(y));
     return x;
