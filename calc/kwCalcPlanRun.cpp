@@ -51,15 +51,6 @@ thread_local const KWCalcStack* tOffStack = nullptr;
 thread_local int32_t tOffDepth = 0;
 constexpr size_t kInlineWords = 1024;  // the C stack's part: 8 KiB, used once, at the innermost call
 
-// GCC merges the identical tails after "+" and "*" (the store and the jump
-// to the next operation), and the merged jump then serves two operations in
-// the branch predictor; kept apart on purpose.
-#if defined(__GNUC__) && !defined(__clang__)
-#define KW_OWN_TAILS __attribute__((optimize("no-crossjumping")))
-#else
-#define KW_OWN_TAILS
-#endif
-
 }  // namespace
 
 // The operations on numbers both loops share; the loop defines A, BB, X
@@ -107,7 +98,7 @@ constexpr size_t kInlineWords = 1024;  // the C stack's part: 8 KiB, used once, 
         ::sincos(D(A), reinterpret_cast<AliasDbl*>(&X), reinterpret_cast<AliasDbl*>(&BB)); \
         NEXT();
 
-KW_OWN_TAILS int32_t RunPlan(const Plan& p, CVar* args, KWCalcStack* s, int64_t steps) noexcept {
+int32_t RunPlan(const Plan& p, CVar* args, KWCalcStack* s, int64_t steps) noexcept {
     // Threaded: every operation jumps to the next one's code itself, so
     // each has its own place in the branch predictor.  In PlanCode order;
     // the flow plans' codes never occur here.
