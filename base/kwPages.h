@@ -14,6 +14,8 @@
 #include <mutex>
 #include <new>
 
+#include "base/kwSanitize.h"
+
 namespace kwz {
 
 constexpr size_t kPageChunkBytes = size_t{2} << 20;
@@ -23,17 +25,7 @@ constexpr size_t kPageLargeBytes = kPageChunkBytes;
 
 // Under AddressSanitizer every slot and array is an ordinary heap block, so
 // that leak detection and the use-after-free checks see each record.
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kPagesFromHeap = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-constexpr bool kPagesFromHeap = true;
-#else
-constexpr bool kPagesFromHeap = false;
-#endif
-#else
-constexpr bool kPagesFromHeap = false;
-#endif
+constexpr bool kPagesFromHeap = kAddressSanitizer;
 
 // Slots of one size (rounded up to 64 bytes, at most a chunk less 64 bytes),
 // 64-byte aligned (as malloc aligns when they are heap blocks).  Thread-safe.  Each Take counts as one allocation for the

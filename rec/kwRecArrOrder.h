@@ -17,15 +17,13 @@
 
 #include <VomKwz.h>
 
+#include "base/kwSanitize.h"
+
 // Debug builds and AddressSanitizer builds check the key orders' invariants
 // after every change (KWZ_DEBUG_CHECKS may also be defined by hand).
 #if !defined(KWZ_DEBUG_CHECKS)
-#if !defined(NDEBUG) || defined(__SANITIZE_ADDRESS__)
+#if !defined(NDEBUG) || KWZ_ADDRESS_SANITIZER
 #define KWZ_DEBUG_CHECKS 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define KWZ_DEBUG_CHECKS 1
-#endif
 #endif
 #endif
 

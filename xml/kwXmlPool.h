@@ -7,6 +7,7 @@
 #include <new>
 
 #include "base/kwMem.h"
+#include "base/kwSanitize.h"
 
 namespace kwz::xml {
 
@@ -17,11 +18,7 @@ constexpr size_t kSlabBytes = size_t{256} << 10;
 
 // Under AddressSanitizer every block is a heap block of its own, so that a
 // leaked or freed node is seen exactly as a heap block is.
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kHeapBlocks = true;
-#else
-constexpr bool kHeapBlocks = false;
-#endif
+constexpr bool kHeapBlocks = kwz::kAddressSanitizer;
 
 // The thread's place in its current slab (see kwXmlPool.cpp).
 struct PoolCursor {
